@@ -1,5 +1,7 @@
 #include "platform/clock.h"
 
+#include <atomic>
+
 namespace zn {
 namespace {
 
@@ -31,6 +33,17 @@ Clock& systemClock() {
     static SystemClock clock;
     return clock;
 }
+
+namespace {
+std::atomic<Clock*> g_processClock{nullptr};
+}  // namespace
+
+Clock& processClock() {
+    Clock* c = g_processClock.load(std::memory_order_acquire);
+    return c != nullptr ? *c : systemClock();
+}
+
+void setProcessClock(Clock* clock) { g_processClock.store(clock, std::memory_order_release); }
 
 FakeClock::FakeClock(timespec wallStart) : wall_(wallStart) {}
 

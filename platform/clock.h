@@ -28,6 +28,11 @@ public:
 // The process's real clock.
 Clock& systemClock();
 
+// The clock that process-wide helpers read (getCurrentTime, default schedules):
+// the system clock unless a test installed another. Not owned; null restores.
+Clock& processClock();
+void setProcessClock(Clock* clock);
+
 // A clock that moves only when told to. Waiters poll it in short real-time
 // slices, so advance() needs no registry of sleepers.
 class FakeClock final : public Clock {
