@@ -1,0 +1,73 @@
+// Named one-shot operations run on the schedule's own timer thread, at an
+// absolute wall-clock time or after a number of seconds. Operations due at
+// the same moment run in the order they were added. removeOperation(arg)
+// cancels what is pending for `arg` and, when called from another thread,
+// waits for a run of it already in progress, so the caller may then destroy
+// what `arg` points to. Thread-safe.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <ctime>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "platform/clock.h"
+
+namespace tarn_rmf2v {
+
+class RMSchedule {
+public:
+    using Operation = void (*)(void*);
+
+    // The clock is not owned; it must outlive the schedule.
+    explicit RMSchedule(zn::Clock& clock = zn::processClock());
+    // Stops the timer thread; pending operations are dropped, a running one
+    // is waited for.
+    ~RMSchedule();
+    RMSchedule(const RMSchedule&) = delete;
+    RMSchedule& operator=(const RMSchedule&) = delete;
+
+    // Runs fn(arg) once at the wall-clock time *when (at once if it is past).
+    // The time is turned into a monotonic deadline when added, so a later
+    // change of the system date does not move it.
+    void addOperation(const char* name, Operation fn, void* arg, timespec* when);
+    // Runs fn(arg) once after `seconds`.
+    void addOperation(const char* name, Operation fn, void* arg, unsigned int seconds);
+    // Cancels every pending operation for arg; returns how many were pending.
+    // Harmless when none is (the operation already ran, or never existed).
+    unsigned removeOperation(void* arg);
+
+    // Pending operations (for status and tests).
+    size_t pending() const;
+    // Operations run so far.
+    uint64_t completed() const;
+
+private:
+    struct Entry {
+        std::string name;
+        Operation fn;
+        void* arg;
+    };
+    using Key = std::pair<zn::Clock::Duration, uint64_t>;  // deadline, sequence
+
+    void add(const char* name, Operation fn, void* arg, zn::Clock::Duration deadline);
+    void loop();
+
+    zn::Clock& clock_;
+    mutable std::mutex mu_;
+    std::condition_variable cv_;      // wakes the timer thread
+    std::condition_variable doneCv_;  // signals the end of a run
+    // Guarded by mu_:
+    std::map<Key, Entry> queue_;
+    uint64_t seq_ = 0;
+    uint64_t completed_ = 0;
+    void* runningArg_ = nullptr;
+    bool running_ = false;
+    bool stop_ = false;
+    std::thread thread_;  // last: started when everything else is ready
+};
+
+}  // namespace tarn_rmf2v
