@@ -14,6 +14,7 @@ inline constexpr char kRootEnv[] = "ZN_ROOT";
 inline constexpr char kStateDir[] = "/var/zn";
 inline constexpr char kRegistryTree[] = "/var/zn/IW/registry/local_tree";
 inline constexpr char kNodeIdFile[] = "/var/zn/IW/node_id";
+inline constexpr char kDomainNameFile[] = "/var/zn/cfg/domain_name";
 inline constexpr char kTraceDir[] = "/var/zn/trace";
 inline constexpr char kSocketDir[] = "/var/zn/soc";
 inline constexpr char kPexSocket[] = "/var/zn/soc/znpex.sock";
