@@ -27,7 +27,11 @@ sigset_t asynchronousSignals() {
 
 CRunnable::~CRunnable() {
     if (thread_.joinable()) {
-        thread_.join();
+        if (thread_.get_id() == std::this_thread::get_id()) {
+            thread_.detach();  // a body deleting itself cannot wait for itself
+        } else {
+            thread_.join();
+        }
     }
 }
 
