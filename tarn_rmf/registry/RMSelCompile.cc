@@ -66,7 +66,7 @@ RMSelClass operandClass(const RMSelOperandC& o) {
 }
 
 class Compiler {
-  public:
+public:
     Compiler(const RMSelSchema& schema, RMSelection::Storage& storage,
              std::vector<std::string>& params)
         : schema_(schema), storage_(storage), params_(params) {}
@@ -97,7 +97,7 @@ class Compiler {
         }
     }
 
-  private:
+private:
     void compare(const RMSelNode& in, RMSelection::Node& out) {
         out.op = in.op;
         out.a = operand(in.a);
@@ -246,6 +246,9 @@ std::string rmSelIncompatibility(RMSelOp op, RMSelClass a, bool aArray, RMSelCla
     bool emptyList = b == RMSelClass::Unknown && bArray;
     if (a == RMSelClass::Structured || b == RMSelClass::Structured) {
         return "structured data can't be compared";
+    }
+    if ((op == RMSelOp::Match || op == RMSelOp::NoMatch) && a != RMSelClass::String) {
+        return "a pattern matches strings only";
     }
     if (a != b && !emptyList) {
         return std::string("type mismatch: \"") + opText(op) + "\" can't compare " + sides;

@@ -248,7 +248,7 @@ bool eval(const Node& n, const RMValueSource& row, const RMSelBinding& bind) {
 
 // The source used where only constants and parameters are fetched.
 class NoRow final : public RMValueSource {
-  public:
+public:
     bool value(int, RMValueView&) const override { return false; }
 };
 
@@ -303,13 +303,16 @@ bool planNode(const Node& n, const RMSelBinding& bind, const void* fn,
             out.insert(out.end(), best.begin(), best.end());
             return found;
         }
-        case RMSelNode::Kind::Or:
+        case RMSelNode::Kind::Or: {
+            std::vector<RMSelProbe> all;
             for (const Node& k : n.kids) {
-                if (!planNode(k, bind, fn, call, out)) {
+                if (!planNode(k, bind, fn, call, all)) {
                     return false;
                 }
             }
+            out.insert(out.end(), all.begin(), all.end());
             return true;
+        }
         default:
             return false;
     }
@@ -353,7 +356,11 @@ bool RMSelection::evaluate(const RMValueSource& row, const RMSelBinding& binding
 bool RMSelection::planImpl(const RMSelBinding& binding, const void* fn,
                            bool (*call)(const void*, int), std::vector<RMSelProbe>& out) const {
     out.clear();
-    return planNode(*root_, binding, fn, call, out);
+    if (!planNode(*root_, binding, fn, call, out)) {
+        out.clear();
+        return false;
+    }
+    return true;
 }
 
 }  // namespace tarn_rmf

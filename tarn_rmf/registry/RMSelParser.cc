@@ -80,7 +80,7 @@ bool equalsNoCase(std::string_view a, std::string_view b) {
 }
 
 class Lexer {
-  public:
+public:
     explicit Lexer(std::string_view s) : s_(s) {}
 
     Token next() {
@@ -168,7 +168,7 @@ class Lexer {
         fail(t.pos, std::string("unexpected character '") + c + "'");
     }
 
-  private:
+private:
     void number(Token& t) {
         RMSelLiteral& lit = t.literal;
         lit.pos = t.pos;
@@ -305,7 +305,7 @@ class Lexer {
 };
 
 class Parser {
-  public:
+public:
     explicit Parser(std::string_view s) : lex_(s) { advance(); }
 
     std::unique_ptr<RMSelNode> selection() {
@@ -329,7 +329,7 @@ class Parser {
         return n;
     }
 
-  private:
+private:
     void advance() { tok_ = lex_.next(); }
 
     // One flat node for a chain of the same operator.

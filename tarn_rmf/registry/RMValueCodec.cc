@@ -39,7 +39,7 @@ uint64_t getLe(const unsigned char* p, size_t width) {
 
 // Walks the elements of a structured-data view, packed or not.
 class SdCursor {
-  public:
+public:
     explicit SdCursor(const RMValueView& sd)
         : pos_(sd.data), left_(sd.isNull ? 0 : sd.len), packed_(sd.packed) {}
     bool next(RMValueView& out) {
@@ -59,7 +59,7 @@ class SdCursor {
         return true;
     }
 
-  private:
+private:
     const unsigned char* pos_;
     uint32_t left_;
     bool packed_;

@@ -1,0 +1,94 @@
+// Helpers shared by the registry tests: a per-test directory set as ZN_ROOT,
+// owned values that free themselves, and field builders.
+#pragma once
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include "platform/paths.h"
+#include "platform/zn_types.h"
+#include "tarn_rmf/registry/RMBaseTable.h"
+
+namespace regtest {
+
+// A fresh directory for one test, made the root of every fixed path; removed
+// at the end.
+class TempRoot {
+public:
+    TempRoot() {
+        std::string tmpl = (std::filesystem::temp_directory_path() / "orvrm-reg-XXXXXX").string();
+        char* made = mkdtemp(tmpl.data());
+        dir_ = made != nullptr ? made : "";
+        setenv(zn::paths::kRootEnv, dir_.c_str(), 1);
+    }
+    ~TempRoot() {
+        unsetenv(zn::paths::kRootEnv);
+        std::error_code ec;
+        std::filesystem::remove_all(dir_, ec);
+    }
+    TempRoot(const TempRoot&) = delete;
+    TempRoot& operator=(const TempRoot&) = delete;
+    const std::string& dir() const { return dir_; }
+
+private:
+    std::string dir_;
+};
+
+// A zn value with its type, freed on destruction.
+class Owned {
+public:
+    Owned() = default;
+    Owned(zn_data_type_t t, zn_value_t v) : type_(t), v_(v) {}
+    ~Owned() { zn_value_free(type_, v_); }
+    Owned(Owned&& o) noexcept : type_(o.type_), v_(o.v_) { o.v_.val_uint64 = 0; }
+    Owned(const Owned&) = delete;
+    Owned& operator=(const Owned&) = delete;
+    const zn_value_t& value() const { return v_; }
+    zn_data_type_t type() const { return type_; }
+    std::string str() const { return v_.ptr_char != nullptr ? v_.ptr_char : "<null>"; }
+
+private:
+    zn_data_type_t type_ = ZN_NONE;
+    zn_value_t v_{};
+};
+
+inline tarn_rmf::RMFieldValue field(const char* name, const char* s) {
+    return {name, -1, ZN_CHAR_PTR, zn_value_t{.ptr_char = const_cast<char*>(s)}};
+}
+inline tarn_rmf::RMFieldValue field(const char* name, uint32_t u) {
+    return {name, -1, ZN_UINT32, zn_value_t{.val_uint32 = u}};
+}
+inline tarn_rmf::RMFieldValue field64(const char* name, uint64_t u) {
+    return {name, -1, ZN_UINT64, zn_value_t{.val_uint64 = u}};
+}
+inline tarn_rmf::RMFieldValue field(const char* name, const zn_resource_handle& h) {
+    return {name, -1, ZN_RSRC_HANDLE_PTR,
+            zn_value_t{.ptr_rsrc_handle = const_cast<zn_resource_handle*>(&h)}};
+}
+inline tarn_rmf::RMFieldValue field(const char* name, zn_data_type_t t, zn_value_t v) {
+    return {name, -1, t, v};
+}
+
+inline zn_resource_handle handle(unsigned n) {
+    zn_resource_handle h{};
+    for (unsigned i = 0; i < sizeof h.bytes; ++i) {
+        h.bytes[i] = static_cast<unsigned char>(n >> (8 * (i % 4)));
+    }
+    h.bytes[19] = 0xA5;
+    return h;
+}
+
+// A string from column `name` of row `row`.
+inline std::string text(const tarn_rmf::RMRowSet& rs, unsigned row, const char* name) {
+    Owned v(ZN_CHAR_PTR, rs.getField(row, name));
+    return v.str();
+}
+
+inline uint64_t number(const tarn_rmf::RMRowSet& rs, unsigned row, const char* name) {
+    int c = rs.getColumnIndex(name);
+    tarn_rmf::RMValueView v = rs.viewField(row, static_cast<unsigned>(c));
+    return v.num.u;
+}
+
+}  // namespace regtest
