@@ -7,11 +7,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "platform/paths.h"
 #include "tests/support/TempDir.h"
@@ -46,6 +48,30 @@ inline std::string entryLine(const std::string& identity, const char* type, cons
     std::snprintf(buf, sizeof buf, "\t%30s\t%s %-2s # %s\n", identity.c_str(), type, level,
                   comment.c_str());
     return buf;
+}
+
+// The first tokens of the entry lines of one stanza, in file order.
+inline std::vector<std::string> stanzaIdentities(const std::string& text,
+                                                 const std::string& stanza) {
+    std::vector<std::string> ids;
+    std::istringstream in(text);
+    std::string line;
+    bool inside = false;
+    while (std::getline(in, line)) {
+        if (!line.empty() && std::isalpha(static_cast<unsigned char>(line[0])) != 0) {
+            std::istringstream head(line);
+            std::string name;
+            head >> name;
+            inside = name == stanza;
+            continue;
+        }
+        std::istringstream words(line);
+        std::string first;
+        if (inside && line[0] != '#' && (words >> first)) {
+            ids.push_back(first);
+        }
+    }
+    return ids;
 }
 
 class AclTestRoot {
