@@ -1,0 +1,271 @@
+// What survives a reopen: write-through and synced changes, definitions
+// upgraded with more columns, filtered views; and what a damaged store, a
+// damaged row or a bad definition gives.
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <fstream>
+#include <string>
+
+#include "tarn_rmf/registry/RMTableError.h"
+#include "tarn_rmf/registry/RMTree.h"
+#include "tests/tarn_rmf/registry_test_util.h"
+
+namespace {
+
+using namespace tarn_rmf;
+using regtest::field;
+using regtest::field64;
+
+const char kPath[] = "/Kor/NodeGroup/Resources";
+
+const RMPersAttrDefs kV1[] = {
+    {"ResourceHandle", ZN_RSRC_HANDLE_PTR, rmNoDefault(), 0x32},
+    {"Name", ZN_CHAR_PTR, rmStrDefault(""), 0x07},
+    {"NodeIDs", ZN_UINT64_ARRAY, rmNoDefault(), 0x2A},
+};
+const RMPersAttrDefs kV2[] = {
+    {"ResourceHandle", ZN_RSRC_HANDLE_PTR, rmNoDefault(), 0x32},
+    {"Name", ZN_CHAR_PTR, rmStrDefault(""), 0x07},
+    {"NodeIDs", ZN_UINT64_ARRAY, rmNoDefault(), 0x2A},
+    {"ValidateNodes", ZN_UINT32, rmUintDefault(1), 0x2B},
+    {"SelectStr", ZN_CHAR_PTR, rmStrDefault("*"), 0x0B},
+};
+
+class StoreTest : public ::testing::Test {
+protected:
+    // Opens the tree afresh, as a restarted daemon would.
+    std::unique_ptr<RMTree> openTree() {
+        auto t = std::make_unique<RMTree>(zn::paths::kRegistryTree);
+        t->mountTree();
+        return t;
+    }
+    RMCachedTable* open(RMTree& t, const RMPersAttrDefs* defs, unsigned n,
+                        const char* filter = nullptr) {
+        return RMCreateResourceTable(&t, kPath, defs, n, "ResourceHandle", filter, 0);
+    }
+    RMRowId addGroup(RMCachedTable* t, unsigned n, const char* name, uint64_t owner) {
+        zn_resource_handle h = regtest::handle(n);
+        zn_array* ids = zn_array_new(1);
+        ids->elements[0].val_uint64 = owner;
+        RMFieldValue v[] = {field("ResourceHandle", h), field("Name", name),
+                            field("NodeIDs", ZN_UINT64_ARRAY, zn_value_t{.ptr_array = ids})};
+        RMRowId id = t->addRow(v, 3);
+        std::free(ids);
+        return id;
+    }
+    std::string dbFile() const { return root_.dir() + zn::paths::kRegistryTree + "/registry.db"; }
+
+    regtest::TempRoot root_;
+};
+
+TEST_F(StoreTest, WriteThroughAndSyncedChangesAreInTheStoreAndDeferredOnesAreNot) {
+    auto tree = openTree();
+    RMCachedTable* t = open(*tree, kV1, 3);
+    EXPECT_EQ(t->getSyncMode(), 0u);
+    addGroup(t, 1, "deferred", 1);
+    t->setSyncMode(1);  // writes the pending row first
+    addGroup(t, 2, "through", 1);
+    t->setSyncMode(0);
+    addGroup(t, 3, "pending", 1);
+    EXPECT_EQ(t->pendingCount(), 1u);
+
+    // A second tree on the same directory sees what a restart would see now.
+    {
+        auto other = openTree();
+        RMCachedTable* o = open(*other, kV1, 3);
+        EXPECT_EQ(o->select("Name IN {\"deferred\", \"through\"}").getRowCount(), 2u);
+        EXPECT_EQ(o->select("Name == \"pending\"").getRowCount(), 0u);
+        other->closeTable(o);
+    }
+    t->sync();
+    EXPECT_EQ(t->pendingCount(), 0u);
+    {
+        auto other = openTree();
+        RMCachedTable* o = open(*other, kV1, 3);
+        EXPECT_EQ(o->getRowCount(), 3u);
+        other->closeTable(o);
+    }
+    // A deferred delete and change reach the store on close.
+    t->deleteRows("Name == \"through\"");
+    RMFieldValue v[] = {field("Name", "renamed")};
+    t->changeRows("Name == \"pending\"", nullptr, v, 1);
+    tree->closeTable(t);
+    tree.reset();
+    tree = openTree();
+    t = open(*tree, kV1, 3);
+    EXPECT_EQ(t->select("Name IN {\"deferred\", \"renamed\"}").getRowCount(), 2u);
+    EXPECT_EQ(t->getRowCount(), 2u);
+    EXPECT_EQ(tree->checkIntegrity(), "ok");
+    tree->closeTable(t);
+}
+
+TEST_F(StoreTest, ClassTablesHaveOneRowOfDefaultsAndWriteThrough) {
+    const RMPersAttrDefs cls[] = {{"Variety", ZN_UINT32, rmUintDefault(1), 0}};
+    auto tree = openTree();
+    RMCachedTable* c = RMCreateClassTable(tree.get(), "/Kor/NodeGroup/Class", cls, 1);
+    EXPECT_EQ(c->getSyncMode(), 1u);
+    RMRowSet rs = c->getMetadata();
+    ASSERT_EQ(rs.getRowCount(), 1u);
+    EXPECT_EQ(regtest::number(rs, 0, "Variety"), 1u);
+    RMFieldValue v[] = {field("Variety", 7u)};
+    EXPECT_EQ(c->changeRows("*", nullptr, v, 1), 1u);
+    tree.reset();  // no close: the change was written through
+    tree = openTree();
+    c = RMCreateClassTable(tree.get(), "/Kor/NodeGroup/Class", cls, 1);
+    rs = c->getMetadata();
+    ASSERT_EQ(rs.getRowCount(), 1u);
+    EXPECT_EQ(regtest::number(rs, 0, "Variety"), 7u);
+}
+
+TEST_F(StoreTest, MoreColumnsUpgradeTheTableAndKeepEveryRow) {
+    auto tree = openTree();
+    RMCachedTable* t = open(*tree, kV1, 3);
+    addGroup(t, 1, "g1", 5);
+    addGroup(t, 2, "g2", 5);
+    tree->closeTable(t);
+    tree = openTree();
+    t = open(*tree, kV2, 5);
+    RMRowSet rs = t->select("ValidateNodes == 1 && SelectStr == \"*\"");
+    ASSERT_EQ(rs.getRowCount(), 2u);
+    EXPECT_EQ(regtest::text(rs, 1, "Name"), "g2");
+    RMFieldValue v[] = {field("SelectStr", "Hostname =~ \"^c\"")};
+    t->changeRows("Name == \"g1\"", nullptr, v, 1);
+    tree->closeTable(t);
+    // An older definition (fewer columns) still opens, on the stored columns.
+    tree = openTree();
+    t = open(*tree, kV1, 3);
+    EXPECT_EQ(t->getSchema().size(), 5u);
+    EXPECT_EQ(regtest::text(t->select("Name == \"g1\""), 0, "SelectStr"), "Hostname =~ \"^c\"");
+    tree->closeTable(t);
+}
+
+TEST_F(StoreTest, DefinitionsThatDisagreeWithTheStoreOrThemselvesAreRefused) {
+    auto tree = openTree();
+    tree->closeTable(open(*tree, kV1, 3));
+    const RMPersAttrDefs retyped[] = {{"ResourceHandle", ZN_RSRC_HANDLE_PTR, rmNoDefault(), 0},
+                                      {"Name", ZN_UINT32, rmNoDefault(), 0}};
+    const RMPersAttrDefs renamed[] = {{"ResourceHandle", ZN_RSRC_HANDLE_PTR, rmNoDefault(), 0},
+                                      {"Label", ZN_CHAR_PTR, rmNoDefault(), 0}};
+    const RMPersAttrDefs twice[] = {{"A", ZN_UINT32, rmNoDefault(), 0},
+                                    {"A", ZN_UINT32, rmNoDefault(), 0}};
+    const RMPersAttrDefs badName[] = {{"Not a name", ZN_UINT32, rmNoDefault(), 0}};
+    const RMPersAttrDefs badType[] = {{"A", ZN_NONE, rmNoDefault(), 0}};
+    struct Case {
+        const char* label;
+        const char* path;
+        const RMPersAttrDefs* defs;
+        unsigned count;
+        const char* key;
+        RMTableErrc errc;
+    };
+    const Case cases[] = {
+        {"column retyped", kPath, retyped, 2, nullptr, RMTableErrc::kSchemaConflict},
+        {"column renamed", kPath, renamed, 2, nullptr, RMTableErrc::kSchemaConflict},
+        {"name twice", "/T/twice", twice, 2, nullptr, RMTableErrc::kBadDefinition},
+        {"not an identifier", "/T/name", badName, 1, nullptr, RMTableErrc::kBadDefinition},
+        {"type not storable", "/T/type", badType, 1, nullptr, RMTableErrc::kBadDefinition},
+        {"no columns", "/T/none", kV1, 0, nullptr, RMTableErrc::kBadDefinition},
+        {"key not a column", "/T/key", kV1, 3, "Nope", RMTableErrc::kBadDefinition},
+        {"array key", "/T/key2", kV1, 3, "NodeIDs", RMTableErrc::kBadDefinition},
+        {"relative path", "T/rel", kV1, 3, nullptr, RMTableErrc::kBadDefinition},
+    };
+    for (const Case& c : cases) {
+        try {
+            RMCreateResourceTable(tree.get(), c.path, c.defs, c.count, c.key, nullptr, 0);
+            ADD_FAILURE() << c.label << ": accepted";
+        } catch (const RMTableError& e) {
+            EXPECT_EQ(e.errc(), c.errc) << c.label << ": " << e.what();
+        }
+    }
+    EXPECT_THROW(RMCreateResourceTable(tree.get(), "/T/opt", kV1, 3, nullptr, nullptr, 2),
+                 RMTableError);
+}
+
+TEST_F(StoreTest, AFilterLoadsMatchingRowsAndLeavesTheOthersStored) {
+    auto tree = openTree();
+    RMCachedTable* t = open(*tree, kV1, 3);
+    addGroup(t, 1, "mine", 0x1111);
+    addGroup(t, 2, "theirs", 0x2222);
+    tree->closeTable(t);
+    tree = openTree();
+    t = open(*tree, kV1, 3, "NodeIDs==0x0000000000001111");
+    EXPECT_EQ(t->getRowCount(), 1u);
+    EXPECT_EQ(t->getFilter(), "NodeIDs==0x0000000000001111");
+    // A row added through the filtered table joins its view even though it
+    // doesn't match, and gets a row id after every stored one.
+    RMRowId id = addGroup(t, 3, "added", 0x3333);
+    EXPECT_EQ(t->select("Name == \"added\"").getRowCount(), 1u);
+    EXPECT_GT(id, 2);
+    tree->closeTable(t);
+    tree = openTree();
+    t = open(*tree, kV1, 3);
+    EXPECT_EQ(t->getRowCount(), 3u);
+    tree->closeTable(t);
+    EXPECT_THROW(open(*tree, kV1, 3, "NodeIDs == $X"), RMTableError);  // unbound parameter
+    EXPECT_THROW(open(*tree, kV1, 3, "NodeIDs ="), RMTableError);
+}
+
+TEST_F(StoreTest, ReopeningAnOpenTableSharesItOnlyWithTheSameDefinition) {
+    auto tree = openTree();
+    RMCachedTable* a = open(*tree, kV1, 3);
+    RMCachedTable* b = open(*tree, kV1, 3);
+    EXPECT_EQ(a, b);
+    try {
+        open(*tree, kV1, 3, "Name == \"x\"");
+        FAIL() << "accepted";
+    } catch (const RMTableError& e) {
+        EXPECT_EQ(e.errc(), RMTableErrc::kAlreadyOpen);
+    }
+    tree->closeTable(b);
+    addGroup(a, 1, "still open", 1);  // one use is left
+    tree->closeTable(a);
+    tree->unmountTree();
+    EXPECT_FALSE(tree->isMounted());
+    try {
+        open(*tree, kV1, 3);
+        FAIL() << "opened on an unmounted tree";
+    } catch (const RMTableError& e) {
+        EXPECT_EQ(e.errc(), RMTableErrc::kNotMounted);
+    }
+}
+
+TEST_F(StoreTest, AFileThatIsNoDatabaseIsAStorageError) {
+    ASSERT_EQ(zn::paths::ensureParentDir(dbFile()), 0);
+    std::ofstream(dbFile()) << "this is not a database, just some text that is long enough";
+    RMTree tree(zn::paths::kRegistryTree);
+    try {
+        tree.mountTree();
+        FAIL() << "mounted";
+    } catch (const RMTableError& e) {
+        EXPECT_EQ(e.errc(), RMTableErrc::kStorage);
+        EXPECT_NE(std::string(e.what()).find("not a database"), std::string::npos) << e.what();
+    }
+    EXPECT_FALSE(tree.isMounted());
+}
+
+TEST_F(StoreTest, ADamagedRowStopsTheOpenAndNamesTheRow) {
+    auto tree = openTree();
+    RMCachedTable* t = open(*tree, kV1, 3);
+    t->setSyncMode(1);
+    addGroup(t, 1, "good", 1);
+    RMRowId bad = addGroup(t, 2, "to be damaged", 1);
+    tree->closeTable(t);
+    tree.reset();
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(dbFile().c_str(), &db), SQLITE_OK);
+    std::string sql = "UPDATE rm_t1 SET row=x'0103ff' WHERE id=" + std::to_string(bad);
+    ASSERT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(db);
+    tree = openTree();
+    try {
+        open(*tree, kV1, 3);
+        FAIL() << "opened";
+    } catch (const RMTableError& e) {
+        EXPECT_EQ(e.errc(), RMTableErrc::kDamagedRow);
+        EXPECT_NE(std::string(e.what()).find("row " + std::to_string(bad)), std::string::npos)
+            << e.what();
+    }
+}
+
+}  // namespace
