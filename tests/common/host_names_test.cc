@@ -44,7 +44,7 @@ struct Targets {
 };
 
 class HostNames : public ::testing::Test {
-  protected:
+protected:
     FakeResolver fake;
     zn::resolver::ScopedResolver use{fake};
 };

@@ -95,14 +95,4 @@ TEST(SystemResolver, AddrInfoCodesMapToResolverCodes) {
     }
 }
 
-TEST(SystemResolver, NumericLoopbackNamesResolveWithoutTheNetwork) {
-    zn::resolver::SystemResolver sys;
-    std::unique_ptr<cu_hostent> h;
-    ASSERT_EQ(sys.byName("127.0.0.9", h), CU_RESOLV_OK);
-    ASSERT_NE(h, nullptr);
-    EXPECT_EQ(h->h_name, "127.0.0.9");
-    ASSERT_EQ(h->h_addr_list.size(), 1u);
-    EXPECT_EQ(dotted(h->h_addr_list[0]), "127.0.0.9");
-}
-
 }  // namespace
