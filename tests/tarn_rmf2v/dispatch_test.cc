@@ -260,6 +260,10 @@ TEST_F(Dispatch, ReserveAndDeleteRaceNeverTouchesAFreedControlPoint) {
             }
         });
     }
+    // Deletion starts only once the readers are busy, so the race is real.
+    while (touched.load() < 1000) {
+        std::this_thread::yield();
+    }
     for (const auto& h : handles) {
         if (RMRcp* r = rccp_->findAndReserveRcp(&h)) {
             r->unreserve();
