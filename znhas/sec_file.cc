@@ -17,8 +17,13 @@ using znhas::secInternal;
 
 namespace {
 
-// Maps errno from open, stat and chmod to the library's codes.
-int mapFileError(const char* fn, const char* file, int err) {
+// Maps errno from open, stat and chmod to the library's codes. EPERM and
+// EROFS are access failures for status queries and permission changes; for
+// opening they are unexpected.
+int mapFileError(const char* fn, const char* file, int err, bool opening) {
+    if (opening && (err == EPERM || err == EROFS)) {
+        return secInternal(fn, "open", err);
+    }
     switch (err) {
         case ENOENT:
         case ENOTDIR:
@@ -62,7 +67,7 @@ int lockFile(const char* fn, const char* file, int fd, short type) {
 int sec__test_file(const char* fn, const char* file, struct stat* st) {
     struct stat local;
     if (stat(file, st != nullptr ? st : &local) != 0) {
-        return mapFileError(fn, file, errno);
+        return mapFileError(fn, file, errno, false);
     }
     return 0;
 }
@@ -79,7 +84,7 @@ int sec__test_file_and_size(const char* fn, const char* file, off_t* size) {
 int sec__open_file(const char* fn, const char* file, int flags, int* fd, mode_t mode) {
     int f = open(file, flags | O_CLOEXEC, mode);
     if (f < 0) {
-        return mapFileError(fn, file, errno);
+        return mapFileError(fn, file, errno, true);
     }
     *fd = f;
     return 0;
@@ -171,7 +176,7 @@ int sec__sync_file(const char* fn, const char* /*file*/, int fd) {
 
 int sec__change_file_perms(const char* fn, const char* file, mode_t mode) {
     if (chmod(file, mode) != 0) {
-        return mapFileError(fn, file, errno);
+        return mapFileError(fn, file, errno, false);
     }
     return 0;
 }

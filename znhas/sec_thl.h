@@ -53,13 +53,13 @@ struct ThlEntry {
 // Reads consecutive records from the start of the list through a buffer,
 // never more than one slot at a time beyond the buffer.
 class ThlReader {
-  public:
+public:
     ThlReader(int fd, const char* fn, const char* file) : fd_(fd), fn_(fn), file_(file) {}
     // 1: a record was read into *e; 0: end of the list; else the error code
     // (21 for a damaged or oversized record), with the error set.
     int next(ThlEntry* e);
 
-  private:
+private:
     // Copies up to n bytes from the file at the current offset; returns the
     // count (short at end of file) or -1.
     ssize_t take(uint8_t* out, size_t n);

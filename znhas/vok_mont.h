@@ -11,7 +11,7 @@ namespace vok {
 using MontVal = LimbVec;
 
 class MontCtx {
-  public:
+public:
     // `modulus` must be odd and greater than one; otherwise valid() is false.
     explicit MontCtx(const Bn& modulus);
 
@@ -29,7 +29,7 @@ class MontCtx {
     // base^exp, all in Montgomery form (fixed 4-bit window).
     MontVal pow(const MontVal& base, const Bn& exp) const;
 
-  private:
+private:
     Bn n_;
     Limb n0inv_ = 0;  // -n^-1 mod 2^64
     MontVal r2_;      // R^2 mod n, plain form

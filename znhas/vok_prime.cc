@@ -72,7 +72,6 @@ const std::vector<uint32_t>& smallPrimes() {
 
 Bn bn_random_bits(size_t bits, ByteSource rng) {
     size_t bytes = (bits + 7) / 8;
-    LimbVec buf;
     std::vector<uint8_t, WipingAllocator<uint8_t>> raw(bytes);
     for (auto& b : raw) {
         b = static_cast<uint8_t>(rng() & 0xFF);

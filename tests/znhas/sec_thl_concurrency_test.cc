@@ -120,7 +120,7 @@ std::map<std::string, std::vector<Bytes>> parseAll(const Bytes& file, bool* ok) 
 }
 
 class ThlConcurrencyTest : public znhas_test::ZnhasTest {
-  protected:
+protected:
     void verify(const std::array<Expected, kWorkers>& expected) {
         bool ok = false;
         const Bytes file = znhas_test::readBytes(thl_);

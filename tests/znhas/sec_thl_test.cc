@@ -20,7 +20,7 @@ using znhas_test::Token;
 using znhas_test::writeBytes;
 
 class ThlTest : public znhas_test::ZnhasTest {
-  protected:
+protected:
     void SetUp() override {
         ZnhasTest::SetUp();
         initThl();
@@ -240,6 +240,36 @@ TEST_F(ThlTest, BadArgumentsAndMissingList) {
     EXPECT_NE(err.text.find(thl_), std::string::npos);
     EXPECT_EQ(sec_get_host_token("a", &out), ZNHAS_E_FILE);
     EXPECT_EQ(sec_delete_host_token("a"), ZNHAS_E_FILE);
+}
+
+TEST_F(ThlTest, OddFileSystemObjectsMapToTheirCodes) {
+    const std::string plain = root_ + "/plain";
+    writeBytes(plain, Bytes{1});
+    const std::string dir = root_ + "/adir";
+    ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+    const std::string loop = root_ + "/loop";
+    ASSERT_EQ(symlink(loop.c_str(), loop.c_str()), 0);
+    struct Case {
+        const char* what;
+        std::string path;
+        int getRc;
+        int storeRc;
+    };
+    const Case cases[] = {
+        {"under a plain file", plain + "/zn_has.thl", ZNHAS_E_FILE, ZNHAS_E_FILE},
+        {"symlink loop", loop, ZNHAS_E_FILE, ZNHAS_E_FILE},
+        {"a directory", dir, ZNHAS_E_INTERNAL, ZNHAS_E_INTERNAL},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        setenv("ZNSEC_TESTING_THL_FILE", c.path.c_str(), 1);
+        int rc = 0;
+        lookup("a", &rc);
+        EXPECT_EQ(rc, c.getRc);
+        EXPECT_EQ(lastError().id, c.getRc);
+        EXPECT_EQ(store("a", keyOf(4, 1)), c.storeRc);
+    }
+    unsetenv("ZNSEC_TESTING_THL_FILE");
 }
 
 TEST_F(ThlTest, EnvironmentNamesAnotherList) {

@@ -17,7 +17,7 @@ struct ToolRun {
 };
 
 class ToolsTest : public znhas_test::ZnhasTest {
-  protected:
+protected:
     // Runs a tool with arguments (already shell-safe); stderr joins stdout.
     ToolRun run(const std::string& tool, const std::string& args) {
         const char* bin = getenv("ORVRM_BIN_DIR");
