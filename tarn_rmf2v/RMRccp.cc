@@ -42,6 +42,7 @@ size_t HandleHash::operator()(const zn_resource_handle& h) const noexcept {
 
 RMRccp::RMRccp(const char* className, rm_object_type type, RMRmcp* rmcp)
     : className_(className != nullptr ? className : ""), type_(type), rmcp_(rmcp) {
+    def_.name = className_;
     if (rmcp_ != nullptr) {
         rmcp_->registerRccp(this);
     }
@@ -154,6 +155,17 @@ void RMRccp::enumerateRcps(int (*fn)(void*, RMRcp*, int), void* arg) {
     for (; i < snapshot.size(); ++i) {
         snapshot[i]->unreserve();
     }
+}
+
+void RMRccp::setClassDef(RMClassDef def) {
+    std::lock_guard<std::mutex> g(defMu_);
+    def_ = std::move(def);
+    def_.name = className_;
+}
+
+RMClassDef RMRccp::classDef() {
+    std::lock_guard<std::mutex> g(defMu_);
+    return def_;
 }
 
 size_t RMRccp::rcpCount() {

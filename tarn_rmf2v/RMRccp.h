@@ -12,6 +12,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "tarn_rmf2v/RMClassDef.h"
 #include "tarn_rmf2v/RMMonitor.h"
 #include "tarn_rmf2v/RMRcp.h"
 
@@ -117,6 +118,10 @@ public:
     void notifyPersistentClassAttrsModified(rm_attribute_value* values, unsigned int count);
     void notifyDynamicClassAttrsModified(rm_attribute_value* values, unsigned int count);
     size_t rcpCount();
+    // The class's attributes and actions as clients see them (name set by
+    // the constructor; the class fills in the rest).
+    void setClassDef(RMClassDef def);
+    RMClassDef classDef();
 
     // The class's own lock (taken by lockRccp).
     std::recursive_mutex& mutex() { return mu_; }
@@ -129,6 +134,8 @@ private:
     tarn_rmf::RMBaseTable* resourceTable_ = nullptr;
     RMMonitor monitor_;
     std::recursive_mutex mu_;
+    std::mutex defMu_;  // guards def_
+    RMClassDef def_;
 
     std::mutex rcpMu_;  // guards the two members below
     std::list<RMRcp*> rcpOrder_;
