@@ -25,7 +25,7 @@ struct RMFieldValue {
 };
 
 class RMBaseTable {
-  public:
+public:
     virtual ~RMBaseTable() = default;
 
     virtual const std::string& getPath() const = 0;

@@ -31,7 +31,7 @@
 namespace tarn_rmf {
 
 class RMCachedTable : public RMBaseTable {
-  public:
+public:
     // Opens or creates table `path` in `db` (see RMTree for the arguments):
     // merges the definition (new columns get their defaults in every row),
     // loads the rows the filter selects, and for a class table adds its one
@@ -73,7 +73,7 @@ class RMCachedTable : public RMBaseTable {
     unsigned deleteRows(const char* selection, const RMSelParams* params = nullptr) override;
     void deleteRow(RMRowId id) override;
 
-  private:
+private:
     void load(bool classTable, const char* filter);
     std::vector<RMPackedField> packFields(const RMFieldValue* values, unsigned count) const;
     std::vector<RMRowPtr> matching(const RMSelection& sel, const RMSelBinding& b) const;

@@ -16,7 +16,7 @@
 namespace tarn_rmf {
 
 class RMHashIndex {
-  public:
+public:
     explicit RMHashIndex(unsigned column) : column_(column) {}
 
     // Columns whose values an index can key: scalars other than floats,
@@ -38,7 +38,7 @@ class RMHashIndex {
     // Whether a row other than the one in `exceptSlot` holds `key`.
     bool holdsOther(std::string_view key, uint32_t exceptSlot) const;
 
-  private:
+private:
     unsigned column_;
     std::unordered_multimap<std::string_view, uint32_t> map_;
 };

@@ -29,7 +29,7 @@ struct RMPackedField {
 };
 
 class RMPackedRow {
-  public:
+public:
     // Checks stored bytes against the schema. Rows stored with fewer columns
     // (written before an upgrade) get the defaults of the missing ones. Null
     // with `error` set when the bytes are damaged or disagree with the schema.
@@ -56,7 +56,7 @@ class RMPackedRow {
 
     RMPackedRow(RMRowId id, unsigned columns, uint32_t size);
 
-  private:
+private:
     const unsigned char* blob() const { return mem_.get() + sizeof(uint32_t) * columns_; }
     unsigned char* blob() { return mem_.get() + sizeof(uint32_t) * columns_; }
     uint32_t offset(unsigned i) const;
@@ -71,7 +71,7 @@ class RMPackedRow {
 
 // A packed row as the selection evaluator reads it.
 class RMRowSource final : public RMValueSource {
-  public:
+public:
     explicit RMRowSource(const RMPackedRow& row) : row_(row) {}
     bool value(int column, RMValueView& out) const override {
         if (column < 0 || static_cast<unsigned>(column) >= row_.columnCount()) {
@@ -81,7 +81,7 @@ class RMRowSource final : public RMValueSource {
         return true;
     }
 
-  private:
+private:
     const RMPackedRow& row_;
 };
 

@@ -10,7 +10,7 @@
 namespace tarn_rmf {
 
 class RMRegex {
-  public:
+public:
     // Compiles `pattern`; on failure valid() is false and error() says why.
     explicit RMRegex(const std::string& pattern);
     ~RMRegex();
@@ -22,7 +22,7 @@ class RMRegex {
     // True when the pattern matches somewhere in the NUL-terminated `text`.
     bool search(const char* text) const;
 
-  private:
+private:
     regex_t re_{};
     bool ok_ = false;
     std::string error_;

@@ -1,12 +1,16 @@
 // The durable store under a registry tree: one SQLite database in WAL mode
 // holding every table of the tree, one SQL table per registry table (rows as
-// packed blobs keyed by row id) and a catalogue of table definitions.
+// packed blobs keyed by row id) and a catalogue of table definitions. The
+// process holds the database's lock while it is open, so a second opener (a
+// second daemon) gets a storage error after a busy timeout of 2 s.
 // Commits run with synchronous=NORMAL: a committed transaction is in the WAL
 // file before commit returns, so it survives the death of the process (kill
 // -9), though not necessarily a power loss; a durable commit (synchronous=
-// FULL) also forces the WAL to the disk. Thread safety: one connection, and
-// every use goes through a Txn, which holds the store's mutex from begin to
-// commit or rollback, so transactions of different tables never interleave.
+// FULL) also forces the WAL to the disk. The WAL is copied into the database
+// by sync() and automatically once it reaches 8192 pages.
+// Thread safety: one connection, and every use goes through a Txn, which
+// holds the store's mutex from begin to commit or rollback, so transactions
+// of different tables never interleave.
 #pragma once
 
 #include <sqlite3.h>
@@ -21,7 +25,7 @@
 namespace tarn_rmf {
 
 class RMRegistryDb {
-  public:
+public:
     // Opens (creating the directory and database when needed) the store in
     // directory `dir`. Throws RMTableError kStorage.
     explicit RMRegistryDb(const std::string& dir);
@@ -35,14 +39,14 @@ class RMRegistryDb {
     // A write transaction (BEGIN IMMEDIATE); rolled back unless committed. A
     // durable one commits with synchronous=FULL (forces the WAL to disk).
     class Txn {
-      public:
+    public:
         explicit Txn(RMRegistryDb& db, bool durable = false);
         ~Txn();
         Txn(const Txn&) = delete;
         Txn& operator=(const Txn&) = delete;
         void commit();
 
-      private:
+    private:
         RMRegistryDb& db_;
         std::unique_lock<std::mutex> lock_;
         bool durable_;
@@ -66,7 +70,7 @@ class RMRegistryDb {
     // Copies the WAL into the database (PASSIVE); takes the store's mutex.
     void checkpoint();
 
-  private:
+private:
     struct TableStmts {
         sqlite3_stmt* put = nullptr;
         sqlite3_stmt* del = nullptr;

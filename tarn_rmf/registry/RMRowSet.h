@@ -16,7 +16,7 @@
 namespace tarn_rmf {
 
 class RMRowSet {
-  public:
+public:
     RMRowSet() = default;
     RMRowSet(std::shared_ptr<const RMSchema> schema, std::string table, std::vector<RMRowPtr> rows)
         : schema_(std::move(schema)), table_(std::move(table)), rows_(std::move(rows)) {}
@@ -44,7 +44,7 @@ class RMRowSet {
     int getColumnIndex(const char* name) const;
     zn_data_type_t getColumnType(unsigned column) const;
 
-  private:
+private:
     const RMPackedRow& rowAt(unsigned row) const;
     unsigned columnAt(int column) const;
 

@@ -24,7 +24,7 @@ struct RMColumn {
 };
 
 class RMSchema {
-  public:
+public:
     RMSchema() = default;
     // From a class's definitions; throws RMTableError (kBadDefinition) naming
     // `table` for an empty or repeated name, a name that isn't an identifier,
@@ -55,7 +55,7 @@ class RMSchema {
 
     bool sameAs(const RMSchema& other) const;
 
-  private:
+private:
     void rebuildIndex();
 
     std::vector<RMColumn> columns_;
@@ -64,7 +64,7 @@ class RMSchema {
 
 // A schema as the selection compiler resolves names against it.
 class RMSchemaSource final : public RMSelSchema {
-  public:
+public:
     explicit RMSchemaSource(const RMSchema& schema) : schema_(schema) {}
     bool lookup(std::string_view name, int& column, zn_data_type_t& type) const override {
         column = schema_.find(name);
@@ -75,7 +75,7 @@ class RMSchemaSource final : public RMSelSchema {
         return true;
     }
 
-  private:
+private:
     const RMSchema& schema_;
 };
 

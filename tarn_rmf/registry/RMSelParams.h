@@ -14,7 +14,7 @@
 namespace tarn_rmf {
 
 class RMSelParams {
-  public:
+public:
     RMSelParams() = default;
     RMSelParams(const RMSelParams&) = delete;
     RMSelParams& operator=(const RMSelParams&) = delete;
@@ -31,7 +31,7 @@ class RMSelParams {
     // The view of a bound parameter; false when `name` is not bound.
     bool find(std::string_view name, RMValueView& out) const;
 
-  private:
+private:
     struct Entry {
         std::string name;
         zn_data_type_t type;

@@ -14,7 +14,7 @@ namespace tarn_rmf {
 // Name resolution at compile time. Implementations are immutable while a
 // compile runs.
 class RMSelSchema {
-  public:
+public:
     virtual ~RMSelSchema() = default;
     // The column and type of an attribute; false when there is none.
     virtual bool lookup(std::string_view name, int& column, zn_data_type_t& type) const = 0;
@@ -24,7 +24,7 @@ class RMSelSchema {
 
 // One row (or one event) at evaluation time.
 class RMValueSource {
-  public:
+public:
     virtual ~RMValueSource() = default;
     // The value of a column; false when the row doesn't carry it (not
     // reported). The view must stay valid until the evaluation returns.

@@ -41,7 +41,7 @@ struct RMSelProbe {
 };
 
 class RMSelection {
-  public:
+public:
     // Throws RMTableError: kSelection (syntax, unknown attribute, type
     // mismatch, bad pattern) naming the position.
     static std::shared_ptr<const RMSelection> compile(std::string_view text,
@@ -74,7 +74,7 @@ class RMSelection {
     struct Node;
     struct Storage;
 
-  private:
+private:
     RMSelection();
     bool planImpl(const RMSelBinding& binding, const void* fn, bool (*call)(const void*, int),
                   std::vector<RMSelProbe>& out) const;

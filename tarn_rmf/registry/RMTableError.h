@@ -34,14 +34,14 @@ inline constexpr int kRMCatalogSet = 1;
 const char* rmMessageText(RMTableErrc code);
 
 class RMTableError : public tarn_base::CErrorException {
-  public:
+public:
     // Builds the error from the message table; the arguments follow the
     // message's conversions in order (C types only: int, long long, const char*).
     static RMTableError build(RMTableErrc code, ...);
 
     RMTableErrc errc() const { return static_cast<RMTableErrc>(getErrorCode()); }
 
-  private:
+private:
     RMTableError(std::string text, RMTableErrc code, cu_error_t* err);
 };
 

@@ -22,7 +22,7 @@ namespace tarn_rmf {
 inline constexpr unsigned kRMTableCached = 0x1;
 
 class RMTree {
-  public:
+public:
     // `path` is a fixed path of the system; it is rooted by ZN_ROOT.
     explicit RMTree(const char* path);
     ~RMTree();
@@ -52,7 +52,7 @@ class RMTree {
     RMCachedTable* openTable(const char* tablePath, const RMPersAttrDefs* columns, unsigned count,
                              const char* key, const char* filter, bool classTable);
 
-  private:
+private:
     struct Open {
         std::unique_ptr<RMCachedTable> table;
         RMSchema defined;

@@ -41,12 +41,12 @@ bool rmIsSignedType(zn_data_type_t t);
 
 // Walks the elements of an array view in order.
 class RMArrayCursor {
-  public:
+public:
     explicit RMArrayCursor(const RMValueView& array);
     // Next element into `out`; false when none is left.
     bool next(RMValueView& out);
 
-  private:
+private:
     zn_data_type_t elementType_;
     const unsigned char* pos_;
     uint32_t left_;

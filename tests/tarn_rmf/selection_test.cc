@@ -223,6 +223,11 @@ TEST(Selection, ErrorsNameTheirPosition) {
         {"Status == -9223372036854775809", 11, "too small"},
         {"Hostname =~ \"(\"", 13, "bad regular expression"},
         {"Hostname =~ ManagerType", 13, "must be a quoted string"},
+        // patterns whose compiled form would explode are refused up front
+        {"Hostname =~ \"a+++\"", 13, "a repetition may not follow another"},
+        {"Hostname =~ \"((a{99}){99}){99}\"", 13, "too complex"},
+        {"Hostname =~ \"a{300}\"", 13, "a repetition count above 255"},
+        {"Hostname =~ \"(a)\\1\"", 13, "back-references"},
         {"Status =~ \"1\"", 8, "matches strings only"},
         {"Status IN 3", 8, "must be an array"},
         {"Status CONTAINS 3", 8, "must be an array or a string"},

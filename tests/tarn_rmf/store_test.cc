@@ -4,7 +4,11 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <fstream>
+#include <set>
 #include <string>
 
 #include "tarn_rmf/registry/RMTableError.h"
@@ -54,50 +58,68 @@ protected:
         std::free(ids);
         return id;
     }
+    std::set<std::string> names(const RMRowSet& rs) {
+        std::set<std::string> out;
+        for (unsigned i = 0; i < rs.getRowCount(); ++i) {
+            out.insert(regtest::text(rs, i, "Name"));
+        }
+        return out;
+    }
     std::string dbFile() const { return root_.dir() + zn::paths::kRegistryTree + "/registry.db"; }
 
     regtest::TempRoot root_;
 };
 
-TEST_F(StoreTest, WriteThroughAndSyncedChangesAreInTheStoreAndDeferredOnesAreNot) {
+TEST_F(StoreTest, WriteThroughAndSyncedChangesOutliveTheProcessAndDeferredOnesDoNot) {
+    // The child makes changes in each mode and dies without closing anything.
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        auto tree = openTree();
+        RMCachedTable* t = open(*tree, kV1, 3);
+        bool ok = t->getSyncMode() == 0;
+        addGroup(t, 1, "deferred then flushed", 1);
+        t->setSyncMode(1);  // writes the pending row first
+        addGroup(t, 2, "through", 1);
+        t->setSyncMode(0);
+        addGroup(t, 3, "synced", 1);
+        t->sync();
+        addGroup(t, 4, "lost", 1);
+        RMFieldValue v[] = {field("Name", "renamed but lost")};
+        t->changeRows("Name == \"through\"", nullptr, v, 1);
+        ok = ok && t->pendingCount() == 2;
+        _exit(ok ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     auto tree = openTree();
     RMCachedTable* t = open(*tree, kV1, 3);
-    EXPECT_EQ(t->getSyncMode(), 0u);
-    addGroup(t, 1, "deferred", 1);
-    t->setSyncMode(1);  // writes the pending row first
-    addGroup(t, 2, "through", 1);
-    t->setSyncMode(0);
-    addGroup(t, 3, "pending", 1);
-    EXPECT_EQ(t->pendingCount(), 1u);
-
-    // A second tree on the same directory sees what a restart would see now.
-    {
-        auto other = openTree();
-        RMCachedTable* o = open(*other, kV1, 3);
-        EXPECT_EQ(o->select("Name IN {\"deferred\", \"through\"}").getRowCount(), 2u);
-        EXPECT_EQ(o->select("Name == \"pending\"").getRowCount(), 0u);
-        other->closeTable(o);
-    }
-    t->sync();
-    EXPECT_EQ(t->pendingCount(), 0u);
-    {
-        auto other = openTree();
-        RMCachedTable* o = open(*other, kV1, 3);
-        EXPECT_EQ(o->getRowCount(), 3u);
-        other->closeTable(o);
-    }
-    // A deferred delete and change reach the store on close.
+    EXPECT_EQ(names(t->getMetadata()),
+              (std::set<std::string>{"deferred then flushed", "through", "synced"}));
+    // Deferred deletes and changes reach the store on close.
     t->deleteRows("Name == \"through\"");
     RMFieldValue v[] = {field("Name", "renamed")};
-    t->changeRows("Name == \"pending\"", nullptr, v, 1);
+    t->changeRows("Name == \"synced\"", nullptr, v, 1);
     tree->closeTable(t);
     tree.reset();
     tree = openTree();
     t = open(*tree, kV1, 3);
-    EXPECT_EQ(t->select("Name IN {\"deferred\", \"renamed\"}").getRowCount(), 2u);
-    EXPECT_EQ(t->getRowCount(), 2u);
+    EXPECT_EQ(names(t->getMetadata()), (std::set<std::string>{"deferred then flushed", "renamed"}));
     EXPECT_EQ(tree->checkIntegrity(), "ok");
     tree->closeTable(t);
+}
+
+TEST_F(StoreTest, ASecondTreeOnTheSameDirectoryIsKeptOut) {
+    auto tree = openTree();
+    RMTree second(zn::paths::kRegistryTree);
+    try {
+        second.mountTree();
+        FAIL() << "a second tree mounted the same store";
+    } catch (const RMTableError& e) {
+        EXPECT_EQ(e.errc(), RMTableErrc::kStorage);
+        EXPECT_NE(std::string(e.what()).find("locked"), std::string::npos) << e.what();
+    }
 }
 
 TEST_F(StoreTest, ClassTablesHaveOneRowOfDefaultsAndWriteThrough) {
@@ -110,7 +132,8 @@ TEST_F(StoreTest, ClassTablesHaveOneRowOfDefaultsAndWriteThrough) {
     EXPECT_EQ(regtest::number(rs, 0, "Variety"), 1u);
     RMFieldValue v[] = {field("Variety", 7u)};
     EXPECT_EQ(c->changeRows("*", nullptr, v, 1), 1u);
-    tree.reset();  // no close: the change was written through
+    EXPECT_EQ(c->pendingCount(), 0u);  // written through, nothing left for a close
+    tree.reset();
     tree = openTree();
     c = RMCreateClassTable(tree.get(), "/Kor/NodeGroup/Class", cls, 1);
     rs = c->getMetadata();
@@ -124,6 +147,7 @@ TEST_F(StoreTest, MoreColumnsUpgradeTheTableAndKeepEveryRow) {
     addGroup(t, 1, "g1", 5);
     addGroup(t, 2, "g2", 5);
     tree->closeTable(t);
+    tree.reset();
     tree = openTree();
     t = open(*tree, kV2, 5);
     RMRowSet rs = t->select("ValidateNodes == 1 && SelectStr == \"*\"");
@@ -133,6 +157,7 @@ TEST_F(StoreTest, MoreColumnsUpgradeTheTableAndKeepEveryRow) {
     t->changeRows("Name == \"g1\"", nullptr, v, 1);
     tree->closeTable(t);
     // An older definition (fewer columns) still opens, on the stored columns.
+    tree.reset();
     tree = openTree();
     t = open(*tree, kV1, 3);
     EXPECT_EQ(t->getSchema().size(), 5u);
@@ -188,6 +213,7 @@ TEST_F(StoreTest, AFilterLoadsMatchingRowsAndLeavesTheOthersStored) {
     addGroup(t, 1, "mine", 0x1111);
     addGroup(t, 2, "theirs", 0x2222);
     tree->closeTable(t);
+    tree.reset();
     tree = openTree();
     t = open(*tree, kV1, 3, "NodeIDs==0x0000000000001111");
     EXPECT_EQ(t->getRowCount(), 1u);
@@ -198,6 +224,7 @@ TEST_F(StoreTest, AFilterLoadsMatchingRowsAndLeavesTheOthersStored) {
     EXPECT_EQ(t->select("Name == \"added\"").getRowCount(), 1u);
     EXPECT_GT(id, 2);
     tree->closeTable(t);
+    tree.reset();
     tree = openTree();
     t = open(*tree, kV1, 3);
     EXPECT_EQ(t->getRowCount(), 3u);
@@ -257,6 +284,7 @@ TEST_F(StoreTest, ADamagedRowStopsTheOpenAndNamesTheRow) {
     std::string sql = "UPDATE rm_t1 SET row=x'0103ff' WHERE id=" + std::to_string(bad);
     ASSERT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
     sqlite3_close(db);
+    tree.reset();
     tree = openTree();
     try {
         open(*tree, kV1, 3);
