@@ -1,0 +1,188 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <stdexcept>
+
+#include "tarn_base/CException.h"
+#include "znpex/events/EventErrors.h"
+#include "znpex/events/WatchEngine.h"
+
+namespace {
+
+using namespace znpex::events;
+
+// A node-hardware-like class: persistent Hostname (0), dynamic PowerStatus
+// (0), Status (1), ConfigChanged (2).
+tarn_rmf2v::RMClassDef hwClass() {
+    tarn_rmf2v::RMClassDef d;
+    d.name = "Kor.NodeHwCtrl";
+    d.persistent = {{"Hostname", 0, ZN_CHAR_PTR, 0}};
+    d.dynamic = {{"PowerStatus", 0, ZN_UINT32, 0},
+                 {"Status", 1, ZN_UINT32, 0},
+                 {"ConfigChanged", 2, ZN_UINT32, 0}};
+    d.classDynamic = {{"ResourceDefined", 0, ZN_UINT32, 0}};
+    return d;
+}
+
+zn_resource_handle handle(unsigned char tag) {
+    zn_resource_handle h{};
+    h.bytes[19] = tag;
+    return h;
+}
+
+class Engine : public ::testing::Test {
+protected:
+    Engine() : engine_([this](Event&& e) { events_.push_back(std::move(e)); }) {}
+
+    void hostname(const zn_resource_handle& h, const char* name) {
+        rm_attribute_value v{0, ZN_CHAR_PTR, {}};
+        v.rm_value.ptr_char = const_cast<char*>(name);
+        engine_.seed("Kor.NodeHwCtrl", &h, true, &v, 1);
+    }
+    void dyn(const zn_resource_handle& h, int id, uint32_t value) {
+        rm_attribute_value v{id, ZN_UINT32, {}};
+        v.rm_value.val_uint32 = value;
+        engine_.report("Kor.NodeHwCtrl", &h, false, &v, 1);
+    }
+    uint64_t watch(const char* expr, const char* rearm = "", const char* sel = "",
+                   std::vector<std::string> attrs = {"Hostname", "PowerStatus"}) {
+        WatchSpec s;
+        s.className = "Kor.NodeHwCtrl";
+        s.selection = sel;
+        s.attributes = std::move(attrs);
+        s.expression = expr;
+        s.rearm = rearm;
+        return engine_.addWatch(s, hwClass());
+    }
+    size_t take() {
+        size_t n = events_.size();
+        fired_.insert(fired_.end(), std::make_move_iterator(events_.begin()),
+                      std::make_move_iterator(events_.end()));
+        events_.clear();
+        return n;
+    }
+
+    std::vector<Event> events_;
+    std::vector<Event> fired_;
+    WatchEngine engine_;
+};
+
+TEST_F(Engine, PreviousValueExpressionFiresOnEveryChangeOnly) {
+    auto h = handle(1);
+    hostname(h, "node1");
+    watch("PowerStatus!=PowerStatus@P");
+    dyn(h, 0, 1);  // no previous value yet: the comparison is false
+    EXPECT_EQ(take(), 0u);
+    dyn(h, 0, 0);
+    dyn(h, 0, 0);
+    dyn(h, 0, 1);
+    EXPECT_EQ(take(), 2u);
+    ASSERT_EQ(fired_.size(), 2u);
+    const Event& last = fired_[1];
+    EXPECT_EQ(last.flags, 0u);
+    ASSERT_EQ(last.attrs.size(), 2u);
+    EXPECT_EQ(last.attrs[0].name, "Hostname");
+    EXPECT_STREQ(last.attrs[0].value.value().ptr_char, "node1");
+    EXPECT_EQ(last.attrs[1].name, "PowerStatus");
+    EXPECT_FALSE(last.attrs[1].persistent);
+    EXPECT_EQ(last.attrs[1].value.value().val_uint32, 1u);
+    EXPECT_TRUE(last.hasHandle && last.handle == h);
+}
+
+TEST_F(Engine, BareAttributeFiresForEachReportOfThatAttribute) {
+    auto h = handle(2);
+    watch("ConfigChanged");
+    dyn(h, 2, 1);
+    dyn(h, 0, 5);  // another attribute: not evaluated
+    dyn(h, 2, 1);
+    EXPECT_EQ(take(), 2u);
+}
+
+TEST_F(Engine, RearmExpressionGatesTheNextEventPerResource) {
+    auto a = handle(3), b = handle(4);
+    watch("Status==0", "Status==1");
+    // a: fires, stays quiet until re-armed, fires again.
+    for (uint32_t v : {0u, 0u, 1u, 0u}) {
+        dyn(a, 1, v);
+    }
+    EXPECT_EQ(take(), 2u);
+    // b has its own armed state.
+    dyn(b, 1, 0);
+    EXPECT_EQ(take(), 1u);
+    dyn(a, 1, 0);
+    EXPECT_EQ(take(), 0u) << "a is still waiting for its re-arm";
+}
+
+TEST_F(Engine, SelectionLimitsTheResourcesWatched) {
+    auto n1 = handle(5), n2 = handle(6);
+    hostname(n1, "node1");
+    hostname(n2, "node2");
+    watch("Status==1", "", "Hostname==\"node2\"");
+    dyn(n1, 1, 1);
+    dyn(n2, 1, 1);
+    ASSERT_EQ(take(), 1u);
+    EXPECT_TRUE(fired_[0].handle == n2);
+}
+
+TEST_F(Engine, ErrorEventsForUndefinedResourcesGoneManagersAndShutdown) {
+    auto h = handle(7);
+    hostname(h, "node7");
+    uint64_t w1 = watch("Status==1", "", "Hostname==\"node7\"");
+    uint64_t w2 = watch("Status==2", "", "Hostname==\"other\"");
+    engine_.resourceUndefined("Kor.NodeHwCtrl", h);
+    ASSERT_EQ(take(), 1u) << "only the watch that selected the resource";
+    EXPECT_EQ(fired_[0].watch, w1);
+    EXPECT_EQ(fired_[0].flags & kEventFlagError, kEventFlagError);
+    EXPECT_EQ(fired_[0].error, kErrResourceUndefined);
+    EXPECT_STREQ(fired_[0].attrs[0].value.value().ptr_char, "node7");
+
+    engine_.managerGone("Kor.NodeHwCtrl");
+    engine_.managerGone("Kor.Other");
+    ASSERT_EQ(take(), 2u);
+    EXPECT_EQ(fired_[1].error, kErrManagerGone);
+    EXPECT_EQ(fired_[2].watch, w2);
+    EXPECT_EQ(engine_.watchCount(), 2u) << "watches survive a manager restart";
+
+    engine_.stopping();
+    EXPECT_EQ(take(), 2u);
+    EXPECT_EQ(fired_[3].error, kErrServiceStopping);
+    EXPECT_EQ(engine_.watchCount(), 0u);
+}
+
+TEST_F(Engine, BadWatchesAreRefusedWithClearErrors) {
+    EXPECT_THROW(watch("NoSuchAttr==1"), tarn_base::CErrorException);
+    EXPECT_THROW(watch("Status=="), tarn_base::CErrorException);
+    EXPECT_THROW(watch("Status==1", "Status=="), tarn_base::CErrorException);
+    EXPECT_THROW(watch("Status==1", "", "", {"Bogus"}), std::invalid_argument);
+    EXPECT_EQ(engine_.watchCount(), 0u);
+}
+
+TEST_F(Engine, MonitoringNeedsFollowTheWatches) {
+    EXPECT_TRUE(engine_.neededDynamic("Kor.NodeHwCtrl").empty());
+    uint64_t a = watch("PowerStatus!=PowerStatus@P", "", "", {"Hostname"});
+    uint64_t b = watch("Status==0", "ConfigChanged", "", {"Hostname"});
+    EXPECT_EQ(engine_.neededDynamic("Kor.NodeHwCtrl"), (std::set<int>{0, 1, 2}));
+    engine_.removeWatch(b);
+    EXPECT_EQ(engine_.neededDynamic("Kor.NodeHwCtrl"), (std::set<int>{0}));
+    engine_.removeWatch(a);
+    EXPECT_TRUE(engine_.neededDynamic("Kor.NodeHwCtrl").empty());
+    EXPECT_FALSE(engine_.removeWatch(a));
+}
+
+TEST_F(Engine, ClassLevelWatchesSeeOnlyClassReports) {
+    WatchSpec s;
+    s.className = "Kor.NodeHwCtrl";
+    s.classLevel = true;
+    s.attributes = {"ResourceDefined"};
+    s.expression = "ResourceDefined";
+    engine_.addWatch(s, hwClass());
+    rm_attribute_value v{0, ZN_UINT32, {}};
+    v.rm_value.val_uint32 = 1;
+    engine_.report("Kor.NodeHwCtrl", nullptr, false, &v, 1);
+    dyn(handle(9), 0, 1);
+    ASSERT_EQ(take(), 1u);
+    EXPECT_FALSE(fired_[0].hasHandle);
+    EXPECT_EQ(fired_[0].flags & kEventFlagClass, kEventFlagClass);
+}
+
+}  // namespace
