@@ -153,7 +153,12 @@ int main(int argc, char** argv) {
         writeAndQuery(rows, f);
         loadInChild(rows, f);
         regbench::BareFigures bare = regbench::runBareSqlite(tmpl, rows, kLookups);
-        std::filesystem::remove_all(tmpl);
+        // ORVRM_BENCH_KEEP keeps the store for profiling "--load-child" on it.
+        if (std::getenv("ORVRM_BENCH_KEEP") == nullptr) {
+            std::filesystem::remove_all(tmpl);
+        } else {
+            std::printf("kept %s\n", tmpl.c_str());
+        }
 
         std::printf("\n== managed-node table, %u rows, 47 columns ==\n", rows);
         std::printf("%-40s %10s %10s %10s %10s  %s\n", "figure", "reg wall", "reg cpu", "sql wall",

@@ -37,7 +37,7 @@ RMCachedTable::RMCachedTable(std::shared_ptr<RMRegistryDb> db, const std::string
     for (int c : wanted) {
         if (c >= 0 && indexes_[static_cast<size_t>(c)] == nullptr &&
             RMHashIndex::canIndex(schema_->column(static_cast<unsigned>(c)).type)) {
-            auto idx = std::make_unique<RMHashIndex>(static_cast<unsigned>(c));
+            auto idx = std::make_unique<RMHashIndex>(static_cast<unsigned>(c), slots_);
             idx->reserve(slots_.size());
             for (size_t s = 0; s < slots_.size(); ++s) {
                 idx->insert(*slots_[s], static_cast<uint32_t>(s));
@@ -184,7 +184,7 @@ void RMCachedTable::createIndex(const char* column) {
     if (idx != nullptr) {
         return;
     }
-    idx = std::make_unique<RMHashIndex>(static_cast<unsigned>(c));
+    idx = std::make_unique<RMHashIndex>(static_cast<unsigned>(c), slots_);
     for (size_t s = 0; s < slots_.size(); ++s) {
         if (slots_[s] != nullptr) {
             idx->insert(*slots_[s], static_cast<uint32_t>(s));
@@ -199,17 +199,13 @@ unsigned RMCachedTable::getRowCount() const {
 
 size_t RMCachedTable::memoryFootprint() const {
     std::shared_lock<std::shared_mutex> lock(state_);
-    // Per indexed row: a hash node (view, slot, link, hash) and its bucket.
-    constexpr size_t kIndexEntry = 64;
-    size_t indexed = 0;
-    for (const auto& idx : indexes_) {
-        indexed += idx != nullptr ? 1 : 0;
-    }
     size_t total = slots_.capacity() * (sizeof(RMRowPtr) + sizeof(RMRowId));
+    for (const auto& idx : indexes_) {
+        total += idx != nullptr ? idx->bytes() : 0;
+    }
     for (const RMRowPtr& r : slots_) {
         if (r != nullptr) {
-            // The shared control block and allocator headers come on top.
-            total += r->footprint() + 48 + indexed * kIndexEntry;
+            total += r->footprint();
         }
     }
     return total;

@@ -270,10 +270,12 @@ void RMCachedTable::apply(const std::vector<RMRowPtr>& olds, const std::vector<R
             continue;
         }
         auto s = static_cast<uint32_t>(slotOf(olds[i]->rowId()));
-        // Index keys are views into the row, so a replaced row is re-indexed
-        // even when its key didn't change.
         for (auto& idx : indexes_) {
-            if (idx != nullptr) {
+            if (idx == nullptr) {
+                continue;
+            }
+            unsigned c = idx->column();
+            if (row == nullptr || olds[i]->keyBytes(c) != row->keyBytes(c)) {
                 idx->erase(*olds[i], s);
                 if (row != nullptr) {
                     idx->insert(*row, s);

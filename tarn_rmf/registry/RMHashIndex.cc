@@ -1,6 +1,8 @@
 #include "tarn_rmf/registry/RMHashIndex.h"
 
+#include <algorithm>
 #include <cmath>
+#include <functional>
 
 namespace tarn_rmf {
 namespace {
@@ -107,35 +109,94 @@ bool RMHashIndex::keyFor(zn_data_type_t type, const RMValueView& key, std::strin
     }
 }
 
+uint32_t RMHashIndex::hashOf(std::string_view key) {
+    auto h = static_cast<uint64_t>(std::hash<std::string_view>{}(key));
+    return static_cast<uint32_t>(h ^ (h >> 32));
+}
+
+void RMHashIndex::clear() {
+    std::fill(entries_.begin(), entries_.end(), Entry{0, kEmpty});
+    size_ = 0;
+    erased_ = 0;
+}
+
+void RMHashIndex::reserve(size_t n) {
+    size_t want = 16;
+    while (want < 2 * n) {
+        want *= 2;
+    }
+    if (want > entries_.size()) {
+        grow(want);
+    }
+}
+
+void RMHashIndex::grow(size_t capacity) {
+    std::vector<Entry> old;
+    old.swap(entries_);
+    entries_.assign(capacity, Entry{0, kEmpty});
+    size_t mask = capacity - 1;
+    for (const Entry& e : old) {
+        if (e.slot < kErased) {
+            size_t i = e.hash & mask;
+            while (entries_[i].slot != kEmpty) {
+                i = (i + 1) & mask;
+            }
+            entries_[i] = e;
+        }
+    }
+    erased_ = 0;
+}
+
 void RMHashIndex::insert(const RMPackedRow& row, uint32_t slot) {
-    map_.emplace(row.keyBytes(column_), slot);
+    if (2 * (size_ + erased_ + 1) > entries_.size()) {
+        // Erased entries are dropped by rebuilding; the size only doubles
+        // when live entries need it.
+        grow(entries_.empty()                    ? 16
+             : 4 * (size_ + 1) > entries_.size() ? 2 * entries_.size()
+                                                 : entries_.size());
+    }
+    uint32_t h = hashOf(row.keyBytes(column_));
+    size_t mask = entries_.size() - 1;
+    size_t i = h & mask;
+    while (entries_[i].slot < kErased) {
+        i = (i + 1) & mask;
+    }
+    if (entries_[i].slot == kErased) {
+        --erased_;
+    }
+    entries_[i] = Entry{h, slot};
+    ++size_;
 }
 
 void RMHashIndex::erase(const RMPackedRow& row, uint32_t slot) {
-    auto [b, e] = map_.equal_range(row.keyBytes(column_));
-    for (auto it = b; it != e; ++it) {
-        if (it->second == slot) {
-            map_.erase(it);
+    if (entries_.empty()) {
+        return;
+    }
+    uint32_t h = hashOf(row.keyBytes(column_));
+    size_t mask = entries_.size() - 1;
+    for (size_t i = h & mask; entries_[i].slot != kEmpty; i = (i + 1) & mask) {
+        if (entries_[i].slot == slot && entries_[i].hash == h) {
+            entries_[i].slot = kErased;
+            --size_;
+            ++erased_;
             return;
         }
     }
 }
 
 void RMHashIndex::find(std::string_view key, std::vector<uint32_t>& out) const {
-    auto [b, e] = map_.equal_range(key);
-    for (auto it = b; it != e; ++it) {
-        out.push_back(it->second);
+    if (entries_.empty()) {
+        return;
     }
-}
-
-bool RMHashIndex::holdsOther(std::string_view key, uint32_t exceptSlot) const {
-    auto [b, e] = map_.equal_range(key);
-    for (auto it = b; it != e; ++it) {
-        if (it->second != exceptSlot) {
-            return true;
+    uint32_t h = hashOf(key);
+    size_t mask = entries_.size() - 1;
+    for (size_t i = h & mask; entries_[i].slot != kEmpty; i = (i + 1) & mask) {
+        const Entry& e = entries_[i];
+        if (e.slot < kErased && e.hash == h && slots_[e.slot] != nullptr &&
+            slots_[e.slot]->keyBytes(column_) == key) {
+            out.push_back(e.slot);
         }
     }
-    return false;
 }
 
 }  // namespace tarn_rmf

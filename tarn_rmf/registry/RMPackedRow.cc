@@ -1,6 +1,7 @@
 #include "tarn_rmf/registry/RMPackedRow.h"
 
 #include <cstring>
+#include <new>
 
 #include "tarn_rmf/registry/RMValueCodec.h"
 
@@ -16,24 +17,33 @@ void putHeader(unsigned columns, std::string& out) {
 
 }  // namespace
 
-RMRowPtr RMPackedRow::assemble(RMRowId id, std::string_view bytes,
-                               const std::vector<uint32_t>& offsets) {
-    auto row = std::make_shared<RMPackedRow>(id, static_cast<unsigned>(offsets.size()),
-                                             static_cast<uint32_t>(bytes.size()));
-    std::memcpy(row->mem_.get(), offsets.data(), sizeof(uint32_t) * offsets.size());
-    std::memcpy(row->blob(), bytes.data(), bytes.size());
-    return row;
+void RMRowPtr::retain() {
+    if (p_ != nullptr) {
+        p_->refs_.fetch_add(1, std::memory_order_relaxed);
+    }
 }
 
-RMPackedRow::RMPackedRow(RMRowId id, unsigned columns, uint32_t size)
-    : id_(id),
-      columns_(columns),
-      size_(size),
-      mem_(new unsigned char[sizeof(uint32_t) * columns + size]) {}
+void RMRowPtr::release() {
+    if (p_ != nullptr && p_->refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        p_->~RMPackedRow();
+        ::operator delete(static_cast<void*>(p_));
+    }
+    p_ = nullptr;
+}
+
+RMRowPtr RMPackedRow::assemble(RMRowId id, std::string_view bytes, const uint32_t* offsets,
+                               unsigned columns) {
+    size_t extra = sizeof(uint32_t) * columns + bytes.size();
+    void* mem = ::operator new(sizeof(RMPackedRow) + extra);
+    auto* row = new (mem) RMPackedRow(id, columns, static_cast<uint32_t>(bytes.size()));
+    std::memcpy(row->tail(), offsets, sizeof(uint32_t) * columns);
+    std::memcpy(row->blob(), bytes.data(), bytes.size());
+    return RMRowPtr(row);
+}
 
 uint32_t RMPackedRow::offset(unsigned i) const {
     uint32_t o;
-    std::memcpy(&o, mem_.get() + sizeof(uint32_t) * i, sizeof o);
+    std::memcpy(&o, tail() + sizeof(uint32_t) * i, sizeof o);
     return o;
 }
 
@@ -56,7 +66,9 @@ std::string_view RMPackedRow::keyBytes(unsigned i) const {
 }
 
 size_t RMPackedRow::footprint() const {
-    return sizeof(*this) + sizeof(uint32_t) * columns_ + size_;
+    // Allocator overhead: a 16-byte header, rounded to 16.
+    size_t n = sizeof(*this) + sizeof(uint32_t) * columns_ + size_ + 8;
+    return (n + 15) / 16 * 16;
 }
 
 RMRowPtr RMPackedRow::fromStored(RMRowId id, std::string_view bytes, const RMSchema& schema,
@@ -74,7 +86,9 @@ RMRowPtr RMPackedRow::fromStored(RMRowId id, std::string_view bytes, const RMSch
         error = "bad column count";
         return nullptr;
     }
-    std::vector<uint32_t> offsets;
+    // Reused across rows: loading a table builds a great many.
+    thread_local std::vector<uint32_t> offsets;
+    offsets.clear();
     offsets.reserve(schema.size());
     for (uint32_t i = 0; i < stored; ++i) {
         if (p >= end || static_cast<zn_data_type_t>(*p) != schema.column(i).type) {
@@ -93,7 +107,7 @@ RMRowPtr RMPackedRow::fromStored(RMRowId id, std::string_view bytes, const RMSch
         return nullptr;
     }
     if (stored == schema.size()) {
-        return assemble(id, bytes, offsets);
+        return assemble(id, bytes, offsets.data(), schema.size());
     }
     // Written before columns were added: rebuild the header, append defaults.
     std::string out;
@@ -109,7 +123,7 @@ RMRowPtr RMPackedRow::fromStored(RMRowId id, std::string_view bytes, const RMSch
         out.push_back(static_cast<char>(schema.column(i).type));
         out.append(schema.column(i).packedDefault);
     }
-    return assemble(id, out, offsets);
+    return assemble(id, out, offsets.data(), static_cast<unsigned>(offsets.size()));
 }
 
 RMRowPtr RMPackedRow::build(RMRowId id, const RMSchema& schema, const RMPackedRow* base,
@@ -133,7 +147,7 @@ RMRowPtr RMPackedRow::build(RMRowId id, const RMSchema& schema, const RMPackedRo
             out.append(schema.column(i).packedDefault);
         }
     }
-    return assemble(id, out, offsets);
+    return assemble(id, out, offsets.data(), static_cast<unsigned>(offsets.size()));
 }
 
 }  // namespace tarn_rmf

@@ -1,11 +1,13 @@
 // One registry row in its packed form: the row id, a column offset table and
-// the encoded bytes, which are also exactly what is stored on disk. Rows are
-// immutable once built; a change builds a new row, so readers holding a
-// shared_ptr to the old one never see a half-written row.
+// the encoded bytes, which are also exactly what is stored on disk, all in
+// one allocation. Rows are immutable once built; a change builds a new row,
+// so readers holding an RMRowPtr to the old one never see a half-written row.
+// RMRowPtr counts references atomically, so rows are shared across threads.
 #pragma once
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -20,7 +22,32 @@ namespace tarn_rmf {
 using RMRowId = int64_t;
 
 class RMPackedRow;
-using RMRowPtr = std::shared_ptr<const RMPackedRow>;
+
+// A shared, counted reference to an immutable row (null by default).
+class RMRowPtr {
+public:
+    RMRowPtr() = default;
+    RMRowPtr(std::nullptr_t) {}  // NOLINT: null converts implicitly, as for pointers
+    RMRowPtr(const RMRowPtr& o) : p_(o.p_) { retain(); }
+    RMRowPtr(RMRowPtr&& o) noexcept : p_(std::exchange(o.p_, nullptr)) {}
+    RMRowPtr& operator=(RMRowPtr o) noexcept {
+        std::swap(p_, o.p_);
+        return *this;
+    }
+    ~RMRowPtr() { release(); }
+
+    const RMPackedRow* get() const { return p_; }
+    const RMPackedRow* operator->() const { return p_; }
+    const RMPackedRow& operator*() const { return *p_; }
+    friend bool operator==(const RMRowPtr& a, std::nullptr_t) { return a.p_ == nullptr; }
+
+private:
+    friend class RMPackedRow;
+    explicit RMRowPtr(RMPackedRow* adopt) : p_(adopt) {}
+    void retain();
+    void release();
+    RMPackedRow* p_ = nullptr;
+};
 
 // A column to set, already encoded (value bytes without the type byte).
 struct RMPackedField {
@@ -48,25 +75,32 @@ public:
     // The view of a column (valid while this row lives).
     RMValueView column(unsigned i) const;
     // The bytes a hash index keys on: text of strings (null = ""), the 20
-    // bytes of a handle (null = empty), the little-endian bytes of scalars.
+    // bytes of a handle (null = empty), the encoded bytes of other values.
     std::string_view keyBytes(unsigned i) const;
 
-    // Approximate heap bytes held, for memory accounting.
+    // Heap bytes held.
     size_t footprint() const;
 
-    RMPackedRow(RMRowId id, unsigned columns, uint32_t size);
+    RMPackedRow(const RMPackedRow&) = delete;
+    RMPackedRow& operator=(const RMPackedRow&) = delete;
 
 private:
-    const unsigned char* blob() const { return mem_.get() + sizeof(uint32_t) * columns_; }
-    unsigned char* blob() { return mem_.get() + sizeof(uint32_t) * columns_; }
+    friend class RMRowPtr;
+    RMPackedRow(RMRowId id, unsigned columns, uint32_t size)
+        : id_(id), columns_(columns), size_(size) {}
+    // The offsets, then the bytes, follow the object in its allocation.
+    const unsigned char* tail() const { return reinterpret_cast<const unsigned char*>(this + 1); }
+    unsigned char* tail() { return reinterpret_cast<unsigned char*>(this + 1); }
+    const unsigned char* blob() const { return tail() + sizeof(uint32_t) * columns_; }
+    unsigned char* blob() { return tail() + sizeof(uint32_t) * columns_; }
     uint32_t offset(unsigned i) const;
-    static RMRowPtr assemble(RMRowId id, std::string_view bytes,
-                             const std::vector<uint32_t>& offsets);
+    static RMRowPtr assemble(RMRowId id, std::string_view bytes, const uint32_t* offsets,
+                             unsigned columns);
 
     RMRowId id_;
     unsigned columns_;
     uint32_t size_;
-    std::unique_ptr<unsigned char[]> mem_;  // offsets (uint32 each), then the bytes
+    mutable std::atomic<uint32_t> refs_{1};
 };
 
 // A packed row as the selection evaluator reads it.
