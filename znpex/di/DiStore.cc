@@ -1,0 +1,192 @@
+#include "znpex/di/DiStore.h"
+
+#include <sqlite3.h>
+
+#include <stdexcept>
+
+#include "platform/paths.h"
+
+namespace znpex::di {
+namespace {
+
+std::string join(const std::vector<std::string>& items) {
+    std::string out;
+    for (size_t i = 0; i < items.size(); ++i) {
+        if (i > 0) {
+            out += '\n';
+        }
+        out += items[i];
+    }
+    return out;
+}
+
+std::vector<std::string> split(const char* text) {
+    std::vector<std::string> out;
+    if (text == nullptr || *text == '\0') {
+        return out;
+    }
+    std::string s(text);
+    size_t pos = 0;
+    for (;;) {
+        size_t nl = s.find('\n', pos);
+        out.push_back(s.substr(pos, nl == std::string::npos ? std::string::npos : nl - pos));
+        if (nl == std::string::npos) {
+            return out;
+        }
+        pos = nl + 1;
+    }
+}
+
+// A prepared statement released on every path.
+class Stmt {
+public:
+    Stmt(sqlite3* db, const char* sql) {
+        if (sqlite3_prepare_v2(db, sql, -1, &s_, nullptr) != SQLITE_OK) {
+            throw std::runtime_error(sqlite3_errmsg(db));
+        }
+    }
+    ~Stmt() { sqlite3_finalize(s_); }
+    Stmt(const Stmt&) = delete;
+    Stmt& operator=(const Stmt&) = delete;
+    sqlite3_stmt* get() { return s_; }
+    void text(int i, const std::string& v) {
+        sqlite3_bind_text(s_, i, v.data(), static_cast<int>(v.size()), SQLITE_TRANSIENT);
+    }
+    void run(sqlite3* db) {
+        if (sqlite3_step(s_) != SQLITE_DONE) {
+            throw std::runtime_error(sqlite3_errmsg(db));
+        }
+        sqlite3_reset(s_);
+        sqlite3_clear_bindings(s_);
+    }
+
+private:
+    sqlite3_stmt* s_ = nullptr;
+};
+
+}  // namespace
+
+DiStore::DiStore(const std::string& path) {
+    if (int rc = zn::paths::ensureParentDir(path); rc != 0) {
+        throw std::runtime_error("cannot create the directory of " + path);
+    }
+    if (sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
+                                                SQLITE_OPEN_FULLMUTEX,
+                        nullptr) != SQLITE_OK) {
+        std::string why = db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory";
+        sqlite3_close(db_);
+        db_ = nullptr;
+        throw std::runtime_error("cannot open " + path + ": " + why);
+    }
+    try {
+        // Tables change rarely and must survive a power cut once refreshed.
+        exec("PRAGMA journal_mode=WAL");
+        exec("PRAGMA synchronous=FULL");
+        exec("CREATE TABLE IF NOT EXISTS nodes (hostname TEXT PRIMARY KEY, node_id INTEGER,"
+             " names TEXT, addresses TEXT)");
+        exec("CREATE TABLE IF NOT EXISTS groups (name TEXT PRIMARY KEY, members TEXT)");
+    } catch (const std::exception& e) {
+        sqlite3_close(db_);
+        db_ = nullptr;
+        throw std::runtime_error(path + " is not a usable table store: " + e.what());
+    }
+}
+
+DiStore::~DiStore() { sqlite3_close(db_); }
+
+void DiStore::exec(const char* sql) const {
+    char* err = nullptr;
+    if (sqlite3_exec(db_, sql, nullptr, nullptr, &err) != SQLITE_OK) {
+        std::string why = err != nullptr ? err : "unknown error";
+        sqlite3_free(err);
+        throw std::runtime_error(why);
+    }
+}
+
+int DiStore::apply(const Transaction& t, std::string* why) {
+    if (std::string bad = validate(t); !bad.empty()) {
+        if (why != nullptr) {
+            *why = bad;
+        }
+        return DI_EINVAL;
+    }
+    std::lock_guard<std::mutex> g(mu_);
+    try {
+        exec("BEGIN IMMEDIATE");
+        try {
+            if (t.clearNodes) {
+                exec("DELETE FROM nodes");
+            }
+            if (t.clearGroups) {
+                exec("DELETE FROM groups");
+            }
+            bool remove = t.op == DI_TABLE_REMOVE;
+            Stmt node(db_, remove ? "DELETE FROM nodes WHERE hostname=?1"
+                                  : "INSERT OR REPLACE INTO nodes VALUES (?1, ?2, ?3, ?4)");
+            for (const auto& n : t.nodes) {
+                node.text(1, n.hostname);
+                if (!remove) {
+                    sqlite3_bind_int64(node.get(), 2, static_cast<sqlite3_int64>(n.nodeId));
+                    node.text(3, join(n.names));
+                    node.text(4, join(n.addresses));
+                }
+                node.run(db_);
+            }
+            Stmt group(db_, remove ? "DELETE FROM groups WHERE name=?1"
+                                   : "INSERT OR REPLACE INTO groups VALUES (?1, ?2)");
+            for (const auto& gr : t.groups) {
+                group.text(1, gr.name);
+                if (!remove) {
+                    group.text(2, join(gr.members));
+                }
+                group.run(db_);
+            }
+            exec("COMMIT");
+        } catch (...) {
+            exec("ROLLBACK");
+            throw;
+        }
+    } catch (const std::exception& e) {
+        if (why != nullptr) {
+            *why = e.what();
+        }
+        return DI_ESTORE;
+    }
+    ++version_;
+    return DI_OK;
+}
+
+std::vector<NodeEntry> DiStore::nodes() const {
+    std::lock_guard<std::mutex> g(mu_);
+    std::vector<NodeEntry> out;
+    Stmt q(db_, "SELECT hostname, node_id, names, addresses FROM nodes ORDER BY hostname");
+    while (sqlite3_step(q.get()) == SQLITE_ROW) {
+        NodeEntry n;
+        n.hostname = reinterpret_cast<const char*>(sqlite3_column_text(q.get(), 0));
+        n.nodeId = static_cast<uint64_t>(sqlite3_column_int64(q.get(), 1));
+        n.names = split(reinterpret_cast<const char*>(sqlite3_column_text(q.get(), 2)));
+        n.addresses = split(reinterpret_cast<const char*>(sqlite3_column_text(q.get(), 3)));
+        out.push_back(std::move(n));
+    }
+    return out;
+}
+
+std::vector<GroupEntry> DiStore::groups() const {
+    std::lock_guard<std::mutex> g(mu_);
+    std::vector<GroupEntry> out;
+    Stmt q(db_, "SELECT name, members FROM groups ORDER BY name");
+    while (sqlite3_step(q.get()) == SQLITE_ROW) {
+        GroupEntry e;
+        e.name = reinterpret_cast<const char*>(sqlite3_column_text(q.get(), 0));
+        e.members = split(reinterpret_cast<const char*>(sqlite3_column_text(q.get(), 1)));
+        out.push_back(std::move(e));
+    }
+    return out;
+}
+
+uint64_t DiStore::version() const {
+    std::lock_guard<std::mutex> g(mu_);
+    return version_;
+}
+
+}  // namespace znpex::di

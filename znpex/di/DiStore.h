@@ -1,0 +1,41 @@
+// The durable store of the distributed-information tables: one SQLite file
+// under the state root. A transaction is applied whole or not at all and is
+// on disk when apply() returns. Readers get copies. Thread-safe.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "znpex/di/DiTypes.h"
+
+struct sqlite3;
+
+namespace znpex::di {
+
+class DiStore {
+public:
+    // Opens (creating) the store at `path`; throws std::runtime_error when the
+    // file cannot be opened or is not a store.
+    explicit DiStore(const std::string& path);
+    ~DiStore();
+    DiStore(const DiStore&) = delete;
+    DiStore& operator=(const DiStore&) = delete;
+
+    // Applies a transaction; returns DI_OK, DI_EINVAL (with `why`) or DI_ESTORE.
+    int apply(const Transaction& t, std::string* why = nullptr);
+    std::vector<NodeEntry> nodes() const;
+    std::vector<GroupEntry> groups() const;
+    // Increases with every applied transaction (watchers compare it).
+    uint64_t version() const;
+
+private:
+    void exec(const char* sql) const;
+
+    mutable std::mutex mu_;  // guards db_ and version_
+    sqlite3* db_ = nullptr;
+    uint64_t version_ = 0;
+};
+
+}  // namespace znpex::di

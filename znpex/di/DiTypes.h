@@ -1,0 +1,58 @@
+// The distributed-information tables of the monitoring service: the node
+// table (which nodes are managed, under which names and addresses) and the
+// node-group table (each group's expanded members), and the transactions a
+// resource manager refreshes into them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// What a transaction does to the rows it carries.
+enum di_table_op_t : int32_t {
+    DI_TABLE_ADD = 1,     // add the rows, replacing rows with the same key
+    DI_TABLE_UPDATE = 2,  // the same as add: rows are replaced whole
+    DI_TABLE_REMOVE = 3,  // remove the rows with these keys
+};
+
+// Results of di_refresh_table_1.
+inline constexpr int DI_OK = 0;
+inline constexpr int DI_EINVAL = 4;    // a malformed transaction; nothing applied
+inline constexpr int DI_ESTORE = 6;    // the tables could not be written; nothing applied
+// Applied here, but not every other host of the management domain has
+// acknowledged it yet; they catch up when they next reach this service.
+// Callers treat it as success.
+inline constexpr int DI_EPARTIAL = 8;
+inline constexpr int DI_ENOSERVICE = 9;  // the service could not be reached
+
+namespace znpex::di {
+
+struct NodeEntry {
+    uint64_t nodeId = 0;
+    std::string hostname;  // the key
+    std::vector<std::string> names;
+    std::vector<std::string> addresses;
+};
+
+struct GroupEntry {
+    std::string name;  // the key
+    std::vector<std::string> members;
+};
+
+struct Transaction {
+    di_table_op_t op = DI_TABLE_ADD;
+    bool clearNodes = false;   // empty the node table first (null-table call)
+    bool clearGroups = false;  // empty the node-group table first
+    std::vector<NodeEntry> nodes;
+    std::vector<GroupEntry> groups;
+};
+
+// Limits that keep one transaction bounded.
+inline constexpr size_t kMaxRows = 200000;
+inline constexpr size_t kMaxText = 1024;
+inline constexpr size_t kMaxListItems = 256;
+
+// Checks a transaction against the limits; returns "" or what is wrong.
+std::string validate(const Transaction& t);
+
+}  // namespace znpex::di
