@@ -221,7 +221,8 @@ TEST_F(TableTest, IndexedLookupsAgreeWithFullScansThroughChurn) {
         if (i % 5 != 0) {
             table_->deleteRow(ids[i]);
         } else if (i % 3 == 0) {
-            RMFieldValue v[] = {field("Name", ("r" + std::to_string(i % 11)).c_str())};
+            std::string renamed = "r" + std::to_string(i % 11);
+            RMFieldValue v[] = {field("Name", renamed.c_str())};
             table_->changeRow(ids[i], v, 1);
         }
     }
