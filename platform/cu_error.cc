@@ -58,6 +58,10 @@ void cu_set_error_1(int errorId, const char* ffdcId, const char* catalog, int se
 
 void cu_set_no_error_1() { t_lastError = cu_error_t{}; }
 
+void cu_set_error_obj_1(const cu_error_t* err) {
+    t_lastError = err != nullptr ? *err : cu_error_t{};
+}
+
 void cu_get_error(cu_error_t** err) {
     if (err != nullptr) {
         *err = new cu_error_t(t_lastError);

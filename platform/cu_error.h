@@ -35,6 +35,9 @@ void cu_set_error_1(int errorId, const char* ffdcId, const char* catalog, int se
                     const char* defaultText, ...);
 // Sets the thread's last error to "no error" (id 0).
 void cu_set_no_error_1();
+// Sets the thread's last error to a copy of an error that arrived already
+// built (decoded from another process), arguments included; null: no error.
+void cu_set_error_obj_1(const cu_error_t* err);
 // A copy of the thread's last error, which the caller releases; id 0 when none.
 void cu_get_error(cu_error_t** err);
 
