@@ -80,9 +80,10 @@ RMCachedTable* RMCreateClassTable(RMTree* tree, const char* tablePath,
 
 // Creates or opens the resource table `tablePath` ("/Kor/<Class>/Resources"),
 // one row per resource. `key` names the column that identifies a row (unique
-// among the table's rows; null for none). `filter`, when not null or empty,
-// is a selection: only matching rows are loaded, and rows added through the
-// table join its view whatever they hold. `option` is 0 or kRMTableCached.
+// among the rows the table holds; null for none). `filter`, when not null or
+// empty, is a selection: only matching rows are loaded, rows added through
+// the table join its view whatever they hold, and stored rows outside the view
+// are kept as they are. `option` is 0 or kRMTableCached.
 // Resource tables start deferred (sync mode 0). Throws RMTableError.
 RMCachedTable* RMCreateResourceTable(RMTree* tree, const char* tablePath,
                                      const RMPersAttrDefs* columns, unsigned count, const char* key,

@@ -113,7 +113,7 @@ private:
     unsigned long long nodeId_ = 0;
 };
 
-TEST(ClassUsage, AClassRebuildsItsResourcesFromItsTableAfterARestart) {
+TEST(RegistryClassUsage, AClassRebuildsItsResourcesFromItsTableAfterARestart) {
     regtest::TempRoot root;
     RMTree tree(zn::paths::kRegistryTree);
     {
@@ -138,7 +138,7 @@ TEST(ClassUsage, AClassRebuildsItsResourcesFromItsTableAfterARestart) {
               std::vector<std::string>{"disks"});
 }
 
-TEST(ClassUsage, ASelectionStringIsValidatedAgainstTheManagedNodeColumns) {
+TEST(RegistryClassUsage, ASelectionStringIsValidatedAgainstTheManagedNodeColumns) {
     regtest::TempRoot root;
     RMTree tree(zn::paths::kRegistryTree);
     GroupClass groups(tree, 0x42, true);

@@ -22,7 +22,7 @@ const RMPersAttrDefs kColumns[] = {
 };
 constexpr unsigned kRows = 50;
 
-class ConcurrencyTest : public ::testing::TestWithParam<unsigned> {
+class RegistryConcurrency : public ::testing::TestWithParam<unsigned> {
 protected:
     void SetUp() override {
         tree_.mountTree();
@@ -48,7 +48,7 @@ protected:
     std::vector<RMCachedTable*> tables_;
 };
 
-TEST_P(ConcurrencyTest, ReadersSeeWholeChangesWhileWritersTakeTurns) {
+TEST_P(RegistryConcurrency, ReadersSeeWholeChangesWhileWritersTakeTurns) {
     constexpr unsigned kGenerations = 150;
     std::atomic<bool> done{false};
     std::atomic<unsigned> torn{0}, lookups{0}, misses{0}, readersUp{0};
@@ -123,8 +123,10 @@ TEST_P(ConcurrencyTest, ReadersSeeWholeChangesWhileWritersTakeTurns) {
     EXPECT_EQ(tree_.checkIntegrity(), "ok");
 }
 
-INSTANTIATE_TEST_SUITE_P(SyncModes, ConcurrencyTest, ::testing::Values(0u, 1u), [](const auto& p) {
-    return p.param == 0 ? std::string("Deferred") : std::string("WriteThrough");
-});
+INSTANTIATE_TEST_SUITE_P(SyncModes, RegistryConcurrency, ::testing::Values(0u, 1u),
+                         [](const auto& p) {
+                             return p.param == 0 ? std::string("Deferred")
+                                                 : std::string("WriteThrough");
+                         });
 
 }  // namespace

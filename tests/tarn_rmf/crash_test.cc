@@ -176,11 +176,11 @@ void runKillLoop(bool writeThrough, int rounds) {
                 rounds, acked.size(), killedMidWrite);
 }
 
-TEST(CrashTest, WriteThroughChangesSurviveKillNineAndNoneIsHalfApplied) {
+TEST(RegistryCrash, WriteThroughChangesSurviveKillNineAndNoneIsHalfApplied) {
     runKillLoop(true, 40);
 }
 
-TEST(CrashTest, SyncedChangesSurviveKillNineAndNoneIsHalfApplied) {
+TEST(RegistryCrash, SyncedChangesSurviveKillNineAndNoneIsHalfApplied) {
     runKillLoop(false, 20);
 }
 

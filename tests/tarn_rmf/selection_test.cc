@@ -107,7 +107,7 @@ bool run(const FakeRow& row, const char* text, const RMSelParams* params = nullp
     return sel->evaluate(row, sel->bind(params));
 }
 
-TEST(Selection, SelectionsTheClassesWriteMeanWhatTheySay) {
+TEST(RegistrySelection, SelectionsTheClassesWriteMeanWhatTheySay) {
     FakeRow row;
     struct Case {
         const char* text;
@@ -141,7 +141,7 @@ TEST(Selection, SelectionsTheClassesWriteMeanWhatTheySay) {
     }
 }
 
-TEST(Selection, OperatorsLiteralsAndPrecedence) {
+TEST(RegistrySelection, OperatorsLiteralsAndPrecedence) {
     FakeRow row;
     struct Case {
         const char* text;
@@ -200,7 +200,7 @@ TEST(Selection, OperatorsLiteralsAndPrecedence) {
     }
 }
 
-TEST(Selection, ErrorsNameTheirPosition) {
+TEST(RegistrySelection, ErrorsNameTheirPosition) {
     FakeRow row;
     struct Case {
         const char* text;
@@ -258,7 +258,7 @@ TEST(Selection, ErrorsNameTheirPosition) {
     }
 }
 
-TEST(Selection, PreviousValuesNeedASourceThatHasThem) {
+TEST(RegistrySelection, PreviousValuesNeedASourceThatHasThem) {
     FakeRow row;
     row.withPrevious = false;
     try {
@@ -270,7 +270,7 @@ TEST(Selection, PreviousValuesNeedASourceThatHasThem) {
     }
 }
 
-TEST(Selection, InputBeyondTheLimitsIsRefusedNotRecursedInto) {
+TEST(RegistrySelection, InputBeyondTheLimitsIsRefusedNotRecursedInto) {
     FakeRow row;
     std::string deep(kRMMaxSelectionDepth + 1, '(');
     deep += "Status";
@@ -285,7 +285,7 @@ TEST(Selection, InputBeyondTheLimitsIsRefusedNotRecursedInto) {
     EXPECT_TRUE(run(row, chain.c_str()));
 }
 
-TEST(Selection, ParametersAreBoundByNameAndTypeChecked) {
+TEST(RegistrySelection, ParametersAreBoundByNameAndTypeChecked) {
     FakeRow row;
     RMSelParams params;
     zn_resource_handle mine = regtest::handle(5);
@@ -320,7 +320,7 @@ TEST(Selection, ParametersAreBoundByNameAndTypeChecked) {
     EXPECT_THROW(RMSelection::compile("ResourceHandle == $RH", row)->bind(nullptr), RMTableError);
 }
 
-TEST(Selection, PlansUseIndexedEqualitiesOnlyWhenTheyCoverEveryMatch) {
+TEST(RegistrySelection, PlansUseIndexedEqualitiesOnlyWhenTheyCoverEveryMatch) {
     FakeRow row;
     RMSelParams params;
     params.setString("H", "h1");

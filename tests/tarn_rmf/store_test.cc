@@ -36,7 +36,7 @@ const RMPersAttrDefs kV2[] = {
     {"SelectStr", ZN_CHAR_PTR, rmStrDefault("*"), 0x0B},
 };
 
-class StoreTest : public ::testing::Test {
+class RegistryStore : public ::testing::Test {
 protected:
     // Opens the tree afresh, as a restarted daemon would.
     std::unique_ptr<RMTree> openTree() {
@@ -70,7 +70,7 @@ protected:
     regtest::TempRoot root_;
 };
 
-TEST_F(StoreTest, WriteThroughAndSyncedChangesOutliveTheProcessAndDeferredOnesDoNot) {
+TEST_F(RegistryStore, WriteThroughAndSyncedChangesOutliveTheProcessAndDeferredOnesDoNot) {
     // The child makes changes in each mode and dies without closing anything.
     pid_t pid = fork();
     ASSERT_GE(pid, 0);
@@ -110,7 +110,7 @@ TEST_F(StoreTest, WriteThroughAndSyncedChangesOutliveTheProcessAndDeferredOnesDo
     tree->closeTable(t);
 }
 
-TEST_F(StoreTest, ASecondTreeOnTheSameDirectoryIsKeptOut) {
+TEST_F(RegistryStore, ASecondTreeOnTheSameDirectoryIsKeptOut) {
     auto tree = openTree();
     RMTree second(zn::paths::kRegistryTree);
     try {
@@ -122,7 +122,7 @@ TEST_F(StoreTest, ASecondTreeOnTheSameDirectoryIsKeptOut) {
     }
 }
 
-TEST_F(StoreTest, ClassTablesHaveOneRowOfDefaultsAndWriteThrough) {
+TEST_F(RegistryStore, ClassTablesHaveOneRowOfDefaultsAndWriteThrough) {
     const RMPersAttrDefs cls[] = {{"Variety", ZN_UINT32, rmUintDefault(1), 0}};
     auto tree = openTree();
     RMCachedTable* c = RMCreateClassTable(tree.get(), "/Kor/NodeGroup/Class", cls, 1);
@@ -141,7 +141,7 @@ TEST_F(StoreTest, ClassTablesHaveOneRowOfDefaultsAndWriteThrough) {
     EXPECT_EQ(regtest::number(rs, 0, "Variety"), 7u);
 }
 
-TEST_F(StoreTest, MoreColumnsUpgradeTheTableAndKeepEveryRow) {
+TEST_F(RegistryStore, MoreColumnsUpgradeTheTableAndKeepEveryRow) {
     auto tree = openTree();
     RMCachedTable* t = open(*tree, kV1, 3);
     addGroup(t, 1, "g1", 5);
@@ -165,7 +165,7 @@ TEST_F(StoreTest, MoreColumnsUpgradeTheTableAndKeepEveryRow) {
     tree->closeTable(t);
 }
 
-TEST_F(StoreTest, DefinitionsThatDisagreeWithTheStoreOrThemselvesAreRefused) {
+TEST_F(RegistryStore, DefinitionsThatDisagreeWithTheStoreOrThemselvesAreRefused) {
     auto tree = openTree();
     tree->closeTable(open(*tree, kV1, 3));
     const RMPersAttrDefs retyped[] = {{"ResourceHandle", ZN_RSRC_HANDLE_PTR, rmNoDefault(), 0},
@@ -207,7 +207,7 @@ TEST_F(StoreTest, DefinitionsThatDisagreeWithTheStoreOrThemselvesAreRefused) {
                  RMTableError);
 }
 
-TEST_F(StoreTest, AFilterLoadsMatchingRowsAndLeavesTheOthersStored) {
+TEST_F(RegistryStore, AFilterLoadsMatchingRowsAndLeavesTheOthersStored) {
     auto tree = openTree();
     RMCachedTable* t = open(*tree, kV1, 3);
     addGroup(t, 1, "mine", 0x1111);
@@ -233,7 +233,7 @@ TEST_F(StoreTest, AFilterLoadsMatchingRowsAndLeavesTheOthersStored) {
     EXPECT_THROW(open(*tree, kV1, 3, "NodeIDs ="), RMTableError);
 }
 
-TEST_F(StoreTest, ReopeningAnOpenTableSharesItOnlyWithTheSameDefinition) {
+TEST_F(RegistryStore, ReopeningAnOpenTableSharesItOnlyWithTheSameDefinition) {
     auto tree = openTree();
     RMCachedTable* a = open(*tree, kV1, 3);
     RMCachedTable* b = open(*tree, kV1, 3);
@@ -257,7 +257,7 @@ TEST_F(StoreTest, ReopeningAnOpenTableSharesItOnlyWithTheSameDefinition) {
     }
 }
 
-TEST_F(StoreTest, AFileThatIsNoDatabaseIsAStorageError) {
+TEST_F(RegistryStore, AFileThatIsNoDatabaseIsAStorageError) {
     ASSERT_EQ(zn::paths::ensureParentDir(dbFile()), 0);
     std::ofstream(dbFile()) << "this is not a database, just some text that is long enough";
     RMTree tree(zn::paths::kRegistryTree);
@@ -271,7 +271,7 @@ TEST_F(StoreTest, AFileThatIsNoDatabaseIsAStorageError) {
     EXPECT_FALSE(tree.isMounted());
 }
 
-TEST_F(StoreTest, ADamagedRowStopsTheOpenAndNamesTheRow) {
+TEST_F(RegistryStore, ADamagedRowStopsTheOpenAndNamesTheRow) {
     auto tree = openTree();
     RMCachedTable* t = open(*tree, kV1, 3);
     t->setSyncMode(1);

@@ -26,7 +26,7 @@ const RMPersAttrDefs kColumns[] = {
     {"Mode", ZN_CHAR_PTR, rmStrDefault("PreManaged"), 0x0B},
 };
 
-class TableTest : public ::testing::Test {
+class RegistryTable : public ::testing::Test {
 protected:
     void SetUp() override {
         tree_.mountTree();
@@ -56,7 +56,7 @@ protected:
     RMCachedTable* table_ = nullptr;
 };
 
-TEST_F(TableTest, AddedRowsAreFoundByKeyAndReadWithDefaults) {
+TEST_F(RegistryTable, AddedRowsAreFoundByKeyAndReadWithDefaults) {
     RMRowId first = add(1, "n1", "10.0.0.1");
     RMRowId second = add(2, "n2", "10.0.0.2");
     EXPECT_LT(first, second);
@@ -81,7 +81,7 @@ TEST_F(TableTest, AddedRowsAreFoundByKeyAndReadWithDefaults) {
     EXPECT_EQ(table_->select("Name =~ \"^n[0-9]$\" && UniversalId > 1001").getRowCount(), 1u);
 }
 
-TEST_F(TableTest, MetadataWalksRowsInRowOrderAndIsASnapshot) {
+TEST_F(RegistryTable, MetadataWalksRowsInRowOrderAndIsASnapshot) {
     for (unsigned i = 0; i < 5; ++i) {
         add(i, ("n" + std::to_string(i)).c_str(), "10.0.0.1");
     }
@@ -99,7 +99,7 @@ TEST_F(TableTest, MetadataWalksRowsInRowOrderAndIsASnapshot) {
     EXPECT_EQ(regtest::text(after, 3, "Name"), "n4");
 }
 
-TEST_F(TableTest, ChangesAndDeletesApplyToEverySelectedRowAndKeepIndexesCurrent) {
+TEST_F(RegistryTable, ChangesAndDeletesApplyToEverySelectedRowAndKeepIndexesCurrent) {
     add(1, "a", "10.0.0.1");
     add(2, "b", "10.0.0.1");
     add(3, "c", "10.0.0.2");
@@ -114,7 +114,7 @@ TEST_F(TableTest, ChangesAndDeletesApplyToEverySelectedRowAndKeepIndexesCurrent)
     EXPECT_EQ(table_->select("Name == \"a\"").getRowCount(), 0u);
 }
 
-TEST_F(TableTest, RowsAreReachableByIdUntilDeleted) {
+TEST_F(RegistryTable, RowsAreReachableByIdUntilDeleted) {
     RMRowId id = add(7, "seven", "10.0.0.7");
     RMFieldValue v[] = {field("Name", "SEVEN")};
     table_->changeRow(id, v, 1);
@@ -135,7 +135,7 @@ TEST_F(TableTest, RowsAreReachableByIdUntilDeleted) {
     }
 }
 
-TEST_F(TableTest, BadWritesAreRefusedAndChangeNothing) {
+TEST_F(RegistryTable, BadWritesAreRefusedAndChangeNothing) {
     add(1, "a", "10.0.0.1");
     zn_resource_handle dup = regtest::handle(1);
     zn_resource_handle fresh = regtest::handle(9);
@@ -186,7 +186,7 @@ TEST_F(TableTest, BadWritesAreRefusedAndChangeNothing) {
     EXPECT_EQ(table_->getRowCount(), 2u);
 }
 
-TEST_F(TableTest, ReadsOfUnknownColumnsOrRowsCopyNothing) {
+TEST_F(RegistryTable, ReadsOfUnknownColumnsOrRowsCopyNothing) {
     add(1, "a", "10.0.0.1");
     RMRowSet rs = table_->select("*");
     const char* cols[] = {"Name", "NoSuch"};
@@ -209,7 +209,7 @@ TEST_F(TableTest, ReadsOfUnknownColumnsOrRowsCopyNothing) {
     EXPECT_THROW(rs.getFieldsByIdV(0, bad, 1, out), RMTableError);
 }
 
-TEST_F(TableTest, IndexedLookupsAgreeWithFullScansThroughChurn) {
+TEST_F(RegistryTable, IndexedLookupsAgreeWithFullScansThroughChurn) {
     std::mt19937 rng(12345);
     std::vector<RMRowId> ids;
     for (unsigned i = 0; i < 3000; ++i) {

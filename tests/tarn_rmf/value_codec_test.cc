@@ -69,7 +69,7 @@ std::vector<Sample> samples() {
     return out;
 }
 
-TEST(ValueCodec, EveryTypeRoundTripsThroughPackedBytesAndCopyOut) {
+TEST(RegistryValueCodec, EveryTypeRoundTripsThroughPackedBytesAndCopyOut) {
     for (const Sample& s : samples()) {
         SCOPED_TRACE(s.label);
         std::string bytes;
@@ -90,7 +90,7 @@ TEST(ValueCodec, EveryTypeRoundTripsThroughPackedBytesAndCopyOut) {
     }
 }
 
-TEST(ValueCodec, EveryTruncationIsRefused) {
+TEST(RegistryValueCodec, EveryTruncationIsRefused) {
     for (const Sample& s : samples()) {
         SCOPED_TRACE(s.label);
         std::string bytes;
@@ -104,7 +104,7 @@ TEST(ValueCodec, EveryTruncationIsRefused) {
     }
 }
 
-TEST(ValueCodec, MalformedEncodingsAreRefused) {
+TEST(RegistryValueCodec, MalformedEncodingsAreRefused) {
     struct Case {
         const char* label;
         zn_data_type_t type;
@@ -131,7 +131,7 @@ TEST(ValueCodec, MalformedEncodingsAreRefused) {
     }
 }
 
-TEST(ValueCodec, NestingBeyondTheLimitIsRefusedBothWays) {
+TEST(RegistryValueCodec, NestingBeyondTheLimitIsRefusedBothWays) {
     // kRMMaxNesting + 2 levels of structured data, each holding the next.
     std::vector<zn_structured_data*> levels;
     zn_structured_data* inner = zn_sd_new(1);
@@ -159,7 +159,7 @@ TEST(ValueCodec, NestingBeyondTheLimitIsRefusedBothWays) {
     EXPECT_EQ(rmCheckPacked(ZN_SD_PTR, p + 0, p + deep.size()), nullptr);
 }
 
-TEST(ValueCodec, VarintsRoundTripAtTheirByteBoundaries) {
+TEST(RegistryValueCodec, VarintsRoundTripAtTheirByteBoundaries) {
     for (uint32_t v : {0u, 1u, 127u, 128u, 16383u, 16384u, 0x0FFFFFFFu, 0xFFFFFFFFu}) {
         std::string out;
         rmPutVarint(v, out);
