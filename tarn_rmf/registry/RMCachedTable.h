@@ -77,8 +77,9 @@ private:
     void load(bool classTable, const char* filter);
     std::vector<RMPackedField> packFields(const RMFieldValue* values, unsigned count) const;
     std::vector<RMRowPtr> matching(const RMSelection& sel, const RMSelBinding& b) const;
-    RMRowPtr findRow(RMRowId id) const;  // under state_
-    int slotOf(RMRowId id) const;        // under state_; -1 when none
+    void checkSize(const RMRowPtr& row) const;  // kBadValue past kRMMaxRowBytes
+    RMRowPtr findRow(RMRowId id) const;         // under state_
+    int slotOf(RMRowId id) const;               // under state_; -1 when none
     // Writes replacements (null new row = delete) to the store or the pending
     // set, then into memory. Under writer_.
     void apply(const std::vector<RMRowPtr>& olds, const std::vector<RMRowPtr>& news);

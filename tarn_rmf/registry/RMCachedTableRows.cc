@@ -40,6 +40,10 @@ std::vector<RMPackedField> RMCachedTable::packFields(const RMFieldValue* values,
             throw RMTableError::build(RMTableErrc::kBadValue, path_.c_str(), col.name.c_str(),
                                       "it nests too deeply or holds a type that can't be stored");
         }
+        if (f.bytes.size() > kRMMaxRowBytes) {
+            throw RMTableError::build(RMTableErrc::kBadValue, path_.c_str(), col.name.c_str(),
+                                      "it is larger than a row may be (16 MiB)");
+        }
         fields.push_back(std::move(f));
     }
     std::sort(fields.begin(), fields.end(),
@@ -52,6 +56,13 @@ std::vector<RMPackedField> RMCachedTable::packFields(const RMFieldValue* values,
         }
     }
     return fields;
+}
+
+void RMCachedTable::checkSize(const RMRowPtr& row) const {
+    if (row->bytes().size() > kRMMaxRowBytes) {
+        throw RMTableError::build(RMTableErrc::kBadValue, path_.c_str(), "(all)",
+                                  "the row would be larger than a row may be (16 MiB)");
+    }
 }
 
 int RMCachedTable::slotOf(RMRowId id) const {
@@ -133,6 +144,7 @@ RMRowId RMCachedTable::addRow(const RMFieldValue* values, unsigned count) {
     std::vector<RMPackedField> fields = packFields(values, count);
     std::lock_guard<std::mutex> lock(writer_);
     RMRowPtr row = RMPackedRow::build(nextRowId_, *schema_, nullptr, fields);
+    checkSize(row);
     apply({nullptr}, {row});
     return nextRowId_++;
 }
@@ -152,6 +164,7 @@ unsigned RMCachedTable::changeRows(const char* selection, const RMSelParams* par
     news.reserve(olds.size());
     for (const RMRowPtr& old : olds) {
         news.push_back(RMPackedRow::build(old->rowId(), *schema_, old.get(), fields));
+        checkSize(news.back());
     }
     if (!olds.empty()) {
         apply(olds, news);
@@ -171,7 +184,9 @@ void RMCachedTable::changeRow(RMRowId id, const RMFieldValue* values, unsigned c
         throw RMTableError::build(RMTableErrc::kNoSuchRow, path_.c_str(),
                                   static_cast<long long>(id));
     }
-    apply({old}, {RMPackedRow::build(id, *schema_, old.get(), fields)});
+    RMRowPtr row = RMPackedRow::build(id, *schema_, old.get(), fields);
+    checkSize(row);
+    apply({old}, {row});
 }
 
 unsigned RMCachedTable::deleteRows(const char* selection, const RMSelParams* params) {

@@ -76,6 +76,10 @@ RMRowPtr RMPackedRow::fromStored(RMRowId id, std::string_view bytes, const RMSch
     const auto* start = reinterpret_cast<const unsigned char*>(bytes.data());
     const unsigned char* end = start + bytes.size();
     const unsigned char* p = start;
+    if (bytes.size() > kRMMaxRowBytes) {
+        error = "larger than a row may be";
+        return nullptr;
+    }
     if (p == end || *p++ != kRowVersion) {
         error = "unknown row format";
         return nullptr;

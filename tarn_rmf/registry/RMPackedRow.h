@@ -21,6 +21,9 @@ namespace tarn_rmf {
 
 using RMRowId = int64_t;
 
+// Largest row a table holds or loads, so damaged sizes can't run away.
+inline constexpr size_t kRMMaxRowBytes = 16 * 1024 * 1024;
+
 class RMPackedRow;
 
 // A shared, counted reference to an immutable row (null by default).

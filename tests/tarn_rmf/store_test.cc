@@ -279,20 +279,35 @@ TEST_F(RegistryStore, ADamagedRowStopsTheOpenAndNamesTheRow) {
     RMRowId bad = addGroup(t, 2, "to be damaged", 1);
     tree->closeTable(t);
     tree.reset();
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(dbFile().c_str(), &db), SQLITE_OK);
-    std::string sql = "UPDATE rm_t1 SET row=x'0103ff' WHERE id=" + std::to_string(bad);
-    ASSERT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
-    sqlite3_close(db);
-    tree.reset();
-    tree = openTree();
-    try {
-        open(*tree, kV1, 3);
-        FAIL() << "opened";
-    } catch (const RMTableError& e) {
-        EXPECT_EQ(e.errc(), RMTableErrc::kDamagedRow);
-        EXPECT_NE(std::string(e.what()).find("row " + std::to_string(bad)), std::string::npos)
-            << e.what();
+    struct Case {
+        const char* blob;  // SQL expression for the damaged row
+        const char* detail;
+    };
+    const Case cases[] = {
+        {"x'0103ff'", "has the wrong type"},
+        {"x''", "unknown row format"},
+        {"x'01'", "bad column count"},
+        {"x'0104'", "bad column count"},  // more columns than defined
+        {"zeroblob(16777217)", "larger than a row may be"},
+    };
+    for (const Case& c : cases) {
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open(dbFile().c_str(), &db), SQLITE_OK);
+        std::string sql =
+            std::string("UPDATE rm_t1 SET row=") + c.blob + " WHERE id=" + std::to_string(bad);
+        ASSERT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+        sqlite3_close(db);
+        tree = openTree();
+        try {
+            open(*tree, kV1, 3);
+            ADD_FAILURE() << c.blob << ": opened";
+        } catch (const RMTableError& e) {
+            EXPECT_EQ(e.errc(), RMTableErrc::kDamagedRow);
+            std::string text = e.what();
+            EXPECT_NE(text.find("row " + std::to_string(bad)), std::string::npos) << text;
+            EXPECT_NE(text.find(c.detail), std::string::npos) << text;
+        }
+        tree.reset();
     }
 }
 

@@ -170,6 +170,18 @@ TEST_F(RegistryTable, BadWritesAreRefusedAndChangeNothing) {
         }
         EXPECT_EQ(table_->getRowCount(), 1u) << c.label;
     }
+    // A value past the row size limit: refused before it is stored.
+    std::vector<char> big(kRMMaxRowBytes + 1, 'x');
+    big.back() = '\0';
+    RMFieldValue huge[] = {field("ResourceHandle", fresh), field("Name", big.data())};
+    try {
+        table_->addRow(huge, 2);
+        ADD_FAILURE() << "a row past the size limit was added";
+    } catch (const RMTableError& e) {
+        EXPECT_EQ(e.errc(), RMTableErrc::kBadValue);
+        EXPECT_NE(std::string(e.what()).find("16 MiB"), std::string::npos) << e.what();
+    }
+    EXPECT_EQ(table_->getRowCount(), 1u);
     add(2, "b", "10.0.0.2");
     // Giving two rows the same key in one change, or an existing row's key.
     RMFieldValue clash[] = {field("ResourceHandle", fresh)};
