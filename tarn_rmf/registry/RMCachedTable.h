@@ -3,12 +3,14 @@
 // store. Selections run in memory; changes go to the store either at once
 // (sync mode 1, write-through: each change is one transaction, committed
 // before the call returns, so it survives kill -9 of the process) or when
-// sync() is called (mode 0, deferred, the default for resource tables).
-// sync() writes what is pending in one transaction and commits it with
-// synchronous=FULL, which forces the WAL to the disk: after sync() returns,
-// every change made so far survives a power loss too, not only a process
-// crash. A crash never leaves part of a change behind (one change = one
-// transaction).
+// sync() is called (mode 0, deferred, the default for resource tables;
+// changes not yet synced are lost if the process dies).
+// What sync() adds: it writes what is pending in one transaction committed
+// with synchronous=FULL, which forces the WAL to the disk, then copies the
+// WAL into the database file (a checkpoint). After sync() returns, everything
+// committed to the tree's store so far, by any table, survives a power loss
+// or an operating-system crash, not only the death of the process.
+// A crash never leaves part of a change behind (one change = one transaction).
 //
 // Locks: writer_ (one change at a time, held across its store commit) is
 // taken before state_ (shared by readers, exclusive only while a committed
