@@ -210,7 +210,8 @@ const unsigned char* rmGetVarint(const unsigned char* p, const unsigned char* en
         unsigned char b = *p++;
         acc |= static_cast<uint64_t>(b & 0x7F) << (7 * i);
         if ((b & 0x80) == 0) {
-            if (acc > UINT32_MAX) {
+            // One encoding per value: a redundant zero byte is damage.
+            if (acc > UINT32_MAX || (b == 0 && i > 0)) {
                 return nullptr;
             }
             v = static_cast<uint32_t>(acc);

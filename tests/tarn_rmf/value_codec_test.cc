@@ -116,6 +116,7 @@ TEST(RegistryValueCodec, MalformedEncodingsAreRefused) {
         {"handle presence byte 2", ZN_RSRC_HANDLE_PTR, {2}},
         {"varint longer than 5 bytes", ZN_BINARY_PTR, {0x80, 0x80, 0x80, 0x80, 0x80, 0x01}},
         {"varint above 32 bits", ZN_BINARY_PTR, {0xFF, 0xFF, 0xFF, 0xFF, 0x7F}},
+        {"varint with a redundant zero byte", ZN_BINARY_PTR, {0x81, 0x00}},
         {"array count beyond the bytes", ZN_CHAR_PTR_ARRAY, {0xFF, 0xFF, 0x03, 0}},
         {"uint64 array one element short", ZN_UINT64_ARRAY, {3, 1, 0, 0, 0, 0, 0, 0, 0}},
         {"structured data with a bad element type", ZN_SD_PTR, {2, 99}},
