@@ -7,6 +7,11 @@
 #include <string_view>
 #include <vector>
 
+#include <regex.h>
+
+#include <string>
+
+#include "tarn_rmf/registry/RMRegex.h"
 #include "tarn_rmf/registry/RMSelection.h"
 #include "tarn_rmf/registry/RMTableError.h"
 
@@ -101,9 +106,36 @@ private:
 
 }  // namespace
 
+namespace {
+
+// The same bytes as an "=~" pattern: skipping the matcher on texts without
+// the pattern's required piece must never change an answer.
+void checkPattern(std::string_view text) {
+    std::string pattern(text.substr(0, text.find('\0')));
+    RMRegex re(pattern);
+    if (!re.valid()) {
+        return;
+    }
+    regex_t plain;
+    if (regcomp(&plain, pattern.c_str(), REG_EXTENDED | REG_NOSUB) != 0) {
+        __builtin_trap();  // RMRegex accepted what the C library refuses
+    }
+    const std::string subjects[] = {pattern, "node00017.rack12.example.com", "", "abcabc",
+                                    RMRegex::requiredLiteral(pattern)};
+    for (const std::string& t : subjects) {
+        if (re.search(t.c_str(), t.size()) != (regexec(&plain, t.c_str(), 0, nullptr, 0) == 0)) {
+            __builtin_trap();
+        }
+    }
+    regfree(&plain);
+}
+
+}  // namespace
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const Row row;
     std::string_view text(reinterpret_cast<const char*>(data), size);
+    checkPattern(text);
     try {
         auto sel = RMSelection::compile(text, row);
         RMSelParams params;

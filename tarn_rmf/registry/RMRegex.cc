@@ -1,5 +1,7 @@
 #include "tarn_rmf/registry/RMRegex.h"
 
+#include <cctype>
+#include <cstring>
 #include <vector>
 
 namespace tarn_rmf {
@@ -149,11 +151,67 @@ std::string refusal(const std::string& p) {
 
 }  // namespace
 
+std::string RMRegex::requiredLiteral(const std::string& p) {
+    std::string best, run;
+    auto endRun = [&] {
+        if (run.size() > best.size()) {
+            best = run;
+        }
+        run.clear();
+    };
+    int depth = 0;
+    for (size_t i = 0; i < p.size(); ++i) {
+        char c = p[i];
+        if (c == '[') {
+            size_t j = bracketEnd(p, i);
+            if (j == std::string::npos) {
+                return "";
+            }
+            endRun();
+            i = j;
+        } else if (c == '(' || (c == ')' && depth > 0)) {
+            depth += c == '(' ? 1 : -1;
+            endRun();
+        } else if (depth > 0) {
+            i += c == '\\' ? 1 : 0;  // inside a group nothing counts
+        } else if (c == '|') {
+            return "";  // with a choice at the top, no piece is certain
+        } else if (c == '*' || c == '+' || c == '?' || c == '{') {
+            // The repeated piece may be absent (or repeated): it and the
+            // run it ended are cut apart.
+            size_t end = i;
+            unsigned times = 0;
+            if (c == '{' && readBound(p, i, end, times)) {
+                i = end;
+            }
+            if (!run.empty()) {
+                run.pop_back();
+            }
+            endRun();
+        } else if (c == '\\') {
+            unsigned char d = i + 1 < p.size() ? static_cast<unsigned char>(p[i + 1]) : 0;
+            ++i;
+            if (d != 0 && d < 0x80 && std::ispunct(d)) {
+                run.push_back(static_cast<char>(d));
+            } else {
+                endRun();  // a class or an assertion ("\\w", "\\b"), not a character
+            }
+        } else if (c == '.' || c == '^' || c == '$' || static_cast<unsigned char>(c) >= 0x80) {
+            endRun();
+        } else {
+            run.push_back(c);
+        }
+    }
+    endRun();
+    return best.size() >= 2 ? best : "";
+}
+
 RMRegex::RMRegex(const std::string& pattern) {
     error_ = refusal(pattern);
     if (!error_.empty()) {
         return;
     }
+    literal_ = requiredLiteral(pattern);
     int rc = regcomp(&re_, pattern.c_str(), REG_EXTENDED | REG_NOSUB);
     ok_ = rc == 0;
     if (!ok_) {
@@ -169,8 +227,20 @@ RMRegex::~RMRegex() {
     }
 }
 
-bool RMRegex::search(const char* text) const {
-    return ok_ && regexec(&re_, text != nullptr ? text : "", 0, nullptr, 0) == 0;
+bool RMRegex::search(const char* text, size_t length) const {
+    if (!ok_) {
+        return false;
+    }
+    if (text == nullptr) {
+        text = "";
+        length = 0;
+    }
+    // A text without the pattern's required piece can't match: skipping the
+    // matcher for it makes scans several times faster.
+    if (!literal_.empty() && memmem(text, length, literal_.data(), literal_.size()) == nullptr) {
+        return false;
+    }
+    return regexec(&re_, text, 0, nullptr, 0) == 0;
 }
 
 }  // namespace tarn_rmf

@@ -5,6 +5,7 @@
 
 #include <regex.h>
 
+#include <cstddef>
 #include <string>
 
 namespace tarn_rmf {
@@ -19,13 +20,20 @@ public:
 
     bool valid() const { return ok_; }
     const std::string& error() const { return error_; }
-    // True when the pattern matches somewhere in the NUL-terminated `text`.
-    bool search(const char* text) const;
+    // True when the pattern matches somewhere in `text` (NUL-terminated,
+    // `length` bytes before the NUL).
+    bool search(const char* text, size_t length) const;
+
+    // A piece of text every match must contain ("" when none is certain):
+    // the longest run of plain characters at the top level of a pattern
+    // without a top-level "|", less any character a repetition applies to.
+    static std::string requiredLiteral(const std::string& pattern);
 
 private:
     regex_t re_{};
     bool ok_ = false;
     std::string error_;
+    std::string literal_;
 };
 
 }  // namespace tarn_rmf

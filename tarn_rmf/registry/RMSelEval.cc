@@ -169,7 +169,8 @@ bool isEqual(const Val& a, const Val& b) {
 
 bool matches(const RMRegex& re, const Val& a) {
     return any(a, [&](const RMValueView& e) {
-        return re.search(e.isNull ? "" : reinterpret_cast<const char*>(e.data));
+        return re.search(e.isNull ? "" : reinterpret_cast<const char*>(e.data),
+                         e.isNull ? 0 : e.len);
     });
 }
 
