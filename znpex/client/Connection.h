@@ -1,0 +1,44 @@
+// One connection of a client to the service: opened with a bounded connect,
+// then request/reply calls matched by id (notifications and stale replies of
+// earlier timed-out calls are skipped). Owns its socket. Not thread-safe: the
+// session serialises its calls.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "znpex/client/Contact.h"
+#include "znpex/proto/FrameIo.h"
+#include "znpex/proto/JsonRpc.h"
+
+namespace znpex::client {
+
+class Connection {
+public:
+    // Null with the reason when the service cannot be reached in time.
+    static std::unique_ptr<Connection> open(const Contact& contact, int connectTimeoutMs,
+                                            std::string* why);
+    ~Connection();
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    enum class Status { Ok, Timeout, Failed };
+    // Sends one request and waits up to timeoutMs for its reply (a result or
+    // an error message). Failed also marks the connection broken: a frame may
+    // be half written or the stream is unusable.
+    Status call(const std::string& method, proto::Json params, int timeoutMs,
+                proto::RpcMessage& reply, std::string* why);
+    bool broken() const { return broken_; }
+    const Contact& contact() const { return contact_; }
+
+private:
+    Connection(int fd, Contact contact);
+    int fd_;
+    Contact contact_;
+    proto::FdFrameReader reader_;
+    uint64_t nextId_ = 1;
+    bool broken_ = false;
+};
+
+}  // namespace znpex::client

@@ -1,0 +1,50 @@
+// A client session: the connection to one service, the identity it was given,
+// the timeouts and a cache of class definitions (for attribute and action
+// names). The px_ functions and the command line go through call()/callRm().
+// Thread-safe: calls on one session are serialised by its I/O mutex; the
+// class cache has its own mutex.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "tarn_rmf2v/RMReply.h"
+#include "tarn_rmf2v/RMRequest.h"
+#include "znpex/client/Connection.h"
+#include "znpex/proto/ClassDefCodec.h"
+
+struct px_session {
+    std::mutex ioMu;  // one request on the wire at a time
+    std::unique_ptr<znpex::client::Connection> conn;
+    std::string identity;
+    uint64_t sessionId = 0;
+    int requestTimeoutMs = 30000;
+
+    std::mutex cacheMu;  // guards classes, classesLoaded
+    std::map<std::string, znpex::proto::ClassInfo> classes;
+    bool classesLoaded = false;
+};
+
+namespace znpex::client {
+
+// Process-wide defaults for new sessions (milliseconds).
+int defaultConnectTimeoutMs();
+int defaultRequestTimeoutMs();
+void setDefaultTimeouts(int connectMs, int requestMs);
+
+// One request: PX_OK with the result, or the failure's code with the thread's
+// error set (a JSON-RPC error reply included).
+int call(px_session& s, const std::string& method, proto::Json params, proto::Json& result);
+// A resource-manager request: encoded, sent, and its reply decoded.
+int callRm(px_session& s, const tarn_rmf2v::RMRequest& request, tarn_rmf2v::RMReply& reply);
+// The class list (fetched afresh, and cached).
+int listClasses(px_session& s, std::vector<proto::ClassInfo>& out);
+// The definition of one class, fetched once and again when not found;
+// PX_EFAILED with the common "class not known" error when the service does
+// not show it.
+int classDef(px_session& s, const std::string& name, tarn_rmf2v::RMClassDef& out);
+
+}  // namespace znpex::client

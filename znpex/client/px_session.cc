@@ -1,0 +1,142 @@
+// Sessions: connecting to the first contact that answers, the handshake,
+// the end of a session, timeouts and the class list.
+#include <cerrno>
+#include <memory>
+
+#include "znpex/client/ClientErrors.h"
+#include "znpex/client/Requests.h"
+#include "znpex/client/Session.h"
+#include "znpex/proto/ServiceMessages.h"
+
+using namespace znpex::client;
+namespace proto = znpex::proto;
+
+namespace {
+
+// How long an ending session waits for the service to acknowledge.
+constexpr int kEndTimeoutMs = 2000;
+
+bool supportedOptions(px_session_opts_t options) {
+    return options == (PX_SESSION_EXTENDED | PX_SCOPE_LOCAL) || options == PX_SCOPE_LOCAL;
+}
+
+// Handshake on an open connection: over TCP the hello first, then the
+// session itself.
+int handshake(px_session& s, px_session_opts_t options) {
+    proto::Json result;
+    if (!s.conn->contact().local) {
+        if (int rc = call(s, proto::kAuthHello, proto::Json::object(), result); rc != PX_OK) {
+            return rc;
+        }
+    }
+    proto::SessionStartParams p{options, program_invocation_short_name};
+    if (int rc = call(s, proto::kSessionStart, proto::encodeSessionStart(p), result); rc != PX_OK) {
+        return rc;
+    }
+    try {
+        proto::SessionStartResult r = proto::decodeSessionStarted(result);
+        s.sessionId = r.session;
+        s.identity = r.identity;
+    } catch (const proto::ProtocolError& e) {
+        return failReply(proto::kSessionStart, e.what());
+    }
+    return PX_OK;
+}
+
+}  // namespace
+
+int px_start_session(const px_contact_t* contacts, uint32_t contact_count,
+                     px_session_opts_t options, px_session_t* session) {
+    if (session == nullptr) {
+        return failInvalid("px_start_session", "nowhere to put the session");
+    }
+    *session = nullptr;
+    if (!supportedOptions(options)) {
+        return failOption(options);
+    }
+    if (contact_count > 0 && contacts == nullptr) {
+        return failInvalid("px_start_session", "a contact count without contacts");
+    }
+    std::vector<Contact> targets;
+    for (uint32_t i = 0; i < contact_count; ++i) {
+        Contact c;
+        std::string why;
+        if (!parseContact(contacts[i].pc_host, c, &why)) {
+            return failInvalid("px_start_session", why);
+        }
+        targets.push_back(c);
+    }
+    if (targets.empty()) {
+        targets.emplace_back();  // this host's service
+    }
+    return guarded("px_start_session", [&] {
+        int rc = PX_ECONNECT;
+        for (const Contact& c : targets) {
+            auto s = std::make_unique<px_session>();
+            s->requestTimeoutMs = defaultRequestTimeoutMs();
+            std::string why;
+            s->conn = Connection::open(c, defaultConnectTimeoutMs(), &why);
+            if (!s->conn) {
+                rc = failConnect(c.text(), why);
+                continue;
+            }
+            rc = handshake(*s, options);
+            if (rc == PX_OK) {
+                *session = s.release();
+                return PX_OK;
+            }
+        }
+        return rc;
+    });
+}
+
+int px_end_session(px_session_t session) {
+    if (session == nullptr) {
+        return failInvalid("px_end_session", "no session");
+    }
+    std::unique_ptr<px_session> s(session);
+    if (s->conn && !s->conn->broken()) {
+        // Best effort: the connection closes whatever the answer.
+        s->requestTimeoutMs = std::min(s->requestTimeoutMs, kEndTimeoutMs);
+        proto::Json ignored;
+        if (call(*s, proto::kSessionEnd, proto::Json::object(), ignored) != PX_OK) {
+            cu_set_no_error_1();
+        }
+    }
+    return PX_OK;
+}
+
+int px_set_default_timeouts(int connect_ms, int request_ms) {
+    setDefaultTimeouts(connect_ms, request_ms);
+    return PX_OK;
+}
+
+int px_set_timeouts(px_session_t session, int request_ms) {
+    if (session == nullptr) {
+        return failInvalid("px_set_timeouts", "no session");
+    }
+    if (request_ms > 0) {
+        std::lock_guard<std::mutex> g(session->ioMu);
+        session->requestTimeoutMs = request_ms;
+    }
+    return PX_OK;
+}
+
+const char* px_session_identity(px_session_t session) {
+    return session != nullptr ? session->identity.c_str() : "";
+}
+
+int px_list_classes(px_session_t session, px_class_list_t** rsp) {
+    if (session == nullptr || rsp == nullptr) {
+        return failInvalid("px_list_classes", "no session or nowhere to put the response");
+    }
+    *rsp = nullptr;
+    return guarded("px_list_classes", [&] {
+        std::vector<proto::ClassInfo> classes;
+        if (int rc = listClasses(*session, classes); rc != PX_OK) {
+            return rc;
+        }
+        *rsp = makeClassList(classes).release();
+        return PX_OK;
+    });
+}
