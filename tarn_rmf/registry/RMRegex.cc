@@ -191,10 +191,13 @@ std::string RMRegex::requiredLiteral(const std::string& p) {
         } else if (c == '\\') {
             unsigned char d = i + 1 < p.size() ? static_cast<unsigned char>(p[i + 1]) : 0;
             ++i;
-            if (d != 0 && d < 0x80 && std::ispunct(d)) {
+            // The C library reads "\\w", "\\b", "\\<", "\\'" and the like as
+            // classes and assertions, not characters.
+            bool assertion = d == '<' || d == '>' || d == '`' || d == '\'';
+            if (d != 0 && d < 0x80 && std::ispunct(d) && !assertion) {
                 run.push_back(static_cast<char>(d));
             } else {
-                endRun();  // a class or an assertion ("\\w", "\\b"), not a character
+                endRun();
             }
         } else if (c == '.' || c == '^' || c == '$' || static_cast<unsigned char>(c) >= 0x80) {
             endRun();

@@ -20,12 +20,13 @@ TEST(RegistryRegex, TheRequiredPieceIsOnlyWhatEveryMatchMustHold) {
     const Case cases[] = {
         {"^node[0-9]*7\\.rack1[0-9]\\.", "7.rack1"},
         {"cluster\\.example\\.com$", "cluster.example.com"},
-        {"abc|abd", ""},      // a choice at the top
-        {"ab(c|d)ef", "ab"},  // a choice inside a group leaves the rest
-        {"abcd*", "abc"},     // "d" may be absent
-        {"abc+de", "ab"},     // "c" repeats: "ab" and "de" are apart
-        {"xy?z", ""},         // pieces shorter than two are not used
-        {"a\\wbc", "bc"},     // \w is a class, not a character
+        {"abc|abd", ""},                   // a choice at the top
+        {"ab(c|d)ef", "ab"},               // a choice inside a group leaves the rest
+        {"abcd*", "abc"},                  // "d" may be absent
+        {"abc+de", "ab"},                  // "c" repeats: "ab" and "de" are apart
+        {"xy?z", ""},                      // pieces shorter than two are not used
+        {"a\\wbc", "bc"},                  // \w is a class, not a character
+        {"ab\\'cd\\<ef\\`gh\\>ij", "ab"},  // buffer and word assertions are no characters
         {"[a-z]+host[0-9]", "host"},
         {"[]|]x", ""},  // "|" inside brackets is no choice
         {"(node)+", ""},
@@ -48,7 +49,9 @@ TEST(RegistryRegex, SkippingTheMatcherNeverChangesAnAnswer) {
                               "a{2}bcd",
                               "^$",
                               "host[0-9]{2,3}$",
-                              "[]|]x"};
+                              "[]|]x",
+                              "'\\'\\'",
+                              "x\\>"};
     const char* texts[] = {"node00017.rack12.example",
                            "node7.rack1x.",
                            "abc",
@@ -64,7 +67,10 @@ TEST(RegistryRegex, SkippingTheMatcherNeverChangesAnAnswer) {
                            "host12",
                            "host1234",
                            "]x",
-                           "|x"};
+                           "|x",
+                           "\'\'\'",
+                           "'",
+                           "x y"};
     for (const char* p : patterns) {
         RMRegex re(p);
         ASSERT_TRUE(re.valid()) << p << ": " << re.error();
