@@ -71,7 +71,8 @@ bool readBound(const std::string& p, size_t i, size_t& end, unsigned& most) {
             }
         }
     }
-    if (!digits || j >= p.size() || p[j] != '}') {
+    // The C library also takes "{,m}" as "{0,m}".
+    if ((!digits && !comma) || j >= p.size() || p[j] != '}') {
         return false;
     }
     end = j;
@@ -179,10 +180,15 @@ std::string RMRegex::requiredLiteral(const std::string& p) {
         } else if (c == '*' || c == '+' || c == '?' || c == '{') {
             // The repeated piece may be absent (or repeated): it and the
             // run it ended are cut apart.
-            size_t end = i;
-            unsigned times = 0;
-            if (c == '{' && readBound(p, i, end, times)) {
-                i = end;
+            if (c == '{') {
+                // Whatever the braces hold, the C library may read them as a
+                // count; past anything but digits and a comma, give up.
+                size_t close = p.find('}', i);
+                if (close == std::string::npos ||
+                    p.find_first_not_of("0123456789,", i + 1) != close) {
+                    return "";
+                }
+                i = close;
             }
             if (!run.empty()) {
                 run.pop_back();

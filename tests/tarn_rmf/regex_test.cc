@@ -33,6 +33,8 @@ TEST(RegistryRegex, TheRequiredPieceIsOnlyWhatEveryMatchMustHold) {
         {"caf\xc3\xa9?x", "caf"},  // a repeated multibyte character ends the piece
         {"a{2}bcd", "bcd"},
         {"a{2,}bcd{0,1}e", "bc"},
+        {"ab{,3}cd", "cd"},  // "{,3}" counts from zero
+        {"ab{x}cd", ""},     // braces that aren't a count: nothing is certain
         {"", ""},
     };
     for (const Case& c : cases) {
@@ -51,7 +53,9 @@ TEST(RegistryRegex, SkippingTheMatcherNeverChangesAnAnswer) {
                               "host[0-9]{2,3}$",
                               "[]|]x",
                               "'\\'\\'",
-                              "x\\>"};
+                              "x\\>",
+                              "\xb3{,33}",
+                              "ab{,3}cd"};
     const char* texts[] = {"node00017.rack12.example",
                            "node7.rack1x.",
                            "abc",
@@ -70,7 +74,9 @@ TEST(RegistryRegex, SkippingTheMatcherNeverChangesAnAnswer) {
                            "|x",
                            "\'\'\'",
                            "'",
-                           "x y"};
+                           "x y",
+                           "acd",
+                           "{,33}"};
     for (const char* p : patterns) {
         RMRegex re(p);
         ASSERT_TRUE(re.valid()) << p << ": " << re.error();
