@@ -1,0 +1,116 @@
+// The command line: options and subcommands (CLI11), then the command.
+#include <CLI/CLI.hpp>
+
+#include "znpex/cli/Commands.h"
+
+namespace znpex::cli {
+namespace {
+
+void addTarget(CLI::App* sub, Target& t, const char* selectionFlags) {
+    sub->add_option(selectionFlags, t.selection,
+                    "Selection string choosing the resources (\"\" for all)")
+        ->each([&t](const std::string&) { t.hasSelection = true; });
+    sub->add_option("--handle", t.handles, "Resource handle (40 hex digits); may repeat")
+        ->allow_extra_args(false)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+}
+
+}  // namespace
+
+int runCli(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
+    CLI::App app{"znpex: talk to the monitoring service (classes, resources, actions)", "znpex"};
+    GlobalOptions g;
+    app.add_option("--host", g.host,
+                   "Service to talk to: host[:port] over TCP; default this host's local socket");
+    app.add_option("-o,--output", g.output, "Output format")
+        ->check(CLI::IsMember({"table", "json"}))
+        ->capture_default_str();
+    app.add_option("--timeout", g.timeoutMs, "Milliseconds to wait for each answer")
+        ->check(CLI::PositiveNumber);
+    app.add_option("--connect-timeout", g.connectTimeoutMs,
+                   "Milliseconds to wait for the connection")
+        ->check(CLI::PositiveNumber);
+    app.require_subcommand(1, 1);
+
+    auto* classes = app.add_subcommand("classes", "List the classes with attributes and actions");
+
+    ListArgs list;
+    auto* listCmd = app.add_subcommand("list", "List the resources of a class");
+    listCmd->add_option("class", list.className, "Resource class")->required();
+    listCmd->add_option("-s,--selection", list.selection, "Selection string");
+    listCmd
+        ->add_option("-a,--attributes", list.attrs,
+                     "Attributes to show, comma-separated (persistent or dynamic)")
+        ->delimiter(',')
+        ->allow_extra_args(false)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    listCmd->add_flag("--dynamic", list.dynamic, "Without -a: show the dynamic attributes too");
+
+    ChangeArgs define;
+    auto* defineCmd = app.add_subcommand("define", "Define a resource");
+    defineCmd->add_option("class", define.className, "Resource class")->required();
+    defineCmd->add_option("assignments", define.assignments, "attr=value, typed by the class");
+    defineCmd->add_option("--option", define.options, "Define option TYPE:VALUE; may repeat")
+        ->allow_extra_args(false)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+
+    ChangeArgs set;
+    auto* setCmd = app.add_subcommand("set", "Change attributes of resources or of the class");
+    setCmd->add_option("class", set.className, "Resource class")->required();
+    setCmd->add_option("assignments", set.assignments, "attr=value, typed by the class")
+        ->required();
+    addTarget(setCmd, set.target, "-s,--selection");
+    setCmd->add_flag("--class", set.target.classLevel, "Change the class's own attributes");
+
+    ChangeArgs undefine;
+    auto* undefineCmd = app.add_subcommand("undefine", "Undefine resources");
+    undefineCmd->add_option("class", undefine.className, "Resource class")->required();
+    addTarget(undefineCmd, undefine.target, "-s,--selection");
+    undefineCmd->add_option("--option", undefine.options, "Undefine option TYPE:VALUE; may repeat")
+        ->allow_extra_args(false)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+
+    ActionArgs action;
+    auto* actionCmd = app.add_subcommand(
+        "action", "Run a class action, or a resource action with --resource-selection/--handle");
+    actionCmd->add_option("class", action.className, "Resource class")->required();
+    actionCmd->add_option("action", action.action, "Action name")->required();
+    actionCmd->add_option("args", action.args,
+                          "Input: TYPE:VALUE (int32:5 str:abc uint64:7 strs:a,b ...), or plain "
+                          "values typed by the action's declared input");
+    addTarget(actionCmd, action.target, "-s,--resource-selection");
+
+    auto* status = app.add_subcommand("status", "Show the service's status");
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        int rc = app.exit(e, out, err);
+        return rc == 0 ? kExitOk : kExitUsage;
+    }
+    CliSession cli(g, out, err);
+    if (classes->parsed()) {
+        return cmdClasses(cli);
+    }
+    if (listCmd->parsed()) {
+        return cmdList(cli, list);
+    }
+    if (defineCmd->parsed()) {
+        return cmdDefine(cli, define);
+    }
+    if (setCmd->parsed()) {
+        return cmdSet(cli, set);
+    }
+    if (undefineCmd->parsed()) {
+        return cmdUndefine(cli, undefine);
+    }
+    if (actionCmd->parsed()) {
+        return cmdAction(cli, action);
+    }
+    if (status->parsed()) {
+        return cmdStatus(cli);
+    }
+    return kExitUsage;
+}
+
+}  // namespace znpex::cli

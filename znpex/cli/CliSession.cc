@@ -1,0 +1,72 @@
+#include "znpex/cli/CliSession.h"
+
+#include "znpex/client/Session.h"
+
+namespace znpex::cli {
+namespace {
+
+// Catalogue texts end in a newline; a message line gets exactly one.
+std::string oneLine(std::string s) {
+    while (!s.empty() && (s.back() == '\n' || s.back() == ' ')) {
+        s.pop_back();
+    }
+    return s;
+}
+
+}  // namespace
+
+CliSession::~CliSession() {
+    if (session_ != nullptr) {
+        px_end_session(session_);
+    }
+}
+
+px_session_t CliSession::session() {
+    if (session_ != nullptr) {
+        return session_;
+    }
+    px_set_default_timeouts(opts_.connectTimeoutMs, opts_.timeoutMs);
+    px_contact_t contact{opts_.host.c_str()};
+    int rc = opts_.host.empty() ? px_start_session(nullptr, 0, 0x401, &session_)
+                                : px_start_session(&contact, 1, 0x401, &session_);
+    if (rc != PX_OK) {
+        session_ = nullptr;
+        failCall();
+    }
+    return session_;
+}
+
+bool CliSession::classDef(const std::string& name, tarn_rmf2v::RMClassDef& out) {
+    px_session_t s = session();
+    if (s == nullptr) {
+        return false;
+    }
+    if (client::classDef(*s, name, out) != PX_OK) {
+        failCall();
+        return false;
+    }
+    return true;
+}
+
+int CliSession::failCall() {
+    cu_error_t* e = nullptr;
+    cu_get_error(&e);
+    printError(e);
+    cu_rel_error_1(e);
+    return kExitFailed;
+}
+
+void CliSession::printError(const cu_error_t* e, const std::string& what) {
+    std::string text = oneLine(cu_error_text(e));
+    if (text.empty()) {
+        text = "error " + std::to_string(e != nullptr ? e->cu_error_id : 0);
+    }
+    err_ << "znpex: " << (what.empty() ? "" : what + ": ") << text << '\n';
+}
+
+int CliSession::usage(const std::string& message) {
+    err_ << "znpex: " << message << '\n';
+    return kExitUsage;
+}
+
+}  // namespace znpex::cli

@@ -1,0 +1,60 @@
+// What every command shares: the global options, the session (opened on
+// first use, ended on destruction), the class definitions, printing a
+// failure with its catalogue text on standard error, and the exit status.
+// One per process run, single-threaded.
+#pragma once
+
+#include <iostream>
+#include <string>
+
+#include "tarn_rmf2v/RMClassDef.h"
+#include "znpex/client/px_client.h"
+
+namespace znpex::cli {
+
+struct GlobalOptions {
+    std::string host;  // empty: this host's local socket
+    std::string output = "table";
+    int timeoutMs = 0;  // 0: the library's defaults
+    int connectTimeoutMs = 0;
+    bool json() const { return output == "json"; }
+};
+
+// Exit statuses.
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitFailed = 1;
+inline constexpr int kExitUsage = 2;
+
+class CliSession {
+public:
+    CliSession(const GlobalOptions& opts, std::ostream& out, std::ostream& err)
+        : opts_(opts), out_(out), err_(err) {}
+    ~CliSession();
+    CliSession(const CliSession&) = delete;
+    CliSession& operator=(const CliSession&) = delete;
+
+    // The open session, or null after printing why.
+    px_session_t session();
+    // The class's definition; false after printing why.
+    bool classDef(const std::string& name, tarn_rmf2v::RMClassDef& out);
+
+    // Prints the thread's error for a failed call ("znpex: <text>") and
+    // returns kExitFailed.
+    int failCall();
+    // Prints an error object's text (prefixed with `what` when not empty).
+    void printError(const cu_error_t* e, const std::string& what = {});
+    // Prints a usage problem and returns kExitUsage.
+    int usage(const std::string& message);
+
+    const GlobalOptions& opts() const { return opts_; }
+    std::ostream& out() { return out_; }
+    std::ostream& err() { return err_; }
+
+private:
+    GlobalOptions opts_;
+    std::ostream& out_;
+    std::ostream& err_;
+    px_session_t session_ = nullptr;
+};
+
+}  // namespace znpex::cli

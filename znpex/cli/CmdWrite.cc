@@ -1,0 +1,296 @@
+// The changing commands: define, set, undefine and action.
+#include <optional>
+
+#include "znpex/cli/Commands.h"
+#include "znpex/cli/ValueText.h"
+#include "znpex/client/Responses.h"
+#include "znpex/client/Session.h"
+#include "znpex/proto/ClassDefCodec.h"
+#include "znpex/proto/ValueCodec.h"
+
+namespace znpex::cli {
+namespace {
+
+using proto::Json;
+using tarn_rmf2v::RMAttrDef;
+
+// attr=value pairs parsed by the types of `list`; owns the values.
+struct Assignments {
+    std::vector<zn::OwnedValue> values;
+    std::vector<std::string> names;
+    std::vector<px_attr_t> attrs;
+};
+
+std::optional<std::string> parseAssignments(const std::string& className,
+                                            const std::vector<RMAttrDef>& list,
+                                            const std::vector<std::string>& texts,
+                                            Assignments& out) {
+    for (const auto& text : texts) {
+        size_t eq = text.find('=');
+        if (eq == std::string::npos || eq == 0) {
+            return "\"" + text + "\" is not attr=value";
+        }
+        std::string name = text.substr(0, eq);
+        const RMAttrDef* a = proto::findAttr(list, name);
+        if (a == nullptr) {
+            return "the class " + className + " has no attribute named " + name;
+        }
+        std::string why;
+        auto v = parseValue(a->type, text.substr(eq + 1), &why);
+        if (!v) {
+            return name + ": " + why;
+        }
+        out.names.push_back(name);
+        out.values.push_back(std::move(*v));
+    }
+    for (size_t i = 0; i < out.values.size(); ++i) {
+        out.attrs.push_back({out.names[i].c_str(), out.values[i].type(), out.values[i].value()});
+    }
+    return std::nullopt;
+}
+
+// TYPE:VALUE arguments (or, untyped, by the given element types) as
+// structured data; null when there are none.
+std::optional<std::string> parseArgs(const std::vector<std::string>& texts,
+                                     const std::vector<zn_data_type_t>& types, zn::SdPtr& out) {
+    if (texts.empty()) {
+        return std::nullopt;
+    }
+    out.reset(zn_sd_new(static_cast<uint32_t>(texts.size())));
+    if (!out) {
+        throw std::bad_alloc();
+    }
+    for (size_t i = 0; i < texts.size(); ++i) {
+        std::string why;
+        std::optional<zn::OwnedValue> v;
+        size_t colon = texts[i].find(':');
+        bool typed =
+            colon != std::string::npos && typeOfPrefix(texts[i].substr(0, colon)) != ZN_UNKNOWN;
+        if (typed || i >= types.size()) {
+            v = parseTypedArg(texts[i], &why);
+        } else {
+            v = parseValue(types[i], texts[i], &why);
+        }
+        if (!v) {
+            return "argument " + std::to_string(i + 1) + ": " + why;
+        }
+        out->elements[i].data_type = v->type();
+        out->elements[i].value = v->release();
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> parseHandles(const std::vector<std::string>& texts,
+                                        std::vector<zn_resource_handle>& out) {
+    for (const auto& t : texts) {
+        zn_resource_handle h{};
+        if (!proto::parseHandleHex(t, h)) {
+            return "\"" + t + "\" is not a resource handle (40 lowercase hex digits)";
+        }
+        out.push_back(h);
+    }
+    return std::nullopt;
+}
+
+std::string targetName(const px_resource_rsp_t& e) {
+    return e.is_class ? std::string("class") : proto::handleToHex(e.handle);
+}
+
+// Prints a per-resource response (doneWord before each resource that went
+// through and returned no data); returns the exit status.
+int report(CliSession& cli, const px_resources_rsp_t* rsp, const char* doneWord) {
+    int status = kExitOk;
+    if (rsp->hdr.pr_error != nullptr) {
+        cli.printError(rsp->hdr.pr_error);
+        status = kExitFailed;
+    }
+    Json json = Json::array();
+    for (uint32_t i = 0; i < rsp->resource_count; ++i) {
+        const px_resource_rsp_t& e = rsp->resources[i];
+        std::string who = targetName(e);
+        Json entry = e.is_class ? Json{{"class", true}} : Json{{"handle", who}};
+        bool ok = e.error == nullptr;
+        if (!ok) {
+            cli.printError(e.error, who);
+            entry["error"] = cu_error_text(e.error);
+        }
+        for (uint32_t k = 0; k < e.attr_count; ++k) {
+            if (e.attrs[k].pv_error != nullptr) {
+                ok = false;
+                cli.printError(e.attrs[k].pv_error, who + " " + e.attrs[k].pv_name);
+                entry["errors"][e.attrs[k].pv_name] = cu_error_text(e.attrs[k].pv_error);
+            }
+        }
+        Json data = Json::array();
+        for (uint32_t k = 0; k < e.data_count; ++k) {
+            data.push_back(proto::encodeSd(e.data[k]));
+            if (!cli.opts().json()) {
+                zn_value_t v;
+                v.ptr_sd = e.data[k];
+                cli.out() << who << ": " << formatValue(ZN_SD_PTR, v) << '\n';
+            }
+        }
+        if (e.data_count > 0) {
+            entry["data"] = std::move(data);
+        }
+        if (!ok) {
+            status = kExitFailed;
+        } else if (!cli.opts().json() && e.data_count == 0) {
+            cli.out() << doneWord << ' ' << who << '\n';
+        }
+        json.push_back(std::move(entry));
+    }
+    if (cli.opts().json()) {
+        cli.out() << json.dump(2) << '\n';
+    }
+    return status;
+}
+
+bool needsTarget(CliSession& cli, const Target& t, int& status) {
+    if (t.handles.empty() && !t.hasSelection) {
+        status = cli.usage("give the resources with -s SELECTION or --handle HANDLE");
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+int cmdDefine(CliSession& cli, const ChangeArgs& args) {
+    tarn_rmf2v::RMClassDef def;
+    if (!cli.classDef(args.className, def)) {
+        return kExitFailed;
+    }
+    Assignments a;
+    if (auto why = parseAssignments(def.name, def.persistent, args.assignments, a)) {
+        return cli.usage(*why);
+    }
+    zn::SdPtr options;
+    if (auto why = parseArgs(args.options, {}, options)) {
+        return cli.usage("--option " + *why);
+    }
+    px_define_rsp_t* r = nullptr;
+    if (px_define_resource(cli.session(), def.name.c_str(), a.attrs.data(),
+                           static_cast<uint32_t>(a.attrs.size()), options.get(), &r) != PX_OK) {
+        return cli.failCall();
+    }
+    client::RspPtr<px_define_rsp_t> rsp(r);
+    if (r->hdr.pr_error != nullptr) {
+        cli.printError(r->hdr.pr_error);
+        return kExitFailed;
+    }
+    std::string handle = r->has_handle ? proto::handleToHex(r->handle) : "";
+    if (cli.opts().json()) {
+        cli.out() << Json{{"handle", handle}}.dump(2) << '\n';
+    } else {
+        cli.out() << "Defined " << def.name << " resource " << handle << '\n';
+    }
+    return kExitOk;
+}
+
+int cmdSet(CliSession& cli, const ChangeArgs& args) {
+    int status = kExitOk;
+    if (!args.target.classLevel && !needsTarget(cli, args.target, status)) {
+        return status;
+    }
+    tarn_rmf2v::RMClassDef def;
+    if (!cli.classDef(args.className, def)) {
+        return kExitFailed;
+    }
+    Assignments a;
+    const auto& list = args.target.classLevel ? def.classPersistent : def.persistent;
+    if (auto why = parseAssignments(def.name, list, args.assignments, a)) {
+        return cli.usage(*why);
+    }
+    if (a.attrs.empty()) {
+        return cli.usage("nothing to set: give attr=value");
+    }
+    std::vector<zn_resource_handle> handles;
+    if (auto why = parseHandles(args.target.handles, handles)) {
+        return cli.usage(*why);
+    }
+    px_resources_rsp_t* r = nullptr;
+    auto n = static_cast<uint32_t>(a.attrs.size());
+    int rc = args.target.classLevel
+                 ? px_set_class_attrs(cli.session(), def.name.c_str(), a.attrs.data(), n, &r)
+             : args.target.hasSelection
+                 ? px_set_attrs_select(cli.session(), def.name.c_str(),
+                                       args.target.selection.c_str(), a.attrs.data(), n, &r)
+                 : px_set_attrs(cli.session(), def.name.c_str(), handles.data(),
+                                static_cast<uint32_t>(handles.size()), a.attrs.data(), n, &r);
+    if (rc != PX_OK) {
+        return cli.failCall();
+    }
+    client::RspPtr<px_resources_rsp_t> rsp(r);
+    return report(cli, r, "Changed");
+}
+
+int cmdUndefine(CliSession& cli, const ChangeArgs& args) {
+    int status = kExitOk;
+    if (!needsTarget(cli, args.target, status)) {
+        return status;
+    }
+    std::vector<zn_resource_handle> handles;
+    if (auto why = parseHandles(args.target.handles, handles)) {
+        return cli.usage(*why);
+    }
+    zn::SdPtr options;
+    if (auto why = parseArgs(args.options, {}, options)) {
+        return cli.usage("--option " + *why);
+    }
+    px_session_t s = cli.session();
+    if (s == nullptr) {
+        return kExitFailed;
+    }
+    px_resources_rsp_t* r = nullptr;
+    int rc = args.target.hasSelection
+                 ? px_undefine_select(s, args.className.c_str(), args.target.selection.c_str(),
+                                      options.get(), &r)
+                 : px_undefine_resource(s, args.className.c_str(), handles.data(),
+                                        static_cast<uint32_t>(handles.size()), options.get(), &r);
+    if (rc != PX_OK) {
+        return cli.failCall();
+    }
+    client::RspPtr<px_resources_rsp_t> rsp(r);
+    return report(cli, r, "Undefined");
+}
+
+int cmdAction(CliSession& cli, const ActionArgs& args) {
+    tarn_rmf2v::RMClassDef def;
+    if (!cli.classDef(args.className, def)) {
+        return kExitFailed;
+    }
+    bool classAction = args.target.handles.empty() && !args.target.hasSelection;
+    const auto* action =
+        proto::findAction(classAction ? def.classActions : def.actions, args.action);
+    if (action == nullptr) {
+        return cli.usage("the class " + def.name + " has no " +
+                         (classAction ? "class action" : "resource action") + " named " +
+                         args.action);
+    }
+    zn::SdPtr input;
+    if (auto why = parseArgs(args.args, action->input, input)) {
+        return cli.usage(*why);
+    }
+    std::vector<zn_resource_handle> handles;
+    if (auto why = parseHandles(args.target.handles, handles)) {
+        return cli.usage(*why);
+    }
+    px_resources_rsp_t* r = nullptr;
+    px_session_t s = cli.session();
+    int rc = classAction
+                 ? px_invoke_class_action(s, def.name.c_str(), args.action.c_str(), input.get(), &r)
+             : args.target.hasSelection
+                 ? px_invoke_action_select(s, def.name.c_str(), args.target.selection.c_str(),
+                                           args.action.c_str(), input.get(), &r)
+                 : px_invoke_action(s, def.name.c_str(), handles.data(),
+                                    static_cast<uint32_t>(handles.size()), args.action.c_str(),
+                                    input.get(), &r);
+    if (rc != PX_OK) {
+        return cli.failCall();
+    }
+    client::RspPtr<px_resources_rsp_t> rsp(r);
+    return report(cli, r, "Done");
+}
+
+}  // namespace znpex::cli
