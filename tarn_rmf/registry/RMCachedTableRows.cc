@@ -111,7 +111,20 @@ std::vector<RMRowPtr> RMCachedTable::matching(const RMSelection& sel, const RMSe
         }
         return out;
     }
-    for (const RMRowPtr& r : slots_) {
+    // Rows are far larger than a cache line and spread over the heap: fetch
+    // the offsets of the row kFar ahead and the columns of the row kNear
+    // ahead, so the reads below rarely wait on memory.
+    constexpr size_t kFar = 16, kNear = 8;
+    const std::vector<int>& cols = sel.columns();
+    size_t n = slots_.size();
+    for (size_t i = 0; i < n; ++i) {
+        if (i + kFar < n && slots_[i + kFar] != nullptr) {
+            slots_[i + kFar]->prefetchOffsets(cols);
+        }
+        if (i + kNear < n && slots_[i + kNear] != nullptr) {
+            slots_[i + kNear]->prefetchColumns(cols);
+        }
+        const RMRowPtr& r = slots_[i];
         if (r != nullptr && sel.evaluate(RMRowSource(*r), b)) {
             out.push_back(r);
         }

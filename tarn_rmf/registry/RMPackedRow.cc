@@ -71,6 +71,21 @@ size_t RMPackedRow::footprint() const {
     return (n + 15) / 16 * 16;
 }
 
+void RMPackedRow::prefetchOffsets(const std::vector<int>& columns) const {
+    __builtin_prefetch(this);
+    for (int c : columns) {
+        __builtin_prefetch(tail() + sizeof(uint32_t) * static_cast<unsigned>(c));
+    }
+}
+
+void RMPackedRow::prefetchColumns(const std::vector<int>& columns) const {
+    for (int c : columns) {
+        if (static_cast<unsigned>(c) < columns_) {
+            __builtin_prefetch(blob() + offset(static_cast<unsigned>(c)));
+        }
+    }
+}
+
 RMRowPtr RMPackedRow::fromStored(RMRowId id, std::string_view bytes, const RMSchema& schema,
                                  std::string& error) {
     const auto* start = reinterpret_cast<const unsigned char*>(bytes.data());

@@ -84,6 +84,12 @@ public:
     // Heap bytes held.
     size_t footprint() const;
 
+    // Scans over rows much larger than the caches wait on memory; they ask
+    // for a later row's column offsets, then for its column bytes, ahead of
+    // reading them. Hints only: nothing is read or written.
+    void prefetchOffsets(const std::vector<int>& columns) const;
+    void prefetchColumns(const std::vector<int>& columns) const;
+
     RMPackedRow(const RMPackedRow&) = delete;
     RMPackedRow& operator=(const RMPackedRow&) = delete;
 

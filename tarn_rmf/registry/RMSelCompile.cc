@@ -1,5 +1,6 @@
 // Compiling a parsed selection: names to columns, literals to values, patterns
 // to regular expressions, and the type checks that can be made before rows.
+#include <algorithm>
 #include <string>
 
 #include "tarn_rmf/registry/RMSelCompiled.h"
@@ -68,8 +69,8 @@ RMSelClass operandClass(const RMSelOperandC& o) {
 class Compiler {
 public:
     Compiler(const RMSelSchema& schema, RMSelection::Storage& storage,
-             std::vector<std::string>& params)
-        : schema_(schema), storage_(storage), params_(params) {}
+             std::vector<std::string>& params, std::vector<int>& columns)
+        : schema_(schema), storage_(storage), params_(params), columns_(columns) {}
 
     void node(const RMSelNode& in, RMSelection::Node& out) {
         out.kind = in.kind;
@@ -142,6 +143,9 @@ private:
                     fail(in.pos, "unknown attribute \"" + in.name + "\"");
                 }
                 o.src = RMSelOperandC::Src::Column;
+                if (std::find(columns_.begin(), columns_.end(), o.column) == columns_.end()) {
+                    columns_.push_back(o.column);
+                }
                 if (in.kind == RMSelOperand::Kind::Previous) {
                     if (!schema_.hasPrevious()) {
                         fail(in.pos, "previous values (\"@P\") are not available here");
@@ -214,6 +218,7 @@ private:
     const RMSelSchema& schema_;
     RMSelection::Storage& storage_;
     std::vector<std::string>& params_;
+    std::vector<int>& columns_;
 };
 
 }  // namespace
@@ -291,7 +296,7 @@ std::shared_ptr<const RMSelection> RMSelection::compile(std::string_view text,
     std::shared_ptr<RMSelection> sel(new RMSelection());
     sel->text_.assign(text);
     sel->root_ = std::make_unique<Node>();
-    Compiler c(schema, *sel->storage_, sel->params_);
+    Compiler c(schema, *sel->storage_, sel->params_, sel->columns_);
     c.node(*tree, *sel->root_);
     return sel;
 }

@@ -53,6 +53,8 @@ public:
     bool selectsAll() const;
     // Names of the parameters it uses, in slot order.
     const std::vector<std::string>& parameters() const { return params_; }
+    // The columns it reads, each once, so a scan can fetch them ahead.
+    const std::vector<int>& columns() const { return columns_; }
 
     // Resolves the parameters; throws RMTableError kParameter when one is not
     // bound or its type doesn't fit where it is used.
@@ -81,6 +83,7 @@ private:
 
     std::string text_;
     std::vector<std::string> params_;
+    std::vector<int> columns_;
     std::unique_ptr<Node> root_;
     std::unique_ptr<Storage> storage_;
 };
