@@ -96,10 +96,11 @@ void RMCachedTable::load(bool classTable, const char* filter) {
     }
     RMRowId maxId = 0;
     std::vector<RMRowPtr> upgraded;
+    RMRowArenaPool pool;
     db_->loadRows(tableId_, [&](int64_t id, std::string_view bytes) {
         maxId = std::max(maxId, id);
         std::string error;
-        RMRowPtr row = RMPackedRow::fromStored(id, bytes, *schema_, error);
+        RMRowPtr row = RMPackedRow::fromStored(id, bytes, *schema_, error, &pool);
         if (row == nullptr) {
             throw RMTableError::build(RMTableErrc::kDamagedRow, path_.c_str(),
                                       static_cast<long long>(id), error.c_str());

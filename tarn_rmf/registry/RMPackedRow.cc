@@ -25,17 +25,24 @@ void RMRowPtr::retain() {
 
 void RMRowPtr::release() {
     if (p_ != nullptr && p_->refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        RMRowArena* arena = p_->arena_;
         p_->~RMPackedRow();
-        ::operator delete(static_cast<void*>(p_));
+        if (arena != nullptr) {
+            arena->release();
+        } else {
+            ::operator delete(static_cast<void*>(p_));
+        }
     }
     p_ = nullptr;
 }
 
 RMRowPtr RMPackedRow::assemble(RMRowId id, std::string_view bytes, const uint32_t* offsets,
-                               unsigned columns) {
-    size_t extra = sizeof(uint32_t) * columns + bytes.size();
-    void* mem = ::operator new(sizeof(RMPackedRow) + extra);
+                               unsigned columns, RMRowArenaPool* pool) {
+    size_t total = sizeof(RMPackedRow) + sizeof(uint32_t) * columns + bytes.size();
+    RMRowArena* arena = nullptr;
+    void* mem = pool != nullptr ? pool->allocate(total, arena) : ::operator new(total);
     auto* row = new (mem) RMPackedRow(id, columns, static_cast<uint32_t>(bytes.size()));
+    row->arena_ = arena;
     std::memcpy(row->tail(), offsets, sizeof(uint32_t) * columns);
     std::memcpy(row->blob(), bytes.data(), bytes.size());
     return RMRowPtr(row);
@@ -87,7 +94,7 @@ void RMPackedRow::prefetchColumns(const std::vector<int>& columns) const {
 }
 
 RMRowPtr RMPackedRow::fromStored(RMRowId id, std::string_view bytes, const RMSchema& schema,
-                                 std::string& error) {
+                                 std::string& error, RMRowArenaPool* pool) {
     const auto* start = reinterpret_cast<const unsigned char*>(bytes.data());
     const unsigned char* end = start + bytes.size();
     const unsigned char* p = start;
@@ -126,7 +133,7 @@ RMRowPtr RMPackedRow::fromStored(RMRowId id, std::string_view bytes, const RMSch
         return nullptr;
     }
     if (stored == schema.size()) {
-        return assemble(id, bytes, offsets.data(), schema.size());
+        return assemble(id, bytes, offsets.data(), schema.size(), pool);
     }
     // Written before columns were added: rebuild the header, append defaults.
     std::string out;
@@ -142,7 +149,7 @@ RMRowPtr RMPackedRow::fromStored(RMRowId id, std::string_view bytes, const RMSch
         out.push_back(static_cast<char>(schema.column(i).type));
         out.append(schema.column(i).packedDefault);
     }
-    return assemble(id, out, offsets.data(), static_cast<unsigned>(offsets.size()));
+    return assemble(id, out, offsets.data(), static_cast<unsigned>(offsets.size()), pool);
 }
 
 RMRowPtr RMPackedRow::build(RMRowId id, const RMSchema& schema, const RMPackedRow* base,

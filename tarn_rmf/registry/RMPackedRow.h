@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "tarn_rmf/registry/RMRowArena.h"
 #include "tarn_rmf/registry/RMSchema.h"
 #include "tarn_rmf/registry/RMSelSource.h"
 #include "tarn_rmf/registry/RMValueView.h"
@@ -63,8 +64,9 @@ public:
     // Checks stored bytes against the schema. Rows stored with fewer columns
     // (written before an upgrade) get the defaults of the missing ones. Null
     // with `error` set when the bytes are damaged or disagree with the schema.
+    // With a pool, the row's memory comes from its blocks.
     static RMRowPtr fromStored(RMRowId id, std::string_view bytes, const RMSchema& schema,
-                               std::string& error);
+                               std::string& error, RMRowArenaPool* pool = nullptr);
 
     // A row of `schema` whose columns are `fields`, else those of `base`
     // (when given), else the defaults. Fields must be sorted by column, unique.
@@ -104,12 +106,13 @@ private:
     unsigned char* blob() { return tail() + sizeof(uint32_t) * columns_; }
     uint32_t offset(unsigned i) const;
     static RMRowPtr assemble(RMRowId id, std::string_view bytes, const uint32_t* offsets,
-                             unsigned columns);
+                             unsigned columns, RMRowArenaPool* pool = nullptr);
 
     RMRowId id_;
     unsigned columns_;
     uint32_t size_;
     mutable std::atomic<uint32_t> refs_{1};
+    RMRowArena* arena_ = nullptr;  // the block holding this row, or null: heap
 };
 
 // A packed row as the selection evaluator reads it.
