@@ -13,6 +13,7 @@
 #include "orvrm/ORVRMTrace.h"
 #include "platform/paths.h"
 #include "tarn_rmf/RMCommonErrors.h"
+#include "tarn_rmf2v/RMServiceConnection.h"
 
 namespace {
 
@@ -81,6 +82,7 @@ int main() {
     tarn_base::CTraceManager::setFile(zn::paths::resolve(kTraceFile));
     ORVRMDaemon* daemon = nullptr;
     ORVRMRmcp* rmcp = nullptr;
+    tarn_rmf2v::RMServiceConnection* service = nullptr;
     int status = 0;
     try {
         // 1. Trace component.
@@ -117,6 +119,10 @@ int main() {
         for (unsigned long& id : threadIds) {
             rmcp->start(&id);
         }
+        // The link to the monitoring service: connects (and reconnects) in
+        // the background, so the service may start before or after us.
+        service = new tarn_rmf2v::RMServiceConnection(*rmcp);
+        service->start();
         // 8. Tell the other instances we are here.
         rmcp->sendPEXMessage(2, 0, nullptr, 0);
         // 9. Controller loop.
@@ -125,8 +131,13 @@ int main() {
     } catch (const std::exception& e) {
         startupFailed(e);
     }
-    // 10. Shutdown: control point, log, daemon.
+    // 10. Shutdown: service link, control point, log, daemon. The connection
+    // object outlives the control point, whose threads may still hold the link.
+    if (service != nullptr) {
+        service->stop();
+    }
     delete rmcp;
+    delete service;
     if (orvrm::logIsOpen()) {
         orvrm::closeLog();
     }

@@ -1,9 +1,13 @@
 // The one way this daemon reaches the monitoring service to make it re-read its
-// access control list. There is no system resource controller on this
-// platform: the request will go over the service's local socket once the
-// service exists. Until then this always fails with -1 (errno ENOSYS), so
-// refreshpex() reports -1 and its callers log the failure.
-// Returns 0 when the service accepted the request, -1 otherwise.
+// access control list: a "service.refreshAcl" request over the service's local
+// socket. The service takes it from root only, so a caller that is not root
+// fails at once (errno EPERM) without asking.
+// Returns 0 when the service re-read the list, -1 otherwise with errno set:
+// EPERM (not root), ENOENT or ECONNREFUSED (no service), ETIMEDOUT (no answer
+// within `timeout`), EACCES (refused), EIO (the list did not parse; the
+// service keeps its previous rules), EPROTO (not an answer).
 #pragma once
 
-int requestPexAclRefresh();
+#include <chrono>
+
+int requestPexAclRefresh(std::chrono::milliseconds timeout = std::chrono::seconds(10));

@@ -1,0 +1,438 @@
+// The resource manager's connection to the monitoring service, against a
+// scripted service on a local socket: registration, requests and replies,
+// notifications and peer messages, loss and reconnection with the control
+// point told, a service that starts late or refuses, replies for a replaced
+// connection, and a service that stops reading.
+#include "tarn_rmf2v/RMServiceConnection.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <thread>
+
+#include "platform/paths.h"
+#include "tarn_rmf/RMCommonErrors.h"
+#include "tarn_rmf2v/RMLocks.h"
+#include "tarn_rmf2v/RMRmcp.h"
+#include "tests/support/TempDir.h"
+#include "znpex/proto/FrameIo.h"
+#include "znpex/proto/JsonRpc.h"
+
+namespace {
+
+using namespace tarn_rmf2v;
+namespace proto = znpex::proto;
+using proto::Json;
+using proto::RpcMessage;
+using Kind = RpcMessage::Kind;
+
+constexpr char kClass[] = "Test.Widget";
+
+// Stands in for the service: accepts connections on the socket (the newest
+// is the current one), answers "rm.register" and keeps every other message.
+class FakeService {
+public:
+    explicit FakeService(int refuseFirst = 0) : refuseLeft_(refuseFirst) {
+        path_ = zn::paths::resolve(zn::paths::kPexSocket);
+        zn::paths::ensureParentDir(path_);
+        listenFd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::strncpy(addr.sun_path, path_.c_str(), sizeof(addr.sun_path) - 1);
+        ::unlink(path_.c_str());
+        EXPECT_EQ(::bind(listenFd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+        EXPECT_EQ(::listen(listenFd_, 8), 0);
+        thread_ = std::thread([this] { loop(); });
+    }
+    ~FakeService() {
+        stop_ = true;
+        thread_.join();
+        ::close(listenFd_);
+        ::unlink(path_.c_str());
+        std::lock_guard<std::mutex> g(mu_);
+        if (conn_ >= 0) {
+            ::close(conn_);
+        }
+    }
+
+    // Waits for a message that `pred` accepts (taking it out of the queue).
+    bool take(const std::function<bool(const RpcMessage&)>& pred, RpcMessage* out,
+              int timeoutMs = 5000) {
+        std::unique_lock<std::mutex> lk(mu_);
+        return cv_.wait_for(lk, std::chrono::milliseconds(timeoutMs), [&] {
+            for (auto it = got_.begin(); it != got_.end(); ++it) {
+                if (pred(*it)) {
+                    *out = std::move(*it);
+                    got_.erase(it);
+                    return true;
+                }
+            }
+            return false;
+        });
+    }
+    bool takeMethod(const std::string& method, RpcMessage* out, int timeoutMs = 5000) {
+        return take([&](const RpcMessage& m) { return m.method == method; }, out, timeoutMs);
+    }
+    bool takeReply(const Json& id, RpcMessage* out, int timeoutMs = 5000) {
+        return take(
+            [&](const RpcMessage& m) {
+                return (m.kind == Kind::Result || m.kind == Kind::Error) && m.id == id;
+            },
+            out, timeoutMs);
+    }
+    void send(const Json& message) {
+        std::lock_guard<std::mutex> g(mu_);
+        ASSERT_GE(conn_, 0);
+        ASSERT_EQ(proto::writeFrame(conn_, proto::dumpJson(message), 5000), proto::IoStatus::Ok);
+    }
+    void dropConnection() {
+        std::lock_guard<std::mutex> g(mu_);
+        if (conn_ >= 0) {
+            ::close(conn_);
+            conn_ = -1;
+        }
+    }
+    // While paused, nothing is read from the connection.
+    void pause(bool p) { paused_ = p; }
+    int registrations() const { return registrations_.load(); }
+    int attempts() const { return attempts_.load(); }
+
+private:
+    void loop() {
+        proto::FrameDecoder decoder;
+        while (!stop_) {
+            int conn;
+            {
+                std::lock_guard<std::mutex> g(mu_);
+                conn = conn_;
+            }
+            pollfd fds[2] = {{listenFd_, POLLIN, 0}, {conn, POLLIN, 0}};
+            int n = ::poll(fds, conn >= 0 && !paused_ ? 2 : 1, 20);
+            if (n <= 0) {
+                continue;
+            }
+            if (fds[0].revents & POLLIN) {
+                int c = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
+                std::lock_guard<std::mutex> g(mu_);
+                if (conn_ >= 0) {
+                    ::close(conn_);
+                }
+                conn_ = c;
+                decoder = proto::FrameDecoder();
+                continue;
+            }
+            if (conn < 0 || paused_ || !(fds[1].revents & (POLLIN | POLLHUP))) {
+                continue;
+            }
+            char buf[65536];
+            ssize_t r = ::read(conn, buf, sizeof(buf));
+            if (r <= 0) {
+                std::lock_guard<std::mutex> g(mu_);
+                if (conn_ == conn) {
+                    ::close(conn_);
+                    conn_ = -1;
+                }
+                continue;
+            }
+            for (const std::string& f : decoder.feed(buf, static_cast<size_t>(r))) {
+                RpcMessage m = proto::parseMessage(f);
+                if (m.method == "rm.register") {
+                    ++attempts_;
+                    bool refuse = refuseLeft_ > 0;
+                    refuseLeft_ -= refuse ? 1 : 0;
+                    Json reply = refuse ? proto::makeError(m.id, proto::kOperationFailed, "no")
+                                        : proto::makeResult(m.id, Json{{"ok", true}});
+                    if (!refuse) {
+                        ++registrations_;
+                    }
+                    proto::writeFrame(conn, proto::dumpJson(reply), 5000);
+                }
+                std::lock_guard<std::mutex> g(mu_);
+                got_.push_back(std::move(m));
+                cv_.notify_all();
+            }
+        }
+    }
+
+    std::string path_;
+    int listenFd_ = -1;
+    int refuseLeft_;
+    std::atomic<bool> stop_{false};
+    std::atomic<bool> paused_{false};
+    std::atomic<int> registrations_{0};
+    std::atomic<int> attempts_{0};
+    std::mutex mu_;  // guards conn_, got_
+    std::condition_variable cv_;
+    int conn_ = -1;
+    std::deque<RpcMessage> got_;
+    std::thread thread_;
+};
+
+// A class whose action 9 waits until released, and which counts connection notices.
+class WidgetRccp : public RMRccp {
+public:
+    explicit WidgetRccp(RMRmcp* m) : RMRccp(kClass, RM_OBJECT_CLASS, m) {
+        RMClassDef def;
+        def.name = kClass;
+        def.persistent.push_back(RMAttrDef{"Name", 0, ZN_CHAR_PTR, 1});
+        def.classActions.push_back(RMActionDef{"Hold", 9, {ZN_UINT32}});
+        setClassDef(def);
+    }
+    void enumerateResources(RMEnumResourcesResponse* rsp) override {
+        zn_resource_handle h[2];
+        makeResourceHandles(2, 3, 0, h);
+        rsp->done(h, 2);
+    }
+    void invokeClassAction(RMActionResponse* rsp, int, zn_structured_data*) override {
+        std::unique_lock<std::mutex> lk(holdMu);
+        holdCv.wait(lk, [this] { return released; });
+        rsp->done(nullptr);
+    }
+    void connectionChanged(rm_conn_changed state) override {
+        (state == RM_CONNECTION_ESTABLISHED ? established : lost)++;
+    }
+    void release() {
+        std::lock_guard<std::mutex> g(holdMu);
+        released = true;
+        holdCv.notify_all();
+    }
+    std::atomic<int> established{0};
+    std::atomic<int> lost{0};
+    std::mutex holdMu;
+    std::condition_variable holdCv;
+    bool released = false;
+};
+
+class PeerRmcp : public RMRmcp {
+public:
+    PeerRmcp() : RMRmcp("Test.RM", 1, nullptr, 0, 1) {}
+    void PEXMessageReceived(int type, int subtype, void* data, unsigned int length) override {
+        std::lock_guard<std::mutex> g(mu);
+        peers.push_back(std::to_string(type) + "/" + std::to_string(subtype) + ":" +
+                        std::string(static_cast<char*>(data), length));
+    }
+    std::mutex mu;
+    std::vector<std::string> peers;
+};
+
+bool waitUntil(const std::function<bool()>& cond, int ms = 5000) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (!cond()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+class ServiceConnectionTest : public ::testing::Test {
+protected:
+    ServiceConnectionTest() : root_(true) {
+        rccp_ = new WidgetRccp(&rmcp_);  // owned by rmcp_
+        for (int i = 0; i < 2; ++i) {
+            rmcp_.start(nullptr);
+        }
+        options_.minBackoff = std::chrono::milliseconds(10);
+        options_.maxBackoff = std::chrono::milliseconds(100);
+    }
+    ~ServiceConnectionTest() override {
+        rccp_->release();
+        if (conn_) {
+            conn_->stop();
+        }
+        rmcp_.cleanup();
+    }
+    void connect() {
+        conn_ = std::make_unique<RMServiceConnection>(rmcp_, options_);
+        conn_->start();
+    }
+
+    testsupport::TempDir root_;
+    PeerRmcp rmcp_;
+    WidgetRccp* rccp_;
+    RMServiceConnectionOptions options_;
+    std::unique_ptr<RMServiceConnection> conn_;
+};
+
+TEST_F(ServiceConnectionTest, RegistersItsNameAndEveryClass) {
+    FakeService service;
+    connect();
+    RpcMessage reg;
+    ASSERT_TRUE(service.takeMethod("rm.register", &reg));
+    EXPECT_EQ(reg.params["rm"], "Test.RM");
+    ASSERT_EQ(reg.params["classes"].size(), 1u);
+    const Json& def = reg.params["classes"][0];
+    EXPECT_EQ(def["class"], kClass);
+    EXPECT_EQ(def["persistent"][0]["name"], "Name");
+    EXPECT_EQ(def["classActions"][0]["id"], 9);
+    ASSERT_TRUE(waitUntil([&] { return conn_->connected(); }));
+    EXPECT_EQ(rmcp_.serviceLink(), conn_.get());
+    EXPECT_EQ(rccp_->established.load(), 1);
+    EXPECT_EQ(conn_->registrations(), 1u);
+}
+
+TEST_F(ServiceConnectionTest, RequestsReachTheControlPointAndRepliesComeBack) {
+    FakeService service;
+    connect();
+    ASSERT_TRUE(waitUntil([&] { return conn_->connected(); }));
+    service.send(proto::makeRequest(7, "rm.enumerateResources",
+                                    Json{{"class", kClass}, {"identity", "root@LOCALHOST"}}));
+    RpcMessage r;
+    ASSERT_TRUE(service.takeReply(7, &r));
+    ASSERT_EQ(r.kind, Kind::Result);
+    EXPECT_EQ(r.result["handles"].size(), 2u);
+    EXPECT_FALSE(r.result.contains("error"));
+
+    service.send(proto::makeRequest(8, "rm.enumerateResources", Json{{"class", "No.Such"}}));
+    ASSERT_TRUE(service.takeReply(8, &r));
+    ASSERT_EQ(r.kind, Kind::Result);  // the control point's own answer: an error reply
+    EXPECT_EQ(r.result["error"]["id"], tarn_rmf::RM_EINVALIDCLASS);
+
+    struct Case {
+        const char* method;
+        Json params;
+        int code;
+    };
+    const Case bad[] = {
+        {"rm.bogus", Json{{"class", kClass}}, proto::kMethodNotFound},
+        {"session.start", Json::object(), proto::kMethodNotFound},
+        {"rm.getAttributeValues", Json{{"class", kClass}}, proto::kInvalidParams},
+        {"rm.enumerateResources", Json{{"class", 3}}, proto::kInvalidParams},
+    };
+    int id = 100;
+    for (const Case& c : bad) {
+        SCOPED_TRACE(c.method);
+        service.send(proto::makeRequest(id, c.method, c.params));
+        ASSERT_TRUE(service.takeReply(id, &r));
+        EXPECT_EQ(r.kind, Kind::Error);
+        EXPECT_EQ(r.errorCode, c.code);
+        ++id;
+    }
+    EXPECT_TRUE(conn_->connected());  // bad requests do not end the connection
+}
+
+TEST_F(ServiceConnectionTest, NotificationsAndPeerMessages) {
+    // Sent before any connection: kept by the control point, sent once registered.
+    rmcp_.sendPEXMessage(2, 0, const_cast<char*>("hi"), 2);
+    FakeService service;
+    connect();
+    RpcMessage m;
+    ASSERT_TRUE(service.takeMethod("peer.send", &m));
+    EXPECT_EQ(m.params["type"], 2);
+    EXPECT_EQ(m.params["data"], "aGk=");
+
+    zn_resource_handle h;
+    rccp_->makeResourceHandles(1, 3, 0, &h);
+    zn_resource_handle* hp = &h;
+    rccp_->notifyResourcesUndefined(&hp, 1);
+    ASSERT_TRUE(service.takeMethod("notify.resourcesUndefined", &m));
+    EXPECT_EQ(m.kind, Kind::Notification);
+    EXPECT_EQ(m.params["class"], kClass);
+    EXPECT_EQ(m.params["handles"].size(), 1u);
+
+    rm_attribute_value v{4, ZN_UINT32, {}};
+    v.rm_value.val_uint32 = 77;
+    rccp_->notifyDynamicClassAttrsModified(&v, 1);
+    ASSERT_TRUE(service.takeMethod("notify.attributesModified", &m));
+    EXPECT_EQ(m.params["persistent"], false);
+    EXPECT_FALSE(m.params.contains("handle"));
+    EXPECT_EQ(m.params["values"][0], (Json{{"id", 4}, {"t", 3}, {"v", 77}}));
+
+    service.send(proto::makeNotification("peer.received",
+                                         Json{{"type", 5}, {"subtype", 1}, {"data", "aGVsbG8="}}));
+    service.send(proto::makeNotification("rm.connectionChanged", Json{{"connected", true}}));
+    ASSERT_TRUE(waitUntil([&] {
+        std::lock_guard<std::mutex> g(rmcp_.mu);
+        return !rmcp_.peers.empty();
+    }));
+    std::lock_guard<std::mutex> g(rmcp_.mu);
+    EXPECT_EQ(rmcp_.peers, (std::vector<std::string>{"5/1:hello"}));
+}
+
+TEST_F(ServiceConnectionTest, ReconnectsAfterLossAndTellsTheControlPoint) {
+    FakeService service;
+    connect();
+    ASSERT_TRUE(waitUntil([&] { return conn_->connected(); }));
+    for (int round = 1; round <= 3; ++round) {
+        SCOPED_TRACE(round);
+        service.dropConnection();
+        ASSERT_TRUE(waitUntil([&] { return rccp_->lost.load() == round; }));
+        ASSERT_TRUE(waitUntil([&] { return conn_->registrations() == uint64_t(round) + 1; }));
+        EXPECT_EQ(rccp_->established.load(), round + 1);
+        EXPECT_EQ(rmcp_.serviceLink(), conn_.get());
+    }
+    EXPECT_EQ(service.registrations(), 4);
+    conn_->stop();
+    EXPECT_EQ(rmcp_.serviceLink(), nullptr);
+    EXPECT_FALSE(conn_->connected());
+}
+
+TEST_F(ServiceConnectionTest, FindsAServiceThatStartsLater) {
+    connect();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_FALSE(conn_->connected());
+    EXPECT_EQ(rmcp_.serviceLink(), nullptr);
+    EXPECT_EQ(rccp_->lost.load(), 0);  // never connected, nothing lost
+    FakeService service;
+    ASSERT_TRUE(waitUntil([&] { return conn_->connected(); }));
+    EXPECT_EQ(rccp_->established.load(), 1);
+}
+
+TEST_F(ServiceConnectionTest, RefusedRegistrationIsTriedAgain) {
+    FakeService service(/*refuseFirst=*/2);
+    connect();
+    ASSERT_TRUE(waitUntil([&] { return conn_->connected(); }));
+    EXPECT_EQ(service.attempts(), 3);
+    EXPECT_EQ(conn_->registrations(), 1u);
+    EXPECT_EQ(rccp_->established.load(), 1);
+    EXPECT_EQ(rccp_->lost.load(), 0);  // a refused connection was never established
+}
+
+TEST_F(ServiceConnectionTest, ReplyMeantForAReplacedConnectionIsDropped) {
+    FakeService service;
+    connect();
+    ASSERT_TRUE(waitUntil([&] { return conn_->connected(); }));
+    service.send(proto::makeRequest(
+        5, "rm.invokeClassAction",
+        Json{{"class", kClass}, {"actionId", 9}, {"input", {{"t", 11}, {"v", Json::array()}}}}));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    service.dropConnection();
+    ASSERT_TRUE(waitUntil([&] { return conn_->registrations() == 2; }));
+    rccp_->release();
+    RpcMessage r;
+    EXPECT_FALSE(service.takeReply(5, &r, 300));
+    // The new connection works as usual.
+    service.send(proto::makeRequest(6, "rm.enumerateResources", Json{{"class", kClass}}));
+    EXPECT_TRUE(service.takeReply(6, &r));
+}
+
+TEST_F(ServiceConnectionTest, AServiceThatStopsReadingNeverBlocksTheSenders) {
+    options_.maxQueuedBytes = 256 << 10;
+    options_.stallTimeout = std::chrono::milliseconds(300);
+    FakeService service;
+    connect();
+    ASSERT_TRUE(waitUntil([&] { return conn_->connected(); }));
+    service.pause(true);
+    std::vector<unsigned char> big(64 << 10, 'x');
+    auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 200; ++i) {  // ~12 MiB, far more than the socket and queue hold
+        rmcp_.sendPEXMessage(1, i, big.data(), static_cast<unsigned int>(big.size()));
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    EXPECT_GT(conn_->dropped(), 100u);  // what did not fit was dropped
+    // The stuck connection is given up and made again once the service reads.
+    ASSERT_TRUE(waitUntil([&] { return rccp_->lost.load() == 1; }));
+    service.pause(false);
+    ASSERT_TRUE(waitUntil([&] { return conn_->registrations() == 2; }));
+}
+
+}  // namespace

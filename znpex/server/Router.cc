@@ -1,0 +1,254 @@
+#include "znpex/server/Router.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <vector>
+
+#include "znpex/proto/Frame.h"
+#include "znpex/proto/ServiceMessages.h"
+#include "znpex/server/PeerIdentity.h"
+#include "znpex/server/ServiceLog.h"
+
+namespace znpex::server {
+
+using proto::Json;
+using proto::RpcMessage;
+
+Router::Router(AclStore& acl, RmRegistry& registry, asio::any_io_executor executor,
+               RouterOptions options)
+    : acl_(acl),
+      registry_(registry),
+      executor_(std::move(executor)),
+      options_(options),
+      started_(std::chrono::steady_clock::now()) {}
+
+Router::~Router() = default;
+
+void Router::accept(Connection::Socket socket, Transport transport) {
+    asio::error_code ignored;
+    if (connectionCount() >= options_.maxConnections) {
+        if (refused_.fetch_add(1) % 1000 == 0) {
+            serviceLog("refusing connections: %zu are open already", options_.maxConnections);
+        }
+        socket.close(ignored);
+        return;
+    }
+    std::string identity = proto::kUnauthenticated;
+    uid_t uid = static_cast<uid_t>(-1);
+    if (transport == Transport::Local) {
+        auto cred = peerCredentials(socket.native_handle());
+        if (!cred) {
+            socket.close(ignored);  // no credentials: no identity to give it
+            return;
+        }
+        uid = cred->uid;
+        identity = localIdentity(uid);
+    } else {
+        int one = 1;
+        ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+    }
+    auto c =
+        std::make_shared<Connection>(std::move(socket), transport, std::move(identity), uid, *this);
+    {
+        std::lock_guard<std::mutex> g(connMu_);
+        connections_.emplace(c->id(), c);
+    }
+    c->start();
+}
+
+size_t Router::connectionCount() const {
+    std::lock_guard<std::mutex> g(connMu_);
+    return connections_.size();
+}
+
+void Router::closeAll() {
+    std::vector<std::shared_ptr<Connection>> all;
+    {
+        std::lock_guard<std::mutex> g(connMu_);
+        for (auto& [id, weak] : connections_) {
+            if (auto c = weak.lock()) {
+                all.push_back(std::move(c));
+            }
+        }
+    }
+    for (auto& c : all) {
+        c->close();
+    }
+}
+
+void Router::onMessage(const std::shared_ptr<Connection>& c, std::string payload) {
+    RpcMessage m;
+    try {
+        m = proto::parseMessage(payload);
+    } catch (const proto::ProtocolError& e) {
+        malformed_.fetch_add(1);
+        c->sendThenClose(proto::dumpJson(proto::makeError(e.id(), e.code(), e.what())));
+        return;
+    }
+    try {
+        switch (m.kind) {
+            case RpcMessage::Kind::Request:
+                handleRequest(c, m);
+                break;
+            case RpcMessage::Kind::Notification:
+                handleNotification(c, m);
+                break;
+            case RpcMessage::Kind::Result:
+            case RpcMessage::Kind::Error:
+                handleReply(c, m);
+                break;
+        }
+    } catch (const proto::ProtocolError& e) {
+        if (m.kind == RpcMessage::Kind::Request) {
+            replyError(c, m.id, e.code(), e.what());
+        }
+    } catch (const std::exception& e) {
+        serviceLog("request %s of connection %llu failed: %s", m.method.c_str(),
+                   static_cast<unsigned long long>(c->id()), e.what());
+        if (m.kind == RpcMessage::Kind::Request) {
+            replyError(c, m.id, proto::kInternalError, e.what());
+        }
+    }
+}
+
+void Router::onOversize(const std::shared_ptr<Connection>& c, uint64_t length) {
+    malformed_.fetch_add(1);
+    c->sendThenClose(proto::dumpJson(proto::makeError(nullptr, proto::kInvalidRequest,
+                                                      "a frame of " + std::to_string(length) +
+                                                          " bytes is over the limit of " +
+                                                          std::to_string(proto::kMaxFrame))));
+}
+
+void Router::onClosed(const std::shared_ptr<Connection>& c) {
+    std::shared_ptr<ManagerSession> manager;
+    std::set<std::string> watched;
+    {
+        std::lock_guard<std::mutex> g(c->stateMu);
+        manager = std::move(c->state.manager);
+        watched.swap(c->state.watched);
+    }
+    {
+        std::lock_guard<std::mutex> g(watchMu_);
+        for (const std::string& cls : watched) {
+            auto it = watchers_.find(cls);
+            if (it != watchers_.end()) {
+                it->second.erase(c->id());
+                if (it->second.empty()) {
+                    watchers_.erase(it);
+                }
+            }
+        }
+    }
+    if (manager != nullptr) {
+        registry_.detach(manager.get());
+        manager->failAll();
+        serviceLog("resource manager %s disconnected", manager->rmName().c_str());
+    }
+    std::lock_guard<std::mutex> g(connMu_);
+    connections_.erase(c->id());
+}
+
+std::string Router::refusal(const Connection& c, const MethodInfo& info) const {
+    if (info.localOnly && !c.isLocal()) {
+        return info.name + " is only offered on the local socket";
+    }
+    if (info.rootOnly && !c.isLocalRoot()) {
+        return info.name + " is not allowed for " + c.identity();
+    }
+    if (info.privileged && !c.isLocalRoot() && c.uid() != ::geteuid()) {
+        return info.name + " is not allowed for " + c.identity();
+    }
+    return {};
+}
+
+void Router::handleRequest(const std::shared_ptr<Connection>& c, RpcMessage& m) {
+    const MethodInfo* info = findMethod(m.method);
+    if (info == nullptr) {
+        replyError(c, m.id, proto::kMethodNotFound, "no method " + m.method);
+        return;
+    }
+    if (info->notification) {
+        replyError(c, m.id, proto::kMethodNotFound, m.method + " is a notification");
+        return;
+    }
+    if (std::string why = refusal(*c, *info); !why.empty()) {
+        replyError(c, m.id, proto::kMethodNotFound, why);
+        return;
+    }
+    switch (info->kind) {
+        case MethodKind::SessionStart:
+            sessionStart(c, m);
+            break;
+        case MethodKind::SessionEnd:
+            sessionEnd(c, m);
+            break;
+        case MethodKind::ClassList:
+            classList(c, m);
+            break;
+        case MethodKind::RefreshAcl:
+            refreshAcl(c, m);
+            break;
+        case MethodKind::Status:
+            replyResult(c, m.id, status());
+            break;
+        case MethodKind::AuthHello:
+            authHello(c, m);
+            break;
+        case MethodKind::Register:
+            registerManager(c, m);
+            break;
+        case MethodKind::ManagerOp:
+            forward(c, m, *info);
+            break;
+        case MethodKind::NotifyResourcesUndefined:
+        case MethodKind::NotifyAttributesModified:
+        case MethodKind::PeerSend:
+            break;  // notifications, answered above
+    }
+}
+
+void Router::handleNotification(const std::shared_ptr<Connection>& c, RpcMessage& m) {
+    const MethodInfo* info = findMethod(m.method);
+    // A notification gets no answer, so what cannot be taken is dropped.
+    if (info == nullptr || !info->notification || !refusal(*c, *info).empty()) {
+        return;
+    }
+    managerNotification(c, m, *info);
+}
+
+void Router::handleReply(const std::shared_ptr<Connection>& c, RpcMessage& m) {
+    std::shared_ptr<ManagerSession> manager;
+    {
+        std::lock_guard<std::mutex> g(c->stateMu);
+        manager = c->state.manager;
+    }
+    if (manager == nullptr || !m.id.is_number_unsigned()) {
+        return;  // nobody here asked anything
+    }
+    Json response;
+    if (m.kind == RpcMessage::Kind::Result) {
+        response = proto::makeResult(m.id, std::move(m.result));
+    } else {
+        response = proto::makeError(m.id, m.errorCode, m.errorMessage, std::move(m.errorData));
+    }
+    manager->complete(m.id.get<uint64_t>(), std::move(response));
+}
+
+void Router::replyResult(const std::shared_ptr<Connection>& c, const Json& id, Json result) {
+    c->send(proto::dumpJson(proto::makeResult(id, std::move(result))));
+}
+
+void Router::replyError(const std::shared_ptr<Connection>& c, const Json& id, int code,
+                        const std::string& message) {
+    c->send(proto::dumpJson(proto::makeError(id, code, message)));
+}
+
+void Router::replyFailure(const std::shared_ptr<Connection>& c, const Json& id, int code,
+                          const cu_error_t& err) {
+    c->send(proto::dumpJson(proto::makeErrorFrom(id, code, err)));
+}
+
+}  // namespace znpex::server

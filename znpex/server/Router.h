@@ -1,0 +1,119 @@
+// The service's request routing: every message of every connection arrives
+// here, is checked against the method table (where it may come from, who may
+// send it), and is either answered by the service itself (sessions, class
+// list, status, access list refresh, handshake, registration) or, for a
+// resource-manager operation, checked against the access rules and forwarded
+// to the manager serving the class, whose answer goes back to the client
+// under the client's own id. Notifications from a manager go to the clients
+// watching that class that may read it. Thread-safe: handlers run on the
+// connections' strands in parallel; shared state sits behind its own locks.
+// Outlives every connection and manager session it creates.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "znpex/proto/JsonRpc.h"
+#include "znpex/server/AclStore.h"
+#include "znpex/server/Connection.h"
+#include "znpex/server/ManagerSession.h"
+#include "znpex/server/MethodTable.h"
+#include "znpex/server/RmRegistry.h"
+
+namespace znpex::server {
+
+struct RouterOptions {
+    // How long a forwarded request may wait for its manager's answer.
+    std::chrono::milliseconds requestTimeout{std::chrono::seconds(60)};
+    // Forwarded requests of one connection waiting at the same time.
+    size_t maxPendingPerConnection = 1024;
+    // Open connections; more are closed as soon as they are accepted.
+    size_t maxConnections = 65536;
+};
+
+class Router : public ConnectionHandler {
+public:
+    Router(AclStore& acl, RmRegistry& registry, asio::any_io_executor executor,
+           RouterOptions options);
+    ~Router() override;
+
+    // A socket from a listener: becomes a connection with its identity.
+    void accept(Connection::Socket socket, Transport transport);
+
+    void onMessage(const std::shared_ptr<Connection>& c, std::string payload) override;
+    void onOversize(const std::shared_ptr<Connection>& c, uint64_t length) override;
+    void onClosed(const std::shared_ptr<Connection>& c) override;
+
+    // Re-reads the access list; on failure the rules in force stay. Logs.
+    bool reloadAcl(std::string* why);
+    // The "service.status" result.
+    proto::Json status() const;
+    size_t connectionCount() const;
+    // Closes every connection (at shutdown).
+    void closeAll();
+
+private:
+    void handleRequest(const std::shared_ptr<Connection>& c, proto::RpcMessage& m);
+    void handleNotification(const std::shared_ptr<Connection>& c, proto::RpcMessage& m);
+    void handleReply(const std::shared_ptr<Connection>& c, proto::RpcMessage& m);
+    // Why `c` may not call `info`, or "" when it may.
+    std::string refusal(const Connection& c, const MethodInfo& info) const;
+
+    // Service methods (RouterService.cc).
+    void sessionStart(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
+    void sessionEnd(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
+    void classList(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
+    void refreshAcl(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
+    void authHello(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
+
+    // Resource managers (RouterForward.cc).
+    void registerManager(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
+    void forward(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m,
+                 const MethodInfo& info);
+    // A forwarded request, as its answer needs it.
+    struct Forwarded {
+        std::weak_ptr<Connection> client;
+        proto::Json clientId;
+        std::string method;
+        std::string className;
+        std::string rmName;
+        bool watch = false;
+    };
+    void answer(const Forwarded& f, ManagerSession::Outcome outcome, proto::Json response);
+    void managerNotification(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m,
+                             const MethodInfo& info);
+    void addWatcher(const std::shared_ptr<Connection>& c, const std::string& className);
+    void notifyWatchers(const std::string& className, OpTarget target, const std::string& payload);
+
+    // Replies.
+    static void replyResult(const std::shared_ptr<Connection>& c, const proto::Json& id,
+                            proto::Json result);
+    static void replyError(const std::shared_ptr<Connection>& c, const proto::Json& id, int code,
+                           const std::string& message);
+    static void replyFailure(const std::shared_ptr<Connection>& c, const proto::Json& id, int code,
+                             const cu_error_t& err);
+
+    AclStore& acl_;
+    RmRegistry& registry_;
+    asio::any_io_executor executor_;
+    const RouterOptions options_;
+    const std::chrono::steady_clock::time_point started_;
+
+    mutable std::mutex connMu_;  // guards connections_
+    std::map<uint64_t, std::weak_ptr<Connection>> connections_;
+
+    std::mutex watchMu_;  // guards watchers_
+    std::map<std::string, std::map<uint64_t, std::weak_ptr<Connection>>> watchers_;
+
+    std::atomic<uint64_t> nextSession_{1};
+    // Counters for "service.status".
+    std::atomic<uint64_t> forwarded_{0}, denied_{0}, timedOut_{0}, lost_{0}, malformed_{0},
+        notifications_{0}, peerMessages_{0}, refused_{0};
+};
+
+}  // namespace znpex::server

@@ -1,0 +1,215 @@
+// The resource-manager half of the router: registration, forwarding of
+// "rm.*" requests with their answers, and the managers' notifications.
+#include <vector>
+
+#include "znpex/proto/NotifyMessages.h"
+#include "znpex/proto/RequestCodec.h"
+#include "znpex/proto/ServiceMessages.h"
+#include "znpex/server/Router.h"
+#include "znpex/server/ServiceErrors.h"
+#include "znpex/server/ServiceLog.h"
+
+namespace znpex::server {
+
+using proto::Json;
+using proto::RpcMessage;
+
+void Router::registerManager(const std::shared_ptr<Connection>& c, const RpcMessage& m) {
+    proto::RegisterParams p = proto::decodeRegister(m.params);
+    std::shared_ptr<ManagerSession> session;
+    {
+        std::lock_guard<std::mutex> g(c->stateMu);
+        session = c->state.manager;
+    }
+    if (session != nullptr && session->rmName() != p.rm) {
+        replyFailure(c, m.id, proto::kOperationFailed,
+                     *registrationRefused(p.rm, "this connection serves " + session->rmName()));
+        return;
+    }
+    if (session == nullptr) {
+        session = std::make_shared<ManagerSession>(c, p.rm, executor_);
+    }
+    size_t count = p.classes.size();
+    std::string why;
+    if (!registry_.registerManager(p.rm, std::move(p.classes), session, &why)) {
+        serviceLog("resource manager %s refused: %s", p.rm.c_str(), why.c_str());
+        replyFailure(c, m.id, proto::kOperationFailed, *registrationRefused(p.rm, why));
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> g(c->stateMu);
+        c->state.manager = session;
+    }
+    serviceLog("resource manager %s registered %zu classes (%s)", p.rm.c_str(), count,
+               c->identity().c_str());
+    replyResult(c, m.id, Json{{"ok", true}});
+    c->send(proto::dumpJson(proto::makeNotification(proto::kRmConnectionChanged,
+                                                    proto::encodeConnectionChanged(true))));
+}
+
+void Router::forward(const std::shared_ptr<Connection>& c, const RpcMessage& m,
+                     const MethodInfo& info) {
+    if (!m.params.is_object()) {
+        replyError(c, m.id, proto::kInvalidParams, "params must be an object");
+        return;
+    }
+    // Decoding checks every field before anything reaches a manager.
+    tarn_rmf2v::RMRequest request = proto::decodeRequestParams(info.op, m.params);
+    const std::string& cls = request.className;
+    auto rules = acl_.rules();
+    if (!isAllowed(*rules, c->identity(), cls, info.target, info.access)) {
+        denied_.fetch_add(1);
+        replyFailure(c, m.id, proto::kPermissionDenied,
+                     *permissionDenied(c->identity(), m.method, cls));
+        return;
+    }
+    ClassLookup where = registry_.find(cls);
+    if (!where.known) {
+        replyFailure(c, m.id, proto::kOperationFailed, *unknownClass(cls));
+        return;
+    }
+    if (!where.connected) {
+        lost_.fetch_add(1);
+        replyFailure(c, m.id, proto::kNotConnected, *notConnected(where.rmName));
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> g(c->stateMu);
+        if (c->state.pendingRequests >= options_.maxPendingPerConnection) {
+            replyFailure(c, m.id, proto::kOperationFailed,
+                         *tooManyRequests(static_cast<int>(options_.maxPendingPerConnection)));
+            return;
+        }
+        ++c->state.pendingRequests;
+    }
+    Json params = m.params;
+    params["identity"] = c->identity();  // never what the client claims
+    auto session = std::static_pointer_cast<ManagerSession>(where.endpoint);
+    Forwarded f{c, m.id, m.method, cls, where.rmName, info.watch};
+    bool sent = session->forward(
+        m.method, std::move(params), options_.requestTimeout,
+        [this, f](ManagerSession::Outcome o, Json response) { answer(f, o, std::move(response)); });
+    if (!sent) {
+        {
+            std::lock_guard<std::mutex> g(c->stateMu);
+            --c->state.pendingRequests;
+        }
+        lost_.fetch_add(1);
+        replyFailure(c, m.id, proto::kNotConnected, *notConnected(where.rmName));
+        return;
+    }
+    forwarded_.fetch_add(1);
+}
+
+void Router::answer(const Forwarded& f, ManagerSession::Outcome outcome, Json response) {
+    auto c = f.client.lock();
+    if (c == nullptr) {
+        return;  // the client left; nobody to tell
+    }
+    {
+        std::lock_guard<std::mutex> g(c->stateMu);
+        --c->state.pendingRequests;
+    }
+    switch (outcome) {
+        case ManagerSession::Outcome::Answered: {
+            const Json* result = proto::findField(response, "result");
+            if (result == nullptr && proto::findField(response, "error") == nullptr) {
+                replyError(c, f.clientId, proto::kInternalError,
+                           "the resource manager " + f.rmName + " answered with nothing");
+                return;
+            }
+            if (f.watch && result != nullptr && result->is_object() && !result->contains("error")) {
+                addWatcher(c, f.className);
+            }
+            response["id"] = f.clientId;
+            c->send(proto::dumpJson(response));
+            return;
+        }
+        case ManagerSession::Outcome::TimedOut:
+            timedOut_.fetch_add(1);
+            replyFailure(c, f.clientId, proto::kOperationFailed,
+                         *managerTimedOut(f.rmName, f.method,
+                                          static_cast<long long>(options_.requestTimeout.count())));
+            return;
+        case ManagerSession::Outcome::Lost:
+            lost_.fetch_add(1);
+            replyFailure(c, f.clientId, proto::kNotConnected, *notConnected(f.rmName));
+            return;
+    }
+}
+
+void Router::addWatcher(const std::shared_ptr<Connection>& c, const std::string& className) {
+    {
+        std::lock_guard<std::mutex> g(c->stateMu);
+        if (c->closed() || !c->state.watched.insert(className).second) {
+            return;
+        }
+    }
+    std::lock_guard<std::mutex> g(watchMu_);
+    watchers_[className][c->id()] = c;
+}
+
+void Router::managerNotification(const std::shared_ptr<Connection>& c, const RpcMessage& m,
+                                 const MethodInfo& info) {
+    std::shared_ptr<ManagerSession> session;
+    {
+        std::lock_guard<std::mutex> g(c->stateMu);
+        session = c->state.manager;
+    }
+    if (session == nullptr) {
+        return;  // only registered managers speak for classes
+    }
+    std::string cls;
+    OpTarget target = OpTarget::Class;
+    switch (info.kind) {
+        case MethodKind::NotifyResourcesUndefined:
+            cls = proto::decodeResourcesUndefined(m.params).className;
+            target = OpTarget::Resource;
+            break;
+        case MethodKind::NotifyAttributesModified: {
+            proto::AttributesModified n = proto::decodeAttributesModified(m.params);
+            cls = n.className;
+            target = n.hasHandle ? OpTarget::Resource : OpTarget::Class;
+            break;
+        }
+        case MethodKind::PeerSend:
+            proto::decodePeerMessage(m.params);
+            // Other instances of a manager live on other hosts; none are
+            // reachable from this service yet, so the message ends here.
+            peerMessages_.fetch_add(1);
+            return;
+        default:
+            return;
+    }
+    if (registry_.find(cls).endpoint != session) {
+        return;  // a manager speaks only for its own classes
+    }
+    notifications_.fetch_add(1);
+    notifyWatchers(cls, target, proto::dumpJson(proto::makeNotification(m.method, m.params)));
+}
+
+void Router::notifyWatchers(const std::string& className, OpTarget target,
+                            const std::string& payload) {
+    std::vector<std::shared_ptr<Connection>> targets;
+    {
+        std::lock_guard<std::mutex> g(watchMu_);
+        auto it = watchers_.find(className);
+        if (it == watchers_.end()) {
+            return;
+        }
+        for (auto& [id, weak] : it->second) {
+            if (auto w = weak.lock()) {
+                targets.push_back(std::move(w));
+            }
+        }
+    }
+    auto rules = acl_.rules();
+    for (auto& w : targets) {
+        // Rules may have changed since it started watching.
+        if (isAllowed(*rules, w->identity(), className, target, OpAccess::Read)) {
+            w->send(payload);
+        }
+    }
+}
+
+}  // namespace znpex::server

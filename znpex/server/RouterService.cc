@@ -1,0 +1,126 @@
+// The service's own methods: sessions, the class list, the access list
+// refresh, the TCP handshake slot and the status report.
+#include <ctime>
+
+#include "znpex/proto/ClassDefCodec.h"
+#include "znpex/proto/ServiceMessages.h"
+#include "znpex/server/Router.h"
+#include "znpex/server/ServiceErrors.h"
+#include "znpex/server/ServiceLog.h"
+
+namespace znpex::server {
+
+using proto::Json;
+using proto::RpcMessage;
+
+void Router::sessionStart(const std::shared_ptr<Connection>& c, const RpcMessage& m) {
+    proto::SessionStartParams p;
+    if (!m.params.is_null()) {
+        p = proto::decodeSessionStart(m.params);
+    }
+    proto::SessionStartResult r;
+    r.identity = c->identity();
+    {
+        std::lock_guard<std::mutex> g(c->stateMu);
+        if (c->state.sessionId == 0) {
+            c->state.sessionId = nextSession_.fetch_add(1);
+        }
+        c->state.clientName = p.client;
+        r.session = c->state.sessionId;
+    }
+    replyResult(c, m.id, proto::encodeSessionStarted(r));
+}
+
+void Router::sessionEnd(const std::shared_ptr<Connection>& c, const RpcMessage& m) {
+    {
+        std::lock_guard<std::mutex> g(c->stateMu);
+        c->state.sessionId = 0;
+        c->state.clientName.clear();
+    }
+    replyResult(c, m.id, Json{{"ok", true}});
+}
+
+void Router::classList(const std::shared_ptr<Connection>& c, const RpcMessage& m) {
+    auto rules = acl_.rules();
+    Json out = Json::array();
+    for (ClassEntry& e : registry_.classes()) {
+        // Describing a class is reading it.
+        if (!isAllowed(*rules, c->identity(), e.def.name, OpTarget::Class, OpAccess::Read)) {
+            continue;
+        }
+        proto::ClassInfo info;
+        info.def = std::move(e.def);
+        info.rm = e.rmName;
+        info.connected = e.connected;
+        out.push_back(proto::encodeClassInfo(info));
+    }
+    replyResult(c, m.id, std::move(out));
+}
+
+void Router::refreshAcl(const std::shared_ptr<Connection>& c, const RpcMessage& m) {
+    std::string why;
+    if (!reloadAcl(&why)) {
+        replyFailure(c, m.id, proto::kOperationFailed, *aclUnreadable(why));
+        return;
+    }
+    AclStore::Status s = acl_.status();
+    replyResult(c, m.id, Json{{"ok", true}, {"stanzas", s.stanzas}, {"entries", s.entries}});
+}
+
+void Router::authHello(const std::shared_ptr<Connection>& c, const RpcMessage& m) {
+    proto::HelloResult r;
+    r.identity = c->identity();  // no authentication methods are offered yet
+    replyResult(c, m.id, proto::encodeHello(r));
+}
+
+bool Router::reloadAcl(std::string* why) {
+    std::string failure;
+    if (!acl_.reload(&failure)) {
+        serviceLog("access control list not reloaded, the previous rules stay: %s",
+                   failure.c_str());
+        if (why != nullptr) {
+            *why = failure;
+        }
+        return false;
+    }
+    AclStore::Status s = acl_.status();
+    serviceLog("access control list %s loaded: %zu stanzas, %zu entries", acl_.path().c_str(),
+               s.stanzas, s.entries);
+    return true;
+}
+
+Json Router::status() const {
+    Json managers = Json::array();
+    for (const ManagerSummary& mgr : registry_.managers()) {
+        managers.push_back(
+            Json{{"rm", mgr.rmName}, {"connected", mgr.connected}, {"classes", mgr.classes}});
+    }
+    AclStore::Status a = acl_.status();
+    Json acl = {
+        {"path", acl_.path()},
+        {"loaded", a.loaded},
+        {"stanzas", a.stanzas},
+        {"entries", a.entries},
+        {"loadedAt", static_cast<int64_t>(std::chrono::system_clock::to_time_t(a.loadedAt))}};
+    if (!a.lastError.empty()) {
+        acl["lastError"] = a.lastError;
+    }
+    auto up = std::chrono::steady_clock::now() - started_;
+    return Json{
+        {"connections", connectionCount()},
+        {"managers", std::move(managers)},
+        {"acl", std::move(acl)},
+        {"uptimeSeconds", std::chrono::duration_cast<std::chrono::seconds>(up).count()},
+        {"requests",
+         {{"forwarded", forwarded_.load()},
+          {"denied", denied_.load()},
+          {"timedOut", timedOut_.load()},
+          {"notConnected", lost_.load()},
+          {"malformed", malformed_.load()}}},
+        {"notifications", notifications_.load()},
+        {"peerMessages", peerMessages_.load()},
+        {"refusedConnections", refused_.load()},
+    };
+}
+
+}  // namespace znpex::server

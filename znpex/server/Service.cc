@@ -1,0 +1,73 @@
+#include "znpex/server/Service.h"
+
+#include "platform/paths.h"
+#include "znpex/server/ServiceLog.h"
+
+namespace znpex::server {
+namespace {
+
+ServiceOptions withDefaults(ServiceOptions o) {
+    if (o.socketPath.empty()) {
+        o.socketPath = zn::paths::resolve(zn::paths::kPexSocket);
+    }
+    if (o.aclPath.empty()) {
+        o.aclPath = zn::paths::resolve(zn::paths::kAclFile);
+    }
+    if (o.aclDefaultPath.empty()) {
+        o.aclDefaultPath = zn::paths::resolve(zn::paths::kAclDefaultFile);
+    }
+    if (o.threads == 0) {
+        o.threads = 1;
+    }
+    return o;
+}
+
+}  // namespace
+
+Service::Service(ServiceOptions options)
+    : options_(withDefaults(std::move(options))),
+      acl_(options_.aclPath, options_.aclDefaultPath),
+      router_(acl_, registry_, io_.get_executor(), options_.router),
+      listeners_(io_,
+                 [this](Connection::Socket s, Transport t) { router_.accept(std::move(s), t); }) {}
+
+Service::~Service() {
+    stop();
+}
+
+void Service::start() {
+    router_.reloadAcl(nullptr);
+    listeners_.openLocal(options_.socketPath);
+    serviceLog("listening on %s", options_.socketPath.c_str());
+    if (options_.tcp) {
+        listeners_.openTcp(options_.tcpAddress, options_.tcpPort);
+        serviceLog("listening on tcp %s port %u", options_.tcpAddress.c_str(),
+                   static_cast<unsigned>(listeners_.tcpPort()));
+    }
+    running_ = true;
+    for (unsigned i = 0; i < options_.threads; ++i) {
+        threads_.emplace_back([this] { io_.run(); });
+    }
+}
+
+void Service::stop() {
+    if (!running_) {
+        listeners_.close();
+        return;
+    }
+    running_ = false;
+    asio::post(io_, [this] { listeners_.close(); });
+    router_.closeAll();
+    io_.stop();
+    for (auto& t : threads_) {
+        t.join();
+    }
+    threads_.clear();
+    // Run what the closes left queued (aborted reads, closed notices) here,
+    // so every socket is closed and every waiting request ended on return.
+    io_.restart();
+    io_.poll();
+    listeners_.close();
+}
+
+}  // namespace znpex::server

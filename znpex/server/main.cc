@@ -1,0 +1,92 @@
+// znpexd: the monitoring service daemon. Listens on the local socket and on
+// TCP, routes clients' requests to the resource managers registered with it,
+// and enforces the access control list. SIGHUP re-reads the list;
+// SIGTERM/SIGINT stop it.
+#include <sys/resource.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "platform/paths.h"
+#include "znpex/server/Service.h"
+#include "znpex/server/ServiceLog.h"
+
+namespace {
+
+// Idle connections cost one descriptor each: take what the hard limit allows.
+void raiseDescriptorLimit() {
+    struct rlimit rl {};
+    if (getrlimit(RLIMIT_NOFILE, &rl) == 0 && rl.rlim_cur < rl.rlim_max) {
+        rl.rlim_cur = rl.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &rl);
+    }
+    if (getrlimit(RLIMIT_NOFILE, &rl) == 0) {
+        znpex::server::serviceLog("descriptor limit %llu",
+                                  static_cast<unsigned long long>(rl.rlim_cur));
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"znpexd: the monitoring service daemon"};
+    znpex::server::ServiceOptions opts;
+    std::string stateRoot;
+    unsigned timeoutMs = 60000;
+    bool noTcp = false;
+    app.add_option("--port", opts.tcpPort, "TCP port (0: any free port)")->capture_default_str();
+    app.add_option("--address", opts.tcpAddress, "TCP address to listen on")->capture_default_str();
+    app.add_flag("--no-tcp", noTcp, "Listen on the local socket only");
+    app.add_option("--state-root", stateRoot,
+                   "Folder under which every system path lives (default: $ZN_ROOT, or /)");
+    app.add_option("--threads", opts.threads, "I/O threads")->capture_default_str();
+    app.add_option("--request-timeout-ms", timeoutMs,
+                   "How long a resource manager may take to answer")
+        ->capture_default_str();
+    app.add_option("--max-connections", opts.router.maxConnections, "Open connections at most")
+        ->capture_default_str();
+    CLI11_PARSE(app, argc, argv);
+    opts.tcp = !noTcp;
+    opts.router.requestTimeout = std::chrono::milliseconds(timeoutMs);
+    if (!stateRoot.empty()) {
+        setenv(zn::paths::kRootEnv, stateRoot.c_str(), 1);
+    }
+
+    // Block the control signals before any thread starts, so only the
+    // sigwait below sees them.
+    sigset_t control;
+    sigemptyset(&control);
+    sigaddset(&control, SIGTERM);
+    sigaddset(&control, SIGINT);
+    sigaddset(&control, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &control, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+    raiseDescriptorLimit();
+
+    znpex::server::Service service(opts);
+    try {
+        service.start();
+    } catch (const std::exception& e) {
+        znpex::server::serviceLog("cannot start: %s", e.what());
+        return 1;
+    }
+    for (;;) {
+        int sig = 0;
+        if (sigwait(&control, &sig) != 0) {
+            continue;
+        }
+        if (sig == SIGHUP) {
+            service.reloadAcl(nullptr);
+            continue;
+        }
+        znpex::server::serviceLog("stopping on signal %d", sig);
+        break;
+    }
+    service.stop();
+    return 0;
+}
