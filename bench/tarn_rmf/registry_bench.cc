@@ -92,8 +92,7 @@ void writeAndQuery(unsigned rows, Figures& f) {
     }
     f.scanMillis = {t0.wall() * 1e3 / kScans, t0.cpu() * 1e3 / kScans};
 
-    const char* full =
-        "Hostname =~ \"^node[0-9]*[37]\\.rack[0-9]*[13]\\.\" && ConsoleSerialSpeed > 9600";
+    const char* full = "Hostname =~ \"^node[0-9]*[37]\\.rack[0-9]*[13]\\.\"";
     t0 = Timer();
     for (int k = 0; k < kScans; ++k) {
         f.fullRegexMatches = t->select(full).getRowCount();
@@ -185,8 +184,8 @@ int main(int argc, char** argv) {
              "<= 5", f.paramLookupMicros.wall <= 5);
         line("regex + number scan (ms)", f.scanMillis, bare.scanMillis, "<= 20",
              f.scanMillis.wall <= 20);
-        line("  same, matcher run on every row (ms)", f.fullRegexMillis, bare.scanMillis, "<= 20",
-             f.fullRegexMillis.wall <= 20);
+        line("regex alone, matcher run on every row (ms)", f.fullRegexMillis, bare.scanMillis,
+             "<= 20", f.fullRegexMillis.wall <= 20);
         line("open + load at start (ms)", f.loadMillis, bare.loadMillis, "<= 1000",
              f.loadMillis.wall <= 1000);
         std::printf("%-40s %10.0f %43s %s\n", "resident memory per row (bytes)", f.rssPerRow,

@@ -66,6 +66,29 @@ RMSelClass operandClass(const RMSelOperandC& o) {
     return o.src == RMSelOperandC::Src::List ? o.listClass : rmSelClassOf(o.type);
 }
 
+// A rough price of evaluating a node: matching a pattern is dear, walking
+// arrays and lists dearer than a plain comparison.
+unsigned cost(const RMSelection::Node& n) {
+    switch (n.kind) {
+        case RMSelNode::Kind::Or:
+        case RMSelNode::Kind::And:
+        case RMSelNode::Kind::Not: {
+            unsigned sum = 0;
+            for (const RMSelection::Node& k : n.kids) {
+                sum += cost(k);
+            }
+            return sum;
+        }
+        case RMSelNode::Kind::Compare:
+            if (n.regex != nullptr) {
+                return 20;
+            }
+            return isArrayOperand(n.a) || isArrayOperand(n.b) ? 4 : 1;
+        default:
+            return 1;
+    }
+}
+
 class Compiler {
 public:
     Compiler(const RMSelSchema& schema, RMSelection::Storage& storage,
@@ -85,6 +108,13 @@ public:
                 for (size_t i = 0; i < in.kids.size(); ++i) {
                     node(*in.kids[i], out.kids[i]);
                 }
+                // Terms have no side effects and can't fail once compiled, so
+                // the cheap ones go first: "Hostname =~ ... && Speed > 9600"
+                // runs the matcher only where the number already holds.
+                std::stable_sort(out.kids.begin(), out.kids.end(),
+                                 [](const RMSelection::Node& a, const RMSelection::Node& b) {
+                                     return cost(a) < cost(b);
+                                 });
                 return;
             case RMSelNode::Kind::Truth:
                 out.a = operand(in.a);
