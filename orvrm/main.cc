@@ -6,6 +6,7 @@
 #include <exception>
 #include <string>
 
+#include "common/WexTrace.h"
 #include "orvrm/ORVRMDaemon.h"
 #include "orvrm/ORVRMLog.h"
 #include "orvrm/ORVRMMessages.h"
@@ -89,6 +90,9 @@ int main() {
         if (orvrm::traceComponent() == nullptr) {
             throw tarn_rmf::RMNoTrace();
         }
+        // The shared helpers write into the daemon's own trace.
+        WEX_COMMON::TRACE_COMP_ID = orvrm::traceComponent();
+        WEX_COMMON::TRACE_ENABLED = true;
         // 2. Daemon object (sets the default trace specification).
         daemon = new ORVRMDaemon(kRmName, 262144, 5242880, kDefaultTraceSpec, kFullTraceSpec);
         if (daemon == nullptr) {
