@@ -169,6 +169,20 @@ TEST_F(ClientTest, ARefusedSessionStartFailsTheStart) {
     EXPECT_EQ(threadErrorText(), "2660-001 someone may not");
 }
 
+TEST_F(ClientTest, ASilentServiceFailsTheStartWithinTheConnectTime) {
+    service->on("session.start", [](const znpex::proto::RpcMessage&) {
+        return FakeService::Answer{};  // never answers
+    });
+    px_set_default_timeouts(200, 0);
+    px_session_t s = nullptr;
+    auto t0 = std::chrono::steady_clock::now();
+    EXPECT_EQ(px_start_session(nullptr, 0, 1, &s), PX_ETIMEDOUT);
+    px_set_default_timeouts(5000, 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(2));
+    EXPECT_EQ(s, nullptr);
+    EXPECT_EQ(threadError()->cu_error_id, client::PXC_ETIMEDOUT);
+}
+
 size_t openDescriptors() {
     size_t n = 0;
     DIR* d = ::opendir("/proc/self/fd");

@@ -73,14 +73,17 @@ int px_start_session(const px_contact_t* contacts, uint32_t contact_count,
         int rc = PX_ECONNECT;
         for (const Contact& c : targets) {
             auto s = std::make_unique<px_session>();
-            s->requestTimeoutMs = defaultRequestTimeoutMs();
             std::string why;
             s->conn = Connection::open(c, defaultConnectTimeoutMs(), &why);
             if (!s->conn) {
                 rc = failConnect(c.text(), why);
                 continue;
             }
+            // Until the session is up, a silent service counts against the
+            // connect time, so the next contact gets its turn soon.
+            s->requestTimeoutMs = defaultConnectTimeoutMs();
             rc = handshake(*s, options);
+            s->requestTimeoutMs = defaultRequestTimeoutMs();
             if (rc == PX_OK) {
                 *session = s.release();
                 return PX_OK;
