@@ -82,6 +82,22 @@ int runCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
 
     auto* status = app.add_subcommand("status", "Show the service's status");
 
+    WatchArgs watch;
+    auto* watchCmd = app.add_subcommand(
+        "watch", "Print events of a class until interrupted, --count events or --timeout");
+    watchCmd->add_option("class", watch.className, "Resource class")->required();
+    watchCmd->add_option("-e,--expression", watch.expression, "Event expression")->required();
+    watchCmd->add_option("-r,--rearm", watch.rearm, "Re-arm expression");
+    watchCmd->add_option("-s,--selection", watch.selection, "Selection string");
+    watchCmd->add_option("-a,--attributes", watch.attrs, "Attributes to send, comma-separated")
+        ->delimiter(',')
+        ->allow_extra_args(false)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    watchCmd->add_option("--count", watch.count, "Stop after this many events")
+        ->check(CLI::PositiveNumber);
+    watchCmd->add_option("--timeout", watch.timeoutS, "Stop after this many seconds")
+        ->check(CLI::PositiveNumber);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -109,6 +125,9 @@ int runCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
     }
     if (status->parsed()) {
         return cmdStatus(cli);
+    }
+    if (watchCmd->parsed()) {
+        return cmdWatch(cli, watch);
     }
     return kExitUsage;
 }

@@ -4,6 +4,7 @@
 // tests run the command line in-process.
 #pragma once
 
+#include <cstdint>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -41,6 +42,16 @@ struct ActionArgs {
     std::vector<std::string> args;  // TYPE:VALUE, or by the action's input types
 };
 
+struct WatchArgs {
+    std::string className;
+    std::string expression;
+    std::string rearm;               // "": none
+    std::string selection;           // "": all resources
+    std::vector<std::string> attrs;  // empty: every attribute of the class
+    uint64_t count = 0;              // stop after this many events (0: never)
+    int timeoutS = 0;                // stop after this many seconds (0: never)
+};
+
 int cmdClasses(CliSession& cli);
 int cmdList(CliSession& cli, const ListArgs& args);
 int cmdStatus(CliSession& cli);
@@ -48,6 +59,7 @@ int cmdDefine(CliSession& cli, const ChangeArgs& args);
 int cmdSet(CliSession& cli, const ChangeArgs& args);
 int cmdUndefine(CliSession& cli, const ChangeArgs& args);
 int cmdAction(CliSession& cli, const ActionArgs& args);
+int cmdWatch(CliSession& cli, const WatchArgs& args);
 
 int runCli(int argc, const char* const* argv, std::ostream& out, std::ostream& err);
 

@@ -163,7 +163,10 @@ Connection::Status Connection::call(const std::string& method, proto::Json param
         bool isReply = reply.kind == proto::RpcMessage::Kind::Result ||
                        reply.kind == proto::RpcMessage::Kind::Error;
         if (!isReply) {
-            continue;  // a notification: this client does not watch anything
+            if (sink_) {
+                sink_(std::move(reply));
+            }
+            continue;
         }
         if (reply.id.is_number_unsigned() && reply.id.get<uint64_t>() == id) {
             return Status::Ok;
@@ -175,6 +178,38 @@ Connection::Status Connection::call(const std::string& method, proto::Json param
             return Status::Failed;
         }
         // Anything else answers an earlier call that timed out.
+    }
+}
+
+Connection::Status Connection::pump(int timeoutMs, std::string* why) {
+    if (broken_) {
+        *why = "the connection was lost earlier";
+        return Status::Failed;
+    }
+    int wait = timeoutMs;
+    for (;;) {
+        std::string frame;
+        proto::IoStatus rs = reader_.next(frame, wait);
+        if (rs == proto::IoStatus::Timeout) {
+            return wait == 0 ? Status::Ok : Status::Timeout;
+        }
+        if (rs != proto::IoStatus::Ok) {
+            broken_ = true;
+            *why = rs == proto::IoStatus::Failed ? std::strerror(errno) : proto::ioStatusText(rs);
+            return Status::Failed;
+        }
+        proto::RpcMessage m;
+        try {
+            m = proto::parseMessage(frame);
+        } catch (const proto::ProtocolError& e) {
+            broken_ = true;
+            *why = e.what();
+            return Status::Failed;
+        }
+        if (m.kind == proto::RpcMessage::Kind::Notification && sink_) {
+            sink_(std::move(m));
+        }
+        wait = 0;  // then only what is already there
     }
 }
 

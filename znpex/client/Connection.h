@@ -1,10 +1,11 @@
 // One connection of a client to the service: opened with a bounded connect,
 // then request/reply calls matched by id (notifications and stale replies of
-// earlier timed-out calls are skipped). Owns its socket. Not thread-safe: the
+// earlier timed-out calls are skipped; notifications go to a sink when one is set). Owns its socket. Not thread-safe: the
 // session serialises its calls.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -29,6 +30,12 @@ public:
     // be half written or the stream is unusable.
     Status call(const std::string& method, proto::Json params, int timeoutMs,
                 proto::RpcMessage& reply, std::string* why);
+    // Notifications read by call() or pump() go to the sink (none: skipped).
+    using NotificationSink = std::function<void(proto::RpcMessage&&)>;
+    void setNotificationSink(NotificationSink sink) { sink_ = std::move(sink); }
+    // Waits up to timeoutMs for a frame, then takes whatever else is already
+    // there; notifications go to the sink, stale replies are skipped.
+    Status pump(int timeoutMs, std::string* why);
     bool broken() const { return broken_; }
     const Contact& contact() const { return contact_; }
 
@@ -39,6 +46,7 @@ private:
     proto::FdFrameReader reader_;
     uint64_t nextId_ = 1;
     bool broken_ = false;
+    NotificationSink sink_;
 };
 
 }  // namespace znpex::client

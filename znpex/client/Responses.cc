@@ -4,6 +4,8 @@
 #include <cstring>
 #include <new>
 
+#include "znpex/client/px_event.h"
+
 namespace znpex::client {
 namespace {
 
@@ -218,6 +220,9 @@ void px_free_response(void* rsp) {
             std::free(r->classes);
             break;
         }
+        default:
+            znpex::client::freeEventParts(hdr);
+            break;
     }
     std::free(rsp);
 }

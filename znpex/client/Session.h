@@ -14,6 +14,7 @@
 #include "tarn_rmf2v/RMReply.h"
 #include "tarn_rmf2v/RMRequest.h"
 #include "znpex/client/Connection.h"
+#include "znpex/client/px_event_state.h"
 #include "znpex/proto/ClassDefCodec.h"
 
 struct px_session {
@@ -26,6 +27,8 @@ struct px_session {
     std::mutex cacheMu;  // guards classes, classesLoaded
     std::map<std::string, znpex::proto::ClassInfo> classes;
     bool classesLoaded = false;
+
+    znpex::client::EventState events;  // event watches and their queue
 };
 
 namespace znpex::client {

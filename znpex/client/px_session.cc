@@ -97,6 +97,8 @@ int px_end_session(px_session_t session) {
     if (session == nullptr) {
         return failInvalid("px_end_session", "no session");
     }
+    // A px_dispatch on another thread returns first: nothing may use the session after this.
+    endDispatch(session->events);
     std::unique_ptr<px_session> s(session);
     if (s->conn && !s->conn->broken()) {
         // Best effort: the connection closes whatever the answer.

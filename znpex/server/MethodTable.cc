@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "znpex/proto/ServiceMessages.h"
+#include "znpex/server/EventService.h"
 
 namespace znpex::server {
 namespace {
@@ -78,6 +79,8 @@ struct Table {
         refresh.localOnly = refresh.rootOnly = true;
         service(proto::kServiceStatus, MethodKind::Status).localOnly = true;
         service(proto::kAuthHello, MethodKind::AuthHello);
+        service(kEventRegister, MethodKind::EventRegister);
+        service(kEventUnregister, MethodKind::EventUnregister);
         MethodInfo& reg = service(proto::kRmRegister, MethodKind::Register);
         reg.localOnly = reg.privileged = true;
         for (auto [name, kind] :

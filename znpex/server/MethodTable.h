@@ -25,6 +25,8 @@ enum class MethodKind {
     NotifyResourcesUndefined,
     NotifyAttributesModified,
     PeerSend,
+    EventRegister,    // a client sets up an event watch
+    EventUnregister,  // and ends it
 };
 
 struct MethodInfo {

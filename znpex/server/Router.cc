@@ -23,7 +23,10 @@ Router::Router(AclStore& acl, RmRegistry& registry, asio::any_io_executor execut
       registry_(registry),
       executor_(std::move(executor)),
       options_(options),
-      started_(std::chrono::steady_clock::now()) {}
+      started_(std::chrono::steady_clock::now()),
+      events_(std::make_unique<EventService>(
+          registry_, std::min<std::chrono::milliseconds>(options.requestTimeout,
+                                                         std::chrono::seconds(10)))) {}
 
 Router::~Router() = default;
 
@@ -77,6 +80,10 @@ void Router::closeAll() {
     for (auto& c : all) {
         c->close();
     }
+}
+
+void Router::stopEvents() {
+    events_->stopping();
 }
 
 void Router::onMessage(const std::shared_ptr<Connection>& c, std::string payload) {
@@ -142,8 +149,16 @@ void Router::onClosed(const std::shared_ptr<Connection>& c) {
             }
         }
     }
+    events_->connectionClosed(c->id());
     if (manager != nullptr) {
+        std::vector<std::string> classes;
+        for (const ClassEntry& e : registry_.classes()) {
+            if (e.endpoint.lock() == manager) {
+                classes.push_back(e.def.name);
+            }
+        }
         registry_.detach(manager.get());
+        events_->managerGone(classes);
         manager->failAll();
         serviceLog("resource manager %s disconnected", manager->rmName().c_str());
     }
@@ -202,6 +217,12 @@ void Router::handleRequest(const std::shared_ptr<Connection>& c, RpcMessage& m) 
             break;
         case MethodKind::ManagerOp:
             forward(c, m, *info);
+            break;
+        case MethodKind::EventRegister:
+            eventRegister(c, m);
+            break;
+        case MethodKind::EventUnregister:
+            eventUnregister(c, m);
             break;
         case MethodKind::NotifyResourcesUndefined:
         case MethodKind::NotifyAttributesModified:

@@ -21,6 +21,7 @@
 #include "znpex/proto/JsonRpc.h"
 #include "znpex/server/AclStore.h"
 #include "znpex/server/Connection.h"
+#include "znpex/server/EventService.h"
 #include "znpex/server/ManagerSession.h"
 #include "znpex/server/MethodTable.h"
 #include "znpex/server/RmRegistry.h"
@@ -56,6 +57,8 @@ public:
     size_t connectionCount() const;
     // Closes every connection (at shutdown).
     void closeAll();
+    // Ends every event watch with its error event (at shutdown, before closeAll).
+    void stopEvents();
 
 private:
     void handleRequest(const std::shared_ptr<Connection>& c, proto::RpcMessage& m);
@@ -70,6 +73,10 @@ private:
     void classList(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
     void refreshAcl(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
     void authHello(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
+
+    // Event watches (EventMethods.cc).
+    void eventRegister(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
+    void eventUnregister(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
 
     // Resource managers (RouterForward.cc).
     void registerManager(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
@@ -109,6 +116,8 @@ private:
 
     std::mutex watchMu_;  // guards watchers_
     std::map<std::string, std::map<uint64_t, std::weak_ptr<Connection>>> watchers_;
+
+    std::unique_ptr<EventService> events_;
 
     std::atomic<uint64_t> nextSession_{1};
     // Counters for "service.status".

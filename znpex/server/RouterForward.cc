@@ -1,5 +1,6 @@
 // The resource-manager half of the router: registration, forwarding of
 // "rm.*" requests with their answers, and the managers' notifications.
+#include <optional>
 #include <vector>
 
 #include "znpex/proto/NotifyMessages.h"
@@ -30,6 +31,10 @@ void Router::registerManager(const std::shared_ptr<Connection>& c, const RpcMess
         session = std::make_shared<ManagerSession>(c, p.rm, executor_);
     }
     size_t count = p.classes.size();
+    std::vector<std::string> names;
+    for (const auto& d : p.classes) {
+        names.push_back(d.name);
+    }
     std::string why;
     if (!registry_.registerManager(p.rm, std::move(p.classes), session, &why)) {
         serviceLog("resource manager %s refused: %s", p.rm.c_str(), why.c_str());
@@ -45,6 +50,7 @@ void Router::registerManager(const std::shared_ptr<Connection>& c, const RpcMess
     replyResult(c, m.id, Json{{"ok", true}});
     c->send(proto::dumpJson(proto::makeNotification(proto::kRmConnectionChanged,
                                                     proto::encodeConnectionChanged(true))));
+    events_->managerBack(names);
 }
 
 void Router::forward(const std::shared_ptr<Connection>& c, const RpcMessage& m,
@@ -161,15 +167,18 @@ void Router::managerNotification(const std::shared_ptr<Connection>& c, const Rpc
     }
     std::string cls;
     OpTarget target = OpTarget::Class;
+    std::optional<proto::ResourcesUndefined> undefined;
+    std::optional<proto::AttributesModified> modified;
     switch (info.kind) {
         case MethodKind::NotifyResourcesUndefined:
-            cls = proto::decodeResourcesUndefined(m.params).className;
+            undefined = proto::decodeResourcesUndefined(m.params);
+            cls = undefined->className;
             target = OpTarget::Resource;
             break;
         case MethodKind::NotifyAttributesModified: {
-            proto::AttributesModified n = proto::decodeAttributesModified(m.params);
-            cls = n.className;
-            target = n.hasHandle ? OpTarget::Resource : OpTarget::Class;
+            modified = proto::decodeAttributesModified(m.params);
+            cls = modified->className;
+            target = modified->hasHandle ? OpTarget::Resource : OpTarget::Class;
             break;
         }
         case MethodKind::PeerSend:
@@ -185,6 +194,11 @@ void Router::managerNotification(const std::shared_ptr<Connection>& c, const Rpc
         return;  // a manager speaks only for its own classes
     }
     notifications_.fetch_add(1);
+    if (modified) {
+        events_->attributesModified(*modified);
+    } else if (undefined) {
+        events_->resourcesUndefined(*undefined);
+    }
     notifyWatchers(cls, target, proto::dumpJson(proto::makeNotification(m.method, m.params)));
 }
 

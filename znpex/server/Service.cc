@@ -57,6 +57,7 @@ void Service::stop() {
     }
     running_ = false;
     asio::post(io_, [this] { listeners_.close(); });
+    router_.stopEvents();
     router_.closeAll();
     io_.stop();
     for (auto& t : threads_) {

@@ -1,0 +1,58 @@
+// A small resource manager for event tests, running in the test process and
+// connected to a real service: class "Test.Power" with two resources, a
+// persistent "Hostname" (id 0) and a dynamic "PowerStatus" (id 0). Tests set a
+// resource's power, which reports it as the manager would; the manager
+// records which resources had monitoring started and stopped.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "tarn_rmf2v/RMRccp.h"
+#include "tarn_rmf2v/RMRcp.h"
+#include "tarn_rmf2v/RMRmcp.h"
+#include "tarn_rmf2v/RMServiceConnection.h"
+
+namespace watchtest {
+
+inline constexpr char kClass[] = "Test.Power";
+
+class PowerRcp;
+
+class PowerManager {
+public:
+    PowerManager();
+    ~PowerManager();
+
+    // Connects to the service (again, after disconnect()).
+    void connect();
+    void disconnect();
+    bool connected() const;
+
+    // Sets and reports resource i's PowerStatus (0 or 1).
+    void setPower(int i, uint32_t value);
+    const std::string& hostname(int i) const;
+
+    // "start:<host>" / "stop:<host>" in the order the manager was asked.
+    std::vector<std::string> monitoringCalls() const;
+    // Resources whose PowerStatus is being monitored now.
+    int monitored() const;
+    // How often the current values were asked for.
+    int dynamicQueries() const { return queries_.load(); }
+
+    // Called by the resources.
+    void record(const std::string& what);
+    std::atomic<int> queries_{0};
+
+private:
+    std::unique_ptr<tarn_rmf2v::RMRmcp> rmcp_;
+    std::unique_ptr<tarn_rmf2v::RMServiceConnection> conn_;
+    std::vector<PowerRcp*> rcps_;  // owned by the class
+    mutable std::mutex mu_;        // guards calls_
+    std::vector<std::string> calls_;
+};
+
+}  // namespace watchtest

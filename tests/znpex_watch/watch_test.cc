@@ -1,0 +1,330 @@
+// Event watches end to end: the real service (znpexd) under a temporary state
+// root, the test's own resource manager connected to it, and the client
+// library's px_reg_event_select / px_dispatch. Covers expressions with
+// previous values, re-arm, monitoring that follows the watches, the error
+// event when the manager goes and the resumption when it is back, and how
+// px_dispatch ends.
+#include <fcntl.h>
+
+#include <filesystem>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "platform/paths.h"
+#include "tests/support/Subprocess.h"
+#include "tests/support/TempDir.h"
+#include "tests/znpex_watch/PowerManager.h"
+#include "znpex/client/px_event.h"
+
+namespace {
+
+using testsupport::binPath;
+using testsupport::readFile;
+using testsupport::Subprocess;
+using testsupport::TempDir;
+using watchtest::kClass;
+using watchtest::PowerManager;
+
+struct Got {
+    uint64_t registration = 0;
+    uint32_t flags = 0;
+    int32_t errnum = 0;
+    std::string host;
+    int64_t power = -1;  // -1: not sent
+};
+
+// Keeps every event its callback receives.
+class Collector {
+public:
+    static void callback(void*, px_event_2_t* e, void* arg) {
+        auto* self = static_cast<Collector*>(arg);
+        Got g;
+        g.registration = e->pe_registration;
+        g.flags = e->pe_flags;
+        g.errnum = e->pe_errnum;
+        for (uint32_t i = 0; i < e->pe_attr_count; ++i) {
+            std::string name = e->pe_attrs[i].pe_name;
+            if (name == "Hostname" && e->pe_attrs[i].pe_type == ZN_CHAR_PTR) {
+                g.host = e->pe_attrs[i].pe_value.ptr_char;
+            } else if (name == "PowerStatus" && e->pe_attrs[i].pe_type == ZN_UINT32) {
+                g.power = e->pe_attrs[i].pe_value.val_uint32;
+            }
+        }
+        px_free_response(e);
+        std::lock_guard<std::mutex> lk(self->mu_);
+        self->got_.push_back(g);
+        self->cv_.notify_all();
+    }
+    // Waits until at least n events arrived.
+    bool waitCount(size_t n, int ms = 10000) {
+        std::unique_lock<std::mutex> lk(mu_);
+        return cv_.wait_for(lk, std::chrono::milliseconds(ms), [&] { return got_.size() >= n; });
+    }
+    std::vector<Got> all() {
+        std::lock_guard<std::mutex> lk(mu_);
+        return got_;
+    }
+    size_t size() {
+        std::lock_guard<std::mutex> lk(mu_);
+        return got_.size();
+    }
+
+private:
+    std::mutex mu_;
+    std::condition_variable cv_;
+    std::vector<Got> got_;
+};
+
+// px_dispatch(session, 1) on a thread of its own, keeping what it returned.
+// The session must end (or fail) before it is destroyed.
+class Dispatcher {
+public:
+    explicit Dispatcher(px_session_t s) : thread_([this, s] { rc_ = px_dispatch(s, 1); }) {}
+    ~Dispatcher() { join(); }
+    int join() {
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+        return rc_.load();
+    }
+    bool done() const { return rc_.load() != -1; }
+
+private:
+    std::atomic<int> rc_{-1};
+    std::thread thread_;
+};
+
+class Watch : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string dst = zn::paths::resolve(zn::paths::kAclDefaultFile);
+        std::filesystem::create_directories(std::filesystem::path(dst).parent_path());
+        std::filesystem::copy_file(std::string(ORVRM_SOURCE_DIR) + "/etc/znpex.acls", dst);
+        service_ = std::make_unique<Subprocess>(binPath("znpex/server/znpexd"),
+                                                std::vector<std::string>{"--no-tcp"},
+                                                std::vector<std::string>{}, root_ / "znpexd.err");
+        manager_.connect();
+        ASSERT_TRUE(
+            testsupport::waitFor([this] { return classConnected(); }, std::chrono::seconds(20)))
+            << readFile(root_ / "znpexd.err");
+        ASSERT_EQ(px_start_session(nullptr, 0, 0x401, &session_), PX_OK);
+    }
+    void TearDown() override {
+        if (session_ != nullptr) {
+            px_end_session(session_);
+        }
+        dispatcher_.reset();
+    }
+    Dispatcher& dispatch() {
+        dispatcher_ = std::make_unique<Dispatcher>(session_);
+        return *dispatcher_;
+    }
+    bool classConnected() {
+        px_session_t s = nullptr;
+        if (px_start_session(nullptr, 0, 0x401, &s) != PX_OK) {
+            return false;
+        }
+        px_class_list_t* list = nullptr;
+        bool ok = false;
+        if (px_list_classes(s, &list) == PX_OK) {
+            for (uint32_t i = 0; i < list->class_count; ++i) {
+                ok = ok || (std::string(list->classes[i].name) == kClass &&
+                            list->classes[i].connected != 0);
+            }
+        }
+        px_free_response(list);
+        px_end_session(s);
+        return ok;
+    }
+    // Registers a watch sending Hostname and PowerStatus; 0 on failure.
+    uint64_t watch(px_session_t s, const char* expr, const char* rearm, Collector& c,
+                   const char* selection = nullptr) {
+        const char* names[] = {"Hostname", "PowerStatus"};
+        px_reg_event_rsp_t* rsp = nullptr;
+        int rc = px_reg_event_select(s, 2, kClass, selection, names, 2, expr, rearm,
+                                     &Collector::callback, &c, &rsp);
+        EXPECT_EQ(rc, PX_OK);
+        uint64_t id = rc == PX_OK ? rsp->registration : 0;
+        px_free_response(rsp);
+        return id;
+    }
+    bool waitMonitored(int n) {
+        return testsupport::waitFor([&] { return manager_.monitored() == n; },
+                                    std::chrono::seconds(10));
+    }
+    // No further event arrives in a short while.
+    static bool quiet(Collector& c, size_t have) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        return c.size() == have;
+    }
+
+    TempDir root_{true};
+    std::unique_ptr<Subprocess> service_;
+    PowerManager manager_;
+    px_session_t session_ = nullptr;
+    std::unique_ptr<Dispatcher> dispatcher_;
+};
+
+TEST_F(Watch, PreviousValueFiresOnChangeOnly) {
+    Collector c;
+    uint64_t id = watch(session_, "PowerStatus!=PowerStatus@P", nullptr, c);
+    ASSERT_NE(id, 0u);
+    Dispatcher& d = dispatch();
+    ASSERT_TRUE(waitMonitored(2));
+    manager_.setPower(0, 1);
+    ASSERT_TRUE(c.waitCount(1));
+    manager_.setPower(0, 1);  // same value: no change
+    manager_.setPower(1, 0);  // same as its seeded value
+    EXPECT_TRUE(quiet(c, 1));
+    manager_.setPower(0, 0);
+    ASSERT_TRUE(c.waitCount(2));
+    auto got = c.all();
+    EXPECT_EQ(got[0].registration, id);
+    EXPECT_EQ(got[0].flags, 0u);
+    EXPECT_EQ(got[0].host, manager_.hostname(0));
+    EXPECT_EQ(got[0].power, 1);
+    EXPECT_EQ(got[1].host, manager_.hostname(0));
+    EXPECT_EQ(got[1].power, 0);
+    EXPECT_EQ(px_end_session(session_), PX_OK);
+    session_ = nullptr;
+    EXPECT_EQ(d.join(), PX_DISPATCH_ENDED);
+}
+
+TEST_F(Watch, RearmLetsItFireAgain) {
+    Collector c;
+    ASSERT_NE(watch(session_, "PowerStatus==1", "PowerStatus==0", c, "Hostname==\"node2\""), 0u);
+    dispatch();
+    ASSERT_TRUE(
+        testsupport::waitFor([&] { return manager_.monitored() >= 1; }, std::chrono::seconds(10)));
+    manager_.setPower(1, 1);
+    ASSERT_TRUE(c.waitCount(1));
+    manager_.setPower(1, 1);  // still 1, not re-armed
+    manager_.setPower(0, 1);  // not selected
+    EXPECT_TRUE(quiet(c, 1));
+    manager_.setPower(1, 0);  // re-arms, fires nothing
+    EXPECT_TRUE(quiet(c, 1));
+    manager_.setPower(1, 1);
+    ASSERT_TRUE(c.waitCount(2));
+    for (const Got& g : c.all()) {
+        EXPECT_EQ(g.host, manager_.hostname(1));
+        EXPECT_EQ(g.power, 1);
+    }
+}
+
+TEST_F(Watch, EventsWaitForDispatch) {
+    Collector c;
+    ASSERT_NE(watch(session_, "PowerStatus!=PowerStatus@P", nullptr, c), 0u);
+    ASSERT_TRUE(waitMonitored(2));
+    manager_.setPower(0, 1);
+    manager_.setPower(1, 1);
+    // Another call on the session reads the events off the connection first.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    px_enumerate_rsp_t* rsp = nullptr;
+    ASSERT_EQ(px_enumerate_select(session_, kClass, nullptr, &rsp), PX_OK);
+    EXPECT_EQ(rsp->handle_count, 2u);
+    px_free_response(rsp);
+    EXPECT_EQ(c.size(), 0u);
+    EXPECT_EQ(px_dispatch(session_, 0), PX_OK);
+    ASSERT_EQ(c.size(), 2u);
+    EXPECT_EQ(px_events_dropped(session_), 0u);
+}
+
+TEST_F(Watch, MonitoringFollowsTheWatches) {
+    Collector c1, c2;
+    uint64_t a = watch(session_, "PowerStatus==1", nullptr, c1);
+    ASSERT_TRUE(waitMonitored(2));
+    uint64_t b = watch(session_, "PowerStatus!=PowerStatus@P", nullptr, c2);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(manager_.monitoringCalls().size(), 2u);  // started once per resource
+    ASSERT_EQ(px_unreg_event(session_, a), PX_OK);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(manager_.monitored(), 2);             // the other watch still needs it
+    EXPECT_NE(px_unreg_event(session_, a), PX_OK);  // already gone
+    ASSERT_EQ(px_unreg_event(session_, b), PX_OK);
+    ASSERT_TRUE(waitMonitored(0));
+    auto calls = manager_.monitoringCalls();
+    ASSERT_EQ(calls.size(), 4u);
+    EXPECT_EQ(calls[2].substr(0, 5), "stop:");
+    EXPECT_EQ(calls[3].substr(0, 5), "stop:");
+
+    // A session that ends takes its watches' monitoring with it.
+    px_session_t other = nullptr;
+    ASSERT_EQ(px_start_session(nullptr, 0, 0x401, &other), PX_OK);
+    ASSERT_NE(watch(other, "PowerStatus==1", nullptr, c1), 0u);
+    ASSERT_TRUE(waitMonitored(2));
+    EXPECT_EQ(px_end_session(other), PX_OK);
+    ASSERT_TRUE(waitMonitored(0));
+    EXPECT_EQ(manager_.monitoringCalls().size(), 8u);
+}
+
+TEST_F(Watch, ManagerGoneGivesErrorEventsAndWatchesResume) {
+    Collector c;
+    uint64_t id = watch(session_, "PowerStatus!=PowerStatus@P", nullptr, c);
+    dispatch();
+    ASSERT_TRUE(waitMonitored(2));
+    int queried = manager_.dynamicQueries();
+    manager_.disconnect();
+    ASSERT_TRUE(c.waitCount(1));
+    Got gone = c.all()[0];
+    EXPECT_EQ(gone.registration, id);
+    EXPECT_EQ(gone.flags & PX_EVENT_ERROR, PX_EVENT_ERROR);
+    EXPECT_EQ(gone.errnum, 0x4000a);
+
+    manager_.connect();
+    // Back: current values read again and monitoring started again.
+    ASSERT_TRUE(testsupport::waitFor([&] { return manager_.monitoringCalls().size() == 4u; },
+                                     std::chrono::seconds(10)));
+    EXPECT_GT(manager_.dynamicQueries(), queried);
+    manager_.setPower(1, 1);
+    ASSERT_TRUE(c.waitCount(2));
+    Got back = c.all()[1];
+    EXPECT_EQ(back.flags, 0u);
+    EXPECT_EQ(back.host, manager_.hostname(1));
+    EXPECT_EQ(back.power, 1);
+}
+
+TEST_F(Watch, DispatchEndsWhenTheSessionEndsOrTheServiceGoes) {
+    {
+        Dispatcher& d = dispatch();
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        EXPECT_FALSE(d.done());
+        EXPECT_EQ(px_end_session(session_), PX_OK);
+        session_ = nullptr;
+        EXPECT_EQ(d.join(), PX_DISPATCH_ENDED);
+    }
+    ASSERT_EQ(px_start_session(nullptr, 0, 0x401, &session_), PX_OK);
+    Collector c;
+    ASSERT_NE(watch(session_, "PowerStatus==1", nullptr, c), 0u);
+    Dispatcher& d = dispatch();
+    service_->signal(SIGTERM);
+    EXPECT_NE(service_->wait(), -1);
+    int rc = d.join();
+    EXPECT_NE(rc, PX_DISPATCH_ENDED);
+    EXPECT_NE(rc, PX_OK);
+}
+
+TEST_F(Watch, BadRegistrationsAreRefused) {
+    Collector c;
+    const char* names[] = {"Hostname"};
+    px_reg_event_rsp_t* rsp = nullptr;
+    EXPECT_EQ(px_reg_event_select(session_, 1, kClass, nullptr, names, 1, "PowerStatus==1", nullptr,
+                                  &Collector::callback, &c, &rsp),
+              PX_ENOTSUPPORTED);
+    EXPECT_EQ(px_reg_event_select(session_, 2, kClass, nullptr, names, 1, "PowerStatus >", nullptr,
+                                  &Collector::callback, &c, &rsp),
+              PX_EINVAL);
+    EXPECT_EQ(rsp, nullptr);
+    const char* unknown[] = {"NoSuch"};
+    EXPECT_EQ(px_reg_event_select(session_, 2, kClass, nullptr, unknown, 1, "PowerStatus==1",
+                                  nullptr, &Collector::callback, &c, &rsp),
+              PX_EINVAL);
+    EXPECT_NE(px_reg_event_select(session_, 2, "No.Class", nullptr, names, 1, "PowerStatus==1",
+                                  nullptr, &Collector::callback, &c, &rsp),
+              PX_OK);
+    EXPECT_EQ(px_dispatch(session_, 7), PX_EINVAL);
+    // The session still works.
+    EXPECT_NE(watch(session_, "PowerStatus==1", nullptr, c), 0u);
+}
+
+}  // namespace

@@ -1,0 +1,435 @@
+#include "znpex/server/EventService.h"
+
+#include <future>
+
+#include "znpex/events/EventErrors.h"
+#include "znpex/proto/JsonRpc.h"
+#include "znpex/proto/RequestCodec.h"
+#include "znpex/proto/ValueCodec.h"
+#include "znpex/server/Connection.h"
+#include "znpex/server/ManagerSession.h"
+#include "znpex/server/ServiceLog.h"
+
+namespace znpex::server {
+namespace {
+
+using proto::Json;
+using tarn_rmf2v::RMReply;
+using tarn_rmf2v::RMReplyAttr;
+using tarn_rmf2v::RMRequest;
+using tarn_rmf2v::RMRequestOp;
+
+std::vector<rm_attribute_value> viewOf(const std::vector<RMReplyAttr>& values) {
+    std::vector<rm_attribute_value> out;
+    out.reserve(values.size());
+    for (const RMReplyAttr& a : values) {
+        out.push_back(rm_attribute_value{a.id, a.value.type(), a.value.value()});
+    }
+    return out;
+}
+
+events::Event errorEvent(uint64_t watch, const std::string& cls, int error) {
+    events::Event e;
+    e.watch = watch;
+    e.className = cls;
+    e.flags = events::kEventFlagError;
+    e.error = error;
+    return e;
+}
+
+}  // namespace
+
+Json encodeEvent(const events::Event& e) {
+    Json attrs = Json::array();
+    for (const events::EventAttr& a : e.attrs) {
+        Json v = proto::encodeValue(a.value.type(), a.value.value());
+        v["name"] = a.name;
+        v["id"] = a.id;
+        v["persistent"] = a.persistent;
+        attrs.push_back(std::move(v));
+    }
+    Json out = {{"registration", e.watch},
+                {"class", e.className},
+                {"flags", e.flags},
+                {"attributes", std::move(attrs)}};
+    if (e.hasHandle) {
+        out["handle"] = proto::handleToHex(e.handle);
+    }
+    if (e.error != 0) {
+        out["error"] = e.error;
+    }
+    return out;
+}
+
+EventService::EventService(RmRegistry& registry, std::chrono::milliseconds requestTimeout)
+    : registry_(registry),
+      timeout_(requestTimeout),
+      engine_([this](events::Event&& e) { deliver(std::move(e)); }),
+      worker_([this] { run(); }) {}
+
+EventService::~EventService() {
+    {
+        std::lock_guard<std::mutex> g(taskMu_);
+        stop_ = true;
+    }
+    taskCv_.notify_all();
+    worker_.join();
+}
+
+uint64_t EventService::add(const std::shared_ptr<Connection>& owner, const std::string& identity,
+                           const events::WatchSpec& spec, const tarn_rmf2v::RMClassDef& def) {
+    uint64_t id = engine_.addWatch(spec, def);
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        watches_[id] = Owned{owner->id(), owner, identity, spec};
+    }
+    post([this, id] { seed(id); });
+    return id;
+}
+
+bool EventService::remove(uint64_t ownerId, uint64_t watch) {
+    std::string cls;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        auto it = watches_.find(watch);
+        if (it == watches_.end() || it->second.ownerId != ownerId) {
+            return false;
+        }
+        cls = it->second.spec.className;
+        watches_.erase(it);
+    }
+    engine_.removeWatch(watch);
+    post([this, cls] { reconcile(cls); });
+    return true;
+}
+
+void EventService::connectionClosed(uint64_t ownerId) {
+    std::vector<uint64_t> gone;
+    std::set<std::string> classes;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        for (auto it = watches_.begin(); it != watches_.end();) {
+            if (it->second.ownerId == ownerId) {
+                gone.push_back(it->first);
+                classes.insert(it->second.spec.className);
+                it = watches_.erase(it);
+            } else {
+                ++it;
+            }
+        }
+    }
+    for (uint64_t id : gone) {
+        engine_.removeWatch(id);
+    }
+    for (const std::string& cls : classes) {
+        post([this, cls] { reconcile(cls); });
+    }
+}
+
+void EventService::attributesModified(const proto::AttributesModified& n) {
+    std::vector<rm_attribute_value> values = viewOf(n.values);
+    const zn_resource_handle* h = n.hasHandle ? &n.handle : nullptr;
+    engine_.report(n.className, h, n.persistent, values.data(),
+                   static_cast<unsigned int>(values.size()));
+    if (h == nullptr) {
+        return;
+    }
+    // A resource no watch has seen yet (defined later) gets its monitoring too.
+    bool fresh = false;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        auto it = classes_.find(n.className);
+        if (it != classes_.end()) {
+            fresh = it->second.handles.insert(proto::handleToHex(*h)).second;
+        }
+    }
+    if (fresh) {
+        std::string cls = n.className;
+        post([this, cls] { reconcile(cls); });
+    }
+}
+
+void EventService::resourcesUndefined(const proto::ResourcesUndefined& n) {
+    for (const zn_resource_handle& h : n.handles) {
+        engine_.resourceUndefined(n.className, h);
+    }
+    std::lock_guard<std::mutex> g(mu_);
+    auto it = classes_.find(n.className);
+    if (it != classes_.end()) {
+        for (const zn_resource_handle& h : n.handles) {
+            std::string hex = proto::handleToHex(h);
+            it->second.handles.erase(hex);
+            it->second.monitoring.erase(hex);
+        }
+    }
+}
+
+void EventService::managerGone(const std::vector<std::string>& classes) {
+    {
+        // A new connection of the manager starts with nothing monitored.
+        std::lock_guard<std::mutex> g(mu_);
+        for (const std::string& cls : classes) {
+            auto it = classes_.find(cls);
+            if (it != classes_.end()) {
+                it->second.monitoring.clear();
+            }
+        }
+    }
+    for (const std::string& cls : classes) {
+        engine_.managerGone(cls);
+    }
+}
+
+void EventService::managerBack(const std::vector<std::string>& classes) {
+    std::vector<uint64_t> again;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        std::set<std::string> wanted(classes.begin(), classes.end());
+        for (auto& [id, w] : watches_) {
+            if (wanted.count(w.spec.className) != 0) {
+                again.push_back(id);
+            }
+        }
+    }
+    for (uint64_t id : again) {
+        post([this, id] { seed(id); });
+    }
+}
+
+void EventService::stopping() {
+    engine_.stopping();
+    std::lock_guard<std::mutex> g(mu_);
+    watches_.clear();
+}
+
+void EventService::deliver(events::Event&& e) {
+    std::shared_ptr<Connection> owner;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        auto it = watches_.find(e.watch);
+        if (it != watches_.end()) {
+            owner = it->second.owner.lock();
+        }
+    }
+    if (owner != nullptr) {
+        owner->send(proto::dumpJson(proto::makeNotification(kEventFired, encodeEvent(e))));
+    }
+}
+
+void EventService::post(std::function<void()> task) {
+    {
+        std::lock_guard<std::mutex> g(taskMu_);
+        if (stop_) {
+            return;
+        }
+        tasks_.push_back(std::move(task));
+    }
+    taskCv_.notify_one();
+}
+
+void EventService::run() {
+    for (;;) {
+        std::function<void()> task;
+        {
+            std::unique_lock<std::mutex> lk(taskMu_);
+            taskCv_.wait(lk, [this] { return stop_ || !tasks_.empty(); });
+            if (stop_) {
+                return;
+            }
+            task = std::move(tasks_.front());
+            tasks_.pop_front();
+        }
+        try {
+            task();
+        } catch (const std::exception& e) {
+            serviceLog("event watch upkeep failed: %s", e.what());
+        }
+    }
+}
+
+std::optional<RMReply> EventService::ask(const RMRequest& request, const std::string& identity) {
+    ClassLookup where = registry_.find(request.className);
+    if (!where.connected || where.endpoint == nullptr) {
+        return std::nullopt;
+    }
+    auto session = std::static_pointer_cast<ManagerSession>(where.endpoint);
+    auto answer = std::make_shared<std::promise<Json>>();
+    std::future<Json> done = answer->get_future();
+    bool sent = session->forward(
+        proto::rmMethod(request.op), proto::encodeRequestParams(request, identity), timeout_,
+        [answer](ManagerSession::Outcome o, Json response) {
+            answer->set_value(o == ManagerSession::Outcome::Answered ? std::move(response)
+                                                                     : Json());
+        });
+    if (!sent) {
+        return std::nullopt;
+    }
+    // The session's own deadline ends every question; stopping ends the wait.
+    while (done.wait_for(std::chrono::milliseconds(50)) != std::future_status::ready) {
+        std::lock_guard<std::mutex> g(taskMu_);
+        if (stop_) {
+            return std::nullopt;
+        }
+    }
+    Json response = done.get();
+    const Json* result = proto::findField(response, "result");
+    if (result == nullptr) {
+        return std::nullopt;
+    }
+    try {
+        return proto::decodeReply(*result);
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+}
+
+void EventService::seedValues(const std::string& cls, const zn_resource_handle& h, bool persistent,
+                              const std::vector<RMReplyAttr>& values) {
+    std::vector<rm_attribute_value> view = viewOf(values);
+    engine_.seed(cls, &h, persistent, view.data(), static_cast<unsigned int>(view.size()));
+}
+
+void EventService::seed(uint64_t watch) {
+    Owned w;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        auto it = watches_.find(watch);
+        if (it == watches_.end()) {
+            return;  // gone meanwhile
+        }
+        w = it->second;
+    }
+    const std::string& cls = w.spec.className;
+    ClassLookup where = registry_.find(cls);
+    if (!where.connected) {
+        return;  // resumes when the manager registers again
+    }
+    if (w.spec.classLevel) {
+        reconcile(cls);
+        return;  // class values come with the manager's reports
+    }
+    RMRequest en;
+    en.className = cls;
+    bool all = w.spec.selection.empty() || w.spec.selection == "*";
+    en.op = all ? RMRequestOp::EnumerateResources : RMRequestOp::EnumerateSelectResources;
+    en.selection = all ? std::string() : w.spec.selection;
+    std::optional<RMReply> listed = ask(en, w.identity);
+    if (!all && listed && listed->error != nullptr) {
+        // A manager that cannot select lists everything; the engine applies
+        // the selection to the values itself.
+        en.op = RMRequestOp::EnumerateResources;
+        en.selection.clear();
+        listed = ask(en, w.identity);
+    }
+    if (!listed || listed->error != nullptr) {
+        deliver(errorEvent(watch, cls, events::kErrQueryFailed));
+        return;
+    }
+    tarn_rmf2v::RMClassDef def;
+    for (const ClassEntry& e : registry_.classes()) {
+        if (e.def.name == cls) {
+            def = e.def;
+        }
+    }
+    bool failed = false;
+    for (const zn_resource_handle& h : listed->handles) {
+        for (bool persistent : {true, false}) {
+            RMRequest q;
+            q.className = cls;
+            q.handle = h;
+            q.op = persistent ? RMRequestOp::GetAttributeValues
+                              : RMRequestOp::ReportDynAttributeValues;
+            for (const auto& a : persistent ? def.persistent : def.dynamic) {
+                q.ids.push_back(a.id);
+            }
+            if (q.ids.empty()) {
+                continue;
+            }
+            std::optional<RMReply> got = ask(q, w.identity);
+            if (!got || got->error != nullptr) {
+                failed = true;
+                continue;
+            }
+            seedValues(cls, h, persistent, got->values);
+        }
+        std::lock_guard<std::mutex> g(mu_);
+        classes_[cls].handles.insert(proto::handleToHex(h));
+    }
+    if (failed) {
+        deliver(errorEvent(watch, cls, events::kErrQueryFailed));
+    }
+    reconcile(cls);
+}
+
+void EventService::reconcile(const std::string& cls) {
+    std::set<int> needed = engine_.neededDynamic(cls);
+    std::map<std::string, std::set<int>> now;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        ClassState& st = classes_[cls];
+        for (const std::string& hex : st.handles) {
+            now[hex] = st.monitoring[hex];
+        }
+    }
+    for (auto& [hex, current] : now) {
+        zn_resource_handle h{};
+        if (!proto::parseHandleHex(hex, h)) {
+            continue;
+        }
+        RMRequest start;
+        start.op = RMRequestOp::StartMonitoringResourceAttrs;
+        start.className = cls;
+        start.handle = h;
+        RMRequest stop;
+        stop.op = RMRequestOp::StopMonitoringResourceAttrs;
+        stop.className = cls;
+        stop.handle = h;
+        for (int id : needed) {
+            if (current.count(id) == 0) {
+                start.monitoring.push_back(rm_monitoring_data{id, 0});
+            }
+        }
+        for (int id : current) {
+            if (needed.count(id) == 0) {
+                stop.ids.push_back(id);
+            }
+        }
+        std::set<int> after = current;
+        if (!start.monitoring.empty()) {
+            std::optional<RMReply> r = ask(start, {});
+            if (r && r->error == nullptr) {
+                for (const rm_monitoring_data& m : start.monitoring) {
+                    after.insert(m.rm_attribute_id);
+                }
+                seedValues(cls, h, false, r->values);
+            } else if (registry_.find(cls).connected) {
+                std::vector<uint64_t> hit;
+                {
+                    std::lock_guard<std::mutex> g(mu_);
+                    for (auto& [id, w] : watches_) {
+                        if (w.spec.className == cls) {
+                            hit.push_back(id);
+                        }
+                    }
+                }
+                for (uint64_t id : hit) {
+                    deliver(errorEvent(id, cls, events::kErrMonitoringStopped));
+                }
+            }
+        }
+        if (!stop.ids.empty()) {
+            // Whatever the manager answers, nobody needs these any more.
+            ask(stop, {});
+            for (int id : stop.ids) {
+                after.erase(id);
+            }
+        }
+        std::lock_guard<std::mutex> g(mu_);
+        auto it = classes_.find(cls);
+        if (it != classes_.end() && it->second.handles.count(hex) != 0) {
+            it->second.monitoring[hex] = std::move(after);
+        }
+    }
+}
+
+}  // namespace znpex::server

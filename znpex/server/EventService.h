@@ -1,0 +1,112 @@
+// Event watches of client sessions: the service's side of "event.register"
+// and "event.unregister". Each watch belongs to the connection that made it
+// and its events go there as "event.fired" notifications. The watch engine
+// decides what fires; this class feeds it: current values when a watch is
+// set up (asking the class's manager), the managers' attribute and undefine
+// notifications, and the managers' comings and goings. It keeps monitoring
+// running on each manager for exactly the dynamic attributes that the
+// class's watches name, on every resource the watches have seen.
+//
+// Asking managers happens on one worker thread of its own (never on the
+// connections' threads, which deliver the answers); every question has a
+// deadline. Thread-safe. Destroy it before the registry and the connections'
+// executor go; pending questions are abandoned then.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tarn_rmf2v/RMReply.h"
+#include "tarn_rmf2v/RMRequest.h"
+#include "znpex/events/WatchEngine.h"
+#include "znpex/proto/NotifyMessages.h"
+#include "znpex/server/RmRegistry.h"
+
+namespace znpex::server {
+
+class Connection;
+
+inline constexpr char kEventRegister[] = "event.register";
+inline constexpr char kEventUnregister[] = "event.unregister";
+inline constexpr char kEventFired[] = "event.fired";
+
+// The "event.fired" params of an event.
+proto::Json encodeEvent(const events::Event& e);
+
+class EventService {
+public:
+    EventService(RmRegistry& registry, std::chrono::milliseconds requestTimeout);
+    ~EventService();
+
+    // Compiles and adds a watch of `owner`, then (in the background) reads
+    // the current values and starts what monitoring it needs. Throws as
+    // WatchEngine::addWatch does, or ProtocolError for malformed params.
+    // `identity` is the owner's, for the questions asked on its behalf.
+    uint64_t add(const std::shared_ptr<Connection>& owner, const std::string& identity,
+                 const events::WatchSpec& spec, const tarn_rmf2v::RMClassDef& def);
+    // False when `owner` has no such watch.
+    bool remove(uint64_t ownerId, uint64_t watch);
+    // Every watch of a closed connection ends.
+    void connectionClosed(uint64_t ownerId);
+
+    void attributesModified(const proto::AttributesModified& n);
+    void resourcesUndefined(const proto::ResourcesUndefined& n);
+    // A manager's connection dropped / it registered (again) for `classes`.
+    void managerGone(const std::vector<std::string>& classes);
+    void managerBack(const std::vector<std::string>& classes);
+    // The service is stopping: every watch gets its error event and ends.
+    void stopping();
+
+    size_t watchCount() const { return engine_.watchCount(); }
+
+private:
+    struct Owned {
+        uint64_t ownerId = 0;
+        std::weak_ptr<Connection> owner;
+        std::string identity;
+        events::WatchSpec spec;
+    };
+    // Monitoring as the manager of one class has it now.
+    struct ClassState {
+        std::set<std::string> handles;                    // hex, resources seen
+        std::map<std::string, std::set<int>> monitoring;  // hex -> dynamic ids
+    };
+
+    void deliver(events::Event&& e);
+    void post(std::function<void()> task);
+    void run();
+    // Reads the watch's resources and their values into the engine.
+    void seed(uint64_t watch);
+    // Starts and stops monitoring so the class's manager watches what is needed.
+    void reconcile(const std::string& cls);
+    std::optional<tarn_rmf2v::RMReply> ask(const tarn_rmf2v::RMRequest& request,
+                                           const std::string& identity);
+    void seedValues(const std::string& cls, const zn_resource_handle& h, bool persistent,
+                    const std::vector<tarn_rmf2v::RMReplyAttr>& values);
+
+    RmRegistry& registry_;
+    const std::chrono::milliseconds timeout_;
+    events::WatchEngine engine_;
+
+    std::mutex mu_;  // guards watches_, classes_
+    std::map<uint64_t, Owned> watches_;
+    std::map<std::string, ClassState> classes_;
+
+    std::mutex taskMu_;  // guards tasks_, stop_
+    std::condition_variable taskCv_;
+    std::deque<std::function<void()>> tasks_;
+    bool stop_ = false;
+    std::thread worker_;
+};
+
+}  // namespace znpex::server
