@@ -34,25 +34,32 @@ std::vector<Op> operations() {
     };
 }
 
-// Expected outcome per operation, in the order of operations().
-struct Row {
-    const char* who;
-    bool allowed[4];
+// Whether each operation of operations() is allowed, per identity.
+struct Expected {
+    bool root[4];
+    bool nobody[4];
+    bool unauthenticated[4];
 };
 
-class AccessMatrixTest : public ServiceTest {
+// One identity per instance: "root", "nobody" (another local user, run in a
+// child process) or "UNAUTHENT" (over TCP).
+class AccessMatrixTest : public ServiceTest, public ::testing::WithParamInterface<const char*> {
 protected:
     void SetUp() override {
+        who_ = GetParam();
+        if (who_ == "nobody" && !canSwitchUser()) {
+            GTEST_SKIP() << "running a client as user nobody needs root";
+        }
         startService();
         manager_ = std::make_unique<FakeManager>(socketPath(), std::vector<std::string>{kClass});
         ASSERT_EQ(manager_->registration().kind, RpcMessage::Kind::Result);
     }
 
-    RpcMessage ask(const std::string& who, const Op& op) {
-        if (who == "root") {
+    RpcMessage ask(const Op& op) {
+        if (who_ == "root") {
             return root()->call(op.method, op.params);
         }
-        if (who == "UNAUTHENT") {
+        if (who_ == "UNAUTHENT") {
             return unauthenticated()->call(op.method, op.params);
         }
         std::string payload = callAsNobody(socketPath(), op.method, op.params);
@@ -60,69 +67,56 @@ protected:
         return payload.empty() ? RpcMessage{} : proto::parseMessage(payload);
     }
 
-    void check(const std::vector<Row>& rows) {
+    void check(const Expected& e) {
+        const bool* allowed = who_ == "root"     ? e.root
+                              : who_ == "nobody" ? e.nobody
+                                                 : e.unauthenticated;
+        std::string identity = who_ == "UNAUTHENT" ? who_ : who_ + "@LOCALHOST";
         auto ops = operations();
-        for (const Row& row : rows) {
-            if (std::string(row.who) == "nobody" && !canSwitchUser()) {
-                ADD_FAILURE() << "cannot run a client as nobody";  // skipped by the caller
-                continue;
-            }
-            std::string identity = std::string(row.who) == "UNAUTHENT"
-                                       ? "UNAUTHENT"
-                                       : std::string(row.who) + "@LOCALHOST";
-            for (size_t i = 0; i < ops.size(); ++i) {
-                SCOPED_TRACE(std::string(row.who) + ": " + ops[i].name);
-                RpcMessage r = ask(row.who, ops[i]);
-                if (row.allowed[i]) {
-                    ASSERT_EQ(r.kind, RpcMessage::Kind::Result) << r.errorMessage;
-                    EXPECT_EQ(r.result["seen"]["method"], ops[i].method);
-                    // The manager hears who asked, as the service saw it.
-                    EXPECT_EQ(r.result["seen"]["identity"], identity);
-                } else {
-                    ASSERT_EQ(r.kind, RpcMessage::Kind::Error);
-                    EXPECT_EQ(r.errorCode, proto::kPermissionDenied);
-                    EXPECT_EQ(errorId(r), znpex::server::ZNPEX_EPERM);
-                    std::string text = r.errorData.value("text", "");
-                    EXPECT_NE(text.find("2660-001"), std::string::npos) << text;
-                    EXPECT_NE(text.find(identity), std::string::npos) << text;
-                }
+        size_t before = manager_->requestsSeen();
+        size_t forwarded = 0;
+        for (size_t i = 0; i < ops.size(); ++i) {
+            SCOPED_TRACE(who_ + ": " + ops[i].name);
+            RpcMessage r = ask(ops[i]);
+            if (allowed[i]) {
+                ++forwarded;
+                ASSERT_EQ(r.kind, RpcMessage::Kind::Result) << r.errorMessage;
+                EXPECT_EQ(r.result["seen"]["method"], ops[i].method);
+                // The manager hears who asked, as the service saw it.
+                EXPECT_EQ(r.result["seen"]["identity"], identity);
+            } else {
+                ASSERT_EQ(r.kind, RpcMessage::Kind::Error);
+                EXPECT_EQ(r.errorCode, proto::kPermissionDenied);
+                EXPECT_EQ(errorId(r), znpex::server::ZNPEX_EPERM);
+                std::string text = r.errorData.value("text", "");
+                EXPECT_NE(text.find("2660-001"), std::string::npos) << text;
+                EXPECT_NE(text.find(identity), std::string::npos) << text;
             }
         }
+        // Nothing refused ever reached the manager.
+        EXPECT_EQ(manager_->requestsSeen() - before, forwarded);
     }
 
-    std::vector<Row> withNobody(std::vector<Row> rows) {
-        if (!canSwitchUser()) {
-            std::erase_if(rows, [](const Row& r) { return std::string(r.who) == "nobody"; });
-        }
-        return rows;
-    }
-
+    std::string who_;
     std::unique_ptr<FakeManager> manager_;
 };
 
-TEST_F(AccessMatrixTest, ShippedList) {
-    if (!canSwitchUser()) {
-        std::cerr << "not root: the other-user rows are left out\n";
-    }
-    check(withNobody({{"root", {true, true, true, true}},
-                      {"nobody", {true, false, true, false}},
-                      {"UNAUTHENT", {false, false, false, false}}}));
-    EXPECT_EQ(manager_->requestsSeen(), canSwitchUser() ? 6u : 4u);
+// Operations: class read, class write, resource read, resource write.
+TEST_P(AccessMatrixTest, ShippedList) {
+    check({{true, true, true, true}, {true, false, true, false}, {false, false, false, false}});
 }
 
-TEST_F(AccessMatrixTest, EditedListAfterRefresh) {
+TEST_P(AccessMatrixTest, EditedListAfterRefresh) {
     replaceAcl(shippedAcl() +
                "Test.Widget\n"
                "\t                root@LOCALHOST\tC rw\n"
                "\t              nobody@LOCALHOST\tR rw\n"
                "\t                     UNAUTHENT\tC r\n"
                "\t                     UNAUTHENT\tR w\n");
-    check(withNobody({{"root", {true, true, false, false}},
-                      {"nobody", {false, false, true, true}},
-                      {"UNAUTHENT", {true, false, false, true}}}));
+    check({{true, true, false, false}, {false, false, true, true}, {true, false, false, true}});
 }
 
-TEST_F(AccessMatrixTest, AListThatDoesNotParseKeepsTheRulesInForce) {
+TEST_P(AccessMatrixTest, AListThatDoesNotParseKeepsTheRulesInForce) {
     replaceAcl(shippedAcl() + "Test.Widget\n\t                     UNAUTHENT\t* r\n");
     writeText(aclPath(), "Test.Widget\n\tUNAUTHENT * rw\n\tbroken entry here now\n");
     RpcMessage r = root()->call("service.refreshAcl");
@@ -130,14 +124,19 @@ TEST_F(AccessMatrixTest, AListThatDoesNotParseKeepsTheRulesInForce) {
     EXPECT_EQ(r.errorCode, proto::kOperationFailed);
     EXPECT_EQ(errorId(r), znpex::server::ZNPEX_EACLFILE);
     EXPECT_NE(r.errorData.value("text", "").find("line 3"), std::string::npos);
-    // Still the list before the failed edit: UNAUTHENT reads, root has nothing.
-    check(withNobody(
-        {{"UNAUTHENT", {true, false, true, false}}, {"root", {false, false, false, false}}}));
+    // Still the list before the failed edit: UNAUTHENT reads, nobody else anything.
+    check({{false, false, false, false}, {false, false, false, false}, {true, false, true, false}});
     // The status names the failure until a good list is read.
     auto status = root()->call("service.status");
     ASSERT_EQ(status.kind, RpcMessage::Kind::Result);
     EXPECT_NE(status.result["acl"].value("lastError", "").find("line 3"), std::string::npos);
 }
+
+INSTANTIATE_TEST_SUITE_P(Identities, AccessMatrixTest,
+                         ::testing::Values("root", "nobody", "UNAUTHENT"),
+                         [](const ::testing::TestParamInfo<const char*>& i) {
+                             return std::string(i.param);
+                         });
 
 }  // namespace
 }  // namespace znpextest

@@ -20,6 +20,7 @@ struct PeerCredentials {
 std::optional<PeerCredentials> peerCredentials(int fd);
 
 // "<user name>@LOCALHOST" for `uid`; a uid without a name stands as digits.
+// A name once found is kept for the life of the process.
 std::string localIdentity(uid_t uid);
 
 }  // namespace znpex::server
