@@ -39,6 +39,8 @@ using Clock = std::chrono::steady_clock;
 
 std::atomic<uint64_t> g_delivered{0};
 std::atomic<int64_t> g_lastNs{0};
+// The next PowerStatus of each resource: every report is a change, across runs too.
+uint32_t g_next[2] = {1, 1};
 
 int64_t nowNs() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch())
@@ -117,7 +119,6 @@ void throughput(watchtest::PowerManager& m, int sessions, double seconds) {
     g_delivered = 0;
     const uint64_t window = std::max<uint64_t>(2, 20000 / static_cast<uint64_t>(std::max(n, 1)));
     uint64_t reports = 0;
-    uint32_t value = 1;
     auto start = Clock::now();
     auto end = start + std::chrono::duration<double>(seconds);
     while (Clock::now() < end) {
@@ -125,8 +126,8 @@ void throughput(watchtest::PowerManager& m, int sessions, double seconds) {
             std::this_thread::sleep_for(std::chrono::microseconds(100));
             continue;
         }
-        m.setPower(0, value);
-        value ^= 1u;
+        m.setPower(0, g_next[0]);
+        g_next[0] ^= 1u;
         ++reports;
     }
     // What is on its way still counts, for a little while.
@@ -152,13 +153,12 @@ void latency(watchtest::PowerManager& m, double seconds) {
     auto ws = openWatchers(1);
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     std::vector<double> us;
-    uint32_t value = 1;
     auto end = Clock::now() + std::chrono::duration<double>(seconds);
     while (Clock::now() < end && us.size() < 100000) {
         uint64_t before = g_delivered.load();
         int64_t t0 = nowNs();
-        m.setPower(1, value);
-        value ^= 1u;
+        m.setPower(1, g_next[1]);
+        g_next[1] ^= 1u;
         auto limit = Clock::now() + std::chrono::seconds(2);
         while (g_delivered.load() == before && Clock::now() < limit) {
         }

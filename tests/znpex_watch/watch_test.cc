@@ -302,6 +302,10 @@ TEST_F(Watch, DispatchEndsWhenTheSessionEndsOrTheServiceGoes) {
     int rc = d.join();
     EXPECT_NE(rc, PX_DISPATCH_ENDED);
     EXPECT_NE(rc, PX_OK);
+    // Its watch was told before the connection went.
+    ASSERT_EQ(c.size(), 1u);
+    EXPECT_EQ(c.all()[0].errnum, 0x40010);
+    EXPECT_EQ(c.all()[0].flags & PX_EVENT_ERROR, PX_EVENT_ERROR);
 }
 
 TEST_F(Watch, BadRegistrationsAreRefused) {

@@ -277,6 +277,11 @@ int px_dispatch(px_session_t session, int option) {
         rc = pump(s, option == 0 ? 0 : kPumpMs);
         pumped = true;
         if (rc != PX_OK) {
+            // What came before the connection failed still reaches its callback.
+            proto::Json last;
+            while (!ending(s) && takeEvent(s, last)) {
+                deliver(s, last);
+            }
             break;
         }
     }

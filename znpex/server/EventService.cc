@@ -196,10 +196,12 @@ void EventService::managerBack(const std::vector<std::string>& classes) {
     }
 }
 
-void EventService::stopping() {
+size_t EventService::stopping() {
     engine_.stopping();
     std::lock_guard<std::mutex> g(mu_);
+    size_t n = watches_.size();
     watches_.clear();
+    return n;
 }
 
 void EventService::deliver(events::Event&& e) {

@@ -65,7 +65,8 @@ public:
     void managerGone(const std::vector<std::string>& classes);
     void managerBack(const std::vector<std::string>& classes);
     // The service is stopping: every watch gets its error event and ends.
-    void stopping();
+    // Returns how many watches there were.
+    size_t stopping();
 
     size_t watchCount() const { return engine_.watchCount(); }
 

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <thread>
 #include <vector>
 
 #include "znpex/proto/Frame.h"
@@ -25,8 +26,8 @@ Router::Router(AclStore& acl, RmRegistry& registry, asio::any_io_executor execut
       options_(options),
       started_(std::chrono::steady_clock::now()),
       events_(std::make_unique<EventService>(
-          registry_, std::min<std::chrono::milliseconds>(options.requestTimeout,
-                                                         std::chrono::seconds(10)))) {}
+          registry_,
+          std::min<std::chrono::milliseconds>(options.requestTimeout, std::chrono::seconds(10)))) {}
 
 Router::~Router() = default;
 
@@ -83,7 +84,11 @@ void Router::closeAll() {
 }
 
 void Router::stopEvents() {
-    events_->stopping();
+    if (events_->stopping() > 0) {
+        // Closing drops what a connection has not written yet: give the
+        // error events a moment to reach the sockets.
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
 }
 
 void Router::onMessage(const std::shared_ptr<Connection>& c, std::string payload) {
