@@ -2,6 +2,7 @@
 // environment, standard error captured to a file, for tests of whole daemons.
 #pragma once
 
+#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
