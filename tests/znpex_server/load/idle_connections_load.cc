@@ -148,6 +148,14 @@ TEST(IdleConnectionsLoad, HoldsTenThousandAndKeepsAnswering) {
             return held >= idle.size() + 3;
         },
         std::chrono::seconds(20)));
+    std::string rss;
+    {
+        std::string st = testsupport::readFile("/proc/" + std::to_string(daemon.pid()) + "/status");
+        std::smatch vm;
+        if (std::regex_search(st, vm, std::regex("VmRSS:\\s*([0-9]+ kB)"))) {
+            rss = vm[1].str();
+        }
+    }
     phase = &after;
     std::this_thread::sleep_for(std::chrono::seconds(2));
     stop = true;
@@ -163,8 +171,8 @@ TEST(IdleConnectionsLoad, HoldsTenThousandAndKeepsAnswering) {
         idle[i] = -1;  // closed by TestClient
     }
 
-    std::printf("held %zu idle connections (service counted %zu) made in %.2f s\n", idle.size(),
-                held, connectSeconds);
+    std::printf("held %zu idle connections (service counted %zu) made in %.2f s; service RSS %s\n",
+                idle.size(), held, connectSeconds, rss.c_str());
     std::printf("while connecting: %s; failures %zu\n", during.summary().c_str(), during.failures);
     std::printf("while holding:    %s; failures %zu\n", after.summary().c_str(), after.failures);
     std::fflush(stdout);
