@@ -2,8 +2,6 @@
 
 #include <strings.h>
 
-#include <cstring>
-
 #include "common/WexTrace.h"
 
 namespace WEX_COMMON {
@@ -14,32 +12,27 @@ const char* shown(const char* s) {
     return s != nullptr ? s : "<null>";
 }
 
-bool textEqual(const char* a, const char* b, bool ignoreCase) {
-    if (ignoreCase) {
-        wexTrace("comparing [%s] to [%s], case insensitively", shown(a), shown(b));
-    } else {
-        wexTrace("comparing [%s] to [%s], case sensitively", shown(a), shown(b));
+bool textEqual(const zn_value_t& a, const zn_value_t& b, bool ignoreCase) {
+    wexTrace("comparing [%s] to [%s], case %s", shown(a.ptr_char), shown(b.ptr_char),
+             ignoreCase ? "insensitively" : "sensitively");
+    if (!ignoreCase || a.ptr_char == nullptr || b.ptr_char == nullptr) {
+        return zn_value_equal(ZN_CHAR_PTR, a, b);
     }
-    if (a == nullptr || b == nullptr) {
-        return a == b;
-    }
-    return ignoreCase ? strcasecmp(a, b) == 0 : std::strcmp(a, b) == 0;
+    return strcasecmp(a.ptr_char, b.ptr_char) == 0;
 }
 
+// Scalars compare as the platform compares them; other types never match here.
 bool valueEqual(const zn_value_t& a, const zn_value_t& b, int dataType, unsigned long long flags) {
     switch (dataType) {
         case ZN_INT32:
         case ZN_UINT32:
-            return a.val_uint32 == b.val_uint32;
         case ZN_INT64:
         case ZN_UINT64:
-            return a.val_uint64 == b.val_uint64;
         case ZN_FLOAT32:
-            return a.val_float32 == b.val_float32;
         case ZN_FLOAT64:
-            return a.val_float64 == b.val_float64;
+            return zn_value_equal(static_cast<zn_data_type_t>(dataType), a, b);
         case ZN_CHAR_PTR:
-            return textEqual(a.ptr_char, b.ptr_char, (flags & kCompareIgnoreCase) != 0);
+            return textEqual(a, b, (flags & kCompareIgnoreCase) != 0);
         default:
             return false;
     }

@@ -116,6 +116,27 @@ int sec__unlock_file(const char* fn, const char* /*file*/, int fd) {
     return 0;
 }
 
+int sec__open_locked_file(const char* fn, const char* file, int flags, int* fd, mode_t mode) {
+    int f = -1;
+    int rc = sec__open_file(fn, file, flags, &f, mode);
+    if (rc != 0) {
+        return rc;
+    }
+    rc = (flags & O_ACCMODE) == O_RDONLY ? sec__readlock_file(fn, file, f)
+                                         : sec__writelock_file(fn, file, f);
+    if (rc != 0) {
+        sec__close_file(f);
+        return rc;
+    }
+    *fd = f;
+    return 0;
+}
+
+void sec__close_locked_file(const char* fn, const char* file, int fd) {
+    sec__unlock_file(fn, file, fd);
+    sec__close_file(fd);
+}
+
 int sec__seek_in_file(const char* fn, const char* /*file*/, int fd, off_t offset, int whence,
                       off_t* pos) {
     off_t p = lseek(fd, offset, whence);

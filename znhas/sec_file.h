@@ -41,6 +41,12 @@ int sec__readlock_file(const char* fn, const char* file, int fd);
 int sec__writelock_file(const char* fn, const char* file, int fd);
 int sec__unlock_file(const char* fn, const char* file, int fd);
 
+// Opens `file` as sec__open_file does and locks it: shared when read-only,
+// exclusive otherwise. On success the caller gives both back with
+// sec__close_locked_file; on failure nothing is left open.
+int sec__open_locked_file(const char* fn, const char* file, int flags, int* fd, mode_t mode = 0);
+void sec__close_locked_file(const char* fn, const char* file, int fd);
+
 int sec__seek_in_file(const char* fn, const char* file, int fd, off_t offset, int whence,
                       off_t* pos);
 // Reads up to n bytes at the current position, retrying interrupted reads;

@@ -101,19 +101,13 @@ int sec_get_localhost_token(int selector, sec_buffer_t* token) {
     }
     int fd = -1;
     if (rc == 0) {
-        rc = sec__open_file(fn, file.c_str(), O_RDONLY, &fd);
+        rc = sec__open_locked_file(fn, file.c_str(), O_RDONLY, &fd);
     }
     if (rc != 0) {
-        return rc;
-    }
-    rc = sec__readlock_file(fn, file.c_str(), fd);
-    if (rc != 0) {
-        sec__close_file(fd);
         return rc;
     }
     rc = readKeyFile(fn, file.c_str(), fd, token);
-    sec__unlock_file(fn, file.c_str(), fd);
-    sec__close_file(fd);
+    sec__close_locked_file(fn, file.c_str(), fd);
     return rc;
 }
 
@@ -132,14 +126,9 @@ int sec__record_hostid_token(int selector, sec_buffer_t token) {
     }
     zn::paths::ensureParentDir(file);
     int fd = -1;
-    rc = sec__open_file(fn, file.c_str(), O_RDWR | O_CREAT, &fd,
-                        selector == SEC_PRIVATE_KEYFILE ? 0600 : 0644);
+    rc = sec__open_locked_file(fn, file.c_str(), O_RDWR | O_CREAT, &fd,
+                               selector == SEC_PRIVATE_KEYFILE ? 0600 : 0644);
     if (rc != 0) {
-        return rc;
-    }
-    rc = sec__writelock_file(fn, file.c_str(), fd);
-    if (rc != 0) {
-        sec__close_file(fd);
         return rc;
     }
     // Head in host order: magic and type from the token, then the length.
@@ -155,8 +144,7 @@ int sec__record_hostid_token(int selector, sec_buffer_t token) {
     if (rc == 0) {
         rc = sec__sync_file(fn, file.c_str(), fd);
     }
-    sec__unlock_file(fn, file.c_str(), fd);
-    sec__close_file(fd);
+    sec__close_locked_file(fn, file.c_str(), fd);
     return rc;
 }
 

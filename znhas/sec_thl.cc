@@ -121,14 +121,8 @@ int sec__modify_thl(const std::string& utf8name, const SecureBytes* rec, uint32_
         return rc;
     }
     int fd = -1;
-    rc = sec__open_file(fn, file.c_str(), O_RDWR, &fd);
+    rc = sec__open_locked_file(fn, file.c_str(), O_RDWR, &fd);
     if (rc != 0) {
-        sec__change_file_perms(fn, file.c_str(), kThlKeptMode);
-        return rc;
-    }
-    rc = sec__writelock_file(fn, file.c_str(), fd);
-    if (rc != 0) {
-        sec__close_file(fd);
         sec__change_file_perms(fn, file.c_str(), kThlKeptMode);
         return rc;
     }
@@ -146,8 +140,7 @@ int sec__modify_thl(const std::string& utf8name, const SecureBytes* rec, uint32_
     if (rc == 0 && (flags & znhas::SEC_THL_SYNC) != 0) {
         rc = sec__sync_file(fn, file.c_str(), fd);
     }
-    sec__unlock_file(fn, file.c_str(), fd);
-    sec__close_file(fd);
+    sec__close_locked_file(fn, file.c_str(), fd);
     // Best effort: the change itself stands or failed on its own.
     int saved = errno;
     sec__change_file_perms(fn, file.c_str(), kThlKeptMode);
@@ -161,14 +154,9 @@ int sec__walk_thl(const std::function<int(const ThlEntry&)>& visit) {
     int rc = sec__get_thl_filename(&file);
     int fd = -1;
     if (rc == 0) {
-        rc = sec__open_file(fn, file.c_str(), O_RDONLY, &fd);
+        rc = sec__open_locked_file(fn, file.c_str(), O_RDONLY, &fd);
     }
     if (rc != 0) {
-        return rc;
-    }
-    rc = sec__readlock_file(fn, file.c_str(), fd);
-    if (rc != 0) {
-        sec__close_file(fd);
         return rc;
     }
     znhas::ThlReader reader(fd, fn, file.c_str());
@@ -187,8 +175,7 @@ int sec__walk_thl(const std::function<int(const ThlEntry&)>& visit) {
             break;
         }
     }
-    sec__unlock_file(fn, file.c_str(), fd);
-    sec__close_file(fd);
+    sec__close_locked_file(fn, file.c_str(), fd);
     return rc;
 }
 
@@ -224,14 +211,9 @@ int sec_get_host_token(const char* hostname, sec_buffer_t* token) {
     }
     int fd = -1;
     if (rc == 0) {
-        rc = sec__open_file(fn, file.c_str(), O_RDONLY, &fd);
+        rc = sec__open_locked_file(fn, file.c_str(), O_RDONLY, &fd);
     }
     if (rc != 0) {
-        return rc;
-    }
-    rc = sec__readlock_file(fn, file.c_str(), fd);
-    if (rc != 0) {
-        sec__close_file(fd);
         return rc;
     }
     ThlEntry found;
@@ -239,8 +221,7 @@ int sec_get_host_token(const char* hostname, sec_buffer_t* token) {
     if (rc == 0) {
         rc = sec__create_token_from_entry(fn, found, token);
     }
-    sec__unlock_file(fn, file.c_str(), fd);
-    sec__close_file(fd);
+    sec__close_locked_file(fn, file.c_str(), fd);
     return rc;
 }
 
