@@ -2,10 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <pwd.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <chrono>
@@ -19,6 +17,7 @@
 #include <vector>
 
 #include "tarn_base/CException.h"
+#include "tests/tarn_base/ScriptTest.h"
 
 namespace {
 
@@ -27,7 +26,7 @@ using tarn_base::CCommand;
 
 // Keeps what the runner hands over; can fail on the first chunk.
 class Capture : public CCommand {
-  public:
+public:
     explicit Capture(unsigned int size = 2048, bool keepText = true)
         : CCommand(size), keepText_(keepText) {}
     void outputCapture(const char* o, unsigned int on, const char* e, unsigned int en) override {
@@ -52,19 +51,9 @@ class Capture : public CCommand {
     int completed = INT_MIN;
     std::exception_ptr failed;
 
-  private:
+private:
     bool keepText_;
 };
-
-int openDescriptors() {
-    int n = 0;
-    DIR* d = opendir("/proc/self/fd");
-    while (readdir(d) != nullptr) {
-        ++n;
-    }
-    closedir(d);
-    return n;
-}
 
 // Gone or a zombie: either way no longer running.
 bool processEnded(pid_t pid) {
@@ -83,26 +72,10 @@ bool processEnded(pid_t pid) {
     return false;
 }
 
-class CCommandTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/ccommand_test.XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        fdsBefore_ = openDescriptors();
-    }
-    void TearDown() override {
-        EXPECT_EQ(openDescriptors(), fdsBefore_) << "the runner leaked a descriptor";
-        std::filesystem::remove_all(dir_);
-    }
-    std::string script(const std::string& name, const std::string& body) {
-        std::string path = dir_ + "/" + name;
-        std::ofstream(path) << "#!/bin/sh\n" << body << "\n";
-        chmod(path.c_str(), 0755);
-        return path;
-    }
+class CCommandTest : public testsupport::ScriptTest {
+protected:
     pid_t pidFrom(const std::string& file) {
-        std::ifstream in(dir_ + "/" + file);
+        std::ifstream in(dir_ / file);
         pid_t pid = 0;
         in >> pid;
         return pid;
@@ -112,14 +85,11 @@ class CCommandTest : public ::testing::Test {
         c.runUserCommandWait(line.c_str(), nullptr, user, &status, CCommand::kCommandLine);
         return status;
     }
-
-    std::string dir_;
-    int fdsBefore_ = 0;
 };
 
 TEST_F(CCommandTest, CommandLineWordsReachTheProgramLiterallyWithoutAShell) {
     std::string args = script("args", "for a in \"$@\"; do printf '[%s]\\n' \"$a\"; done");
-    std::string marker = dir_ + "/pwned";
+    std::string marker = dir_.path() + "/pwned";
     struct Case {
         std::string words;
         std::string expected;
@@ -185,7 +155,7 @@ TEST_F(CCommandTest, StatusIsTheExitCodeOr128PlusTheSignal) {
 }
 
 TEST_F(CCommandTest, ProgramThatCannotRunGives127Or126AndSaysWhyOnStderr) {
-    std::string plain = dir_ + "/not-executable";
+    std::string plain = dir_.path() + "/not-executable";
     std::ofstream(plain) << "data\n";
     struct Case {
         std::string line;
@@ -194,13 +164,13 @@ TEST_F(CCommandTest, ProgramThatCannotRunGives127Or126AndSaysWhyOnStderr) {
         bool merged;
     };
     const Case cases[] = {
-        {dir_ + "/missing arg", 127, dir_ + "/missing: cannot execute: No such file or directory\n",
-         false},
+        {dir_.path() + "/missing arg", 127,
+         dir_.path() + "/missing: cannot execute: No such file or directory\n", false},
         {"no-such-command-anywhere", 127,
          "no-such-command-anywhere: cannot execute: No such file or directory\n", false},
         {plain, 126, plain + ": cannot execute: Permission denied\n", false},
-        {dir_ + "/missing 2>&1", 127,
-         dir_ + "/missing: cannot execute: No such file or directory\n", true},
+        {dir_.path() + "/missing 2>&1", 127,
+         dir_.path() + "/missing: cannot execute: No such file or directory\n", true},
     };
     for (const Case& c : cases) {
         Capture cap;
@@ -230,7 +200,8 @@ TEST_F(CCommandTest, FloodingOutputOnBothStreamsArrivesWholeInBoundedChunks) {
 }
 
 TEST_F(CCommandTest, GrandchildHoldingStdoutIsKilledAfterTheGraceAndTheCallReturns) {
-    std::string s = script("leaves", "sleep 1000 & echo $! > " + dir_ + "/bg.pid\necho done");
+    std::string s =
+        script("leaves", "sleep 1000 & echo $! > " + dir_.path() + "/bg.pid\necho done");
     Capture cap;
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(runLine(cap, s), 0);
@@ -248,8 +219,10 @@ TEST_F(CCommandTest, DeadlineKillsTheWholeGroup) {
         std::string body;
     };
     const Case cases[] = {
-        {"output open", "sleep 1000 & echo $! > " + dir_ + "/bg.pid\necho started\nsleep 1000"},
-        {"output closed", "sleep 1000 & echo $! > " + dir_ + "/bg.pid\nexec >&- 2>&-\nsleep 1000"},
+        {"output open",
+         "sleep 1000 & echo $! > " + dir_.path() + "/bg.pid\necho started\nsleep 1000"},
+        {"output closed",
+         "sleep 1000 & echo $! > " + dir_.path() + "/bg.pid\nexec >&- 2>&-\nsleep 1000"},
     };
     for (const Case& c : cases) {
         Capture cap;
