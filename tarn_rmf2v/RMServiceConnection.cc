@@ -4,6 +4,7 @@
 
 #include "platform/paths.h"
 #include "tarn_base/CTraceManager.h"
+#include "tarn_rmf2v/RMDiLink.h"
 #include "tarn_rmf2v/RMRmcp.h"
 #include "tarn_rmf2v/RMServiceCall.h"
 #include "tarn_rmf2v/RMServiceOutbox.h"
@@ -51,6 +52,7 @@ void RMServiceConnection::start() {
     if (started_.exchange(true)) {
         return;
     }
+    installDiLink(options_.socketPath);
     thread_ = std::thread([this] { run(); });
 }
 
@@ -58,6 +60,7 @@ void RMServiceConnection::stop() {
     outbox_->requestStop();
     if (thread_.joinable()) {
         thread_.join();
+        removeDiLink();
     }
 }
 

@@ -6,7 +6,8 @@
 // the RMServiceLink it installs on the control point while registered. When
 // the connection drops it tells the control point (connectionChanged),
 // reconnects with exponential backoff and registers again; the service may
-// start before or after the manager.
+// start before or after the manager. While it runs, the process's table
+// refreshes and heartbeat tuning go to the same service (RMDiLink).
 //
 // Dispatch threads never block on the socket: replies and notifications go
 // into a bounded queue that the I/O thread writes (when it is full they are

@@ -70,8 +70,8 @@ DiStore::DiStore(const std::string& path) {
     if (int rc = zn::paths::ensureParentDir(path); rc != 0) {
         throw std::runtime_error("cannot create the directory of " + path);
     }
-    if (sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
-                                                SQLITE_OPEN_FULLMUTEX,
+    if (sqlite3_open_v2(path.c_str(), &db_,
+                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
                         nullptr) != SQLITE_OK) {
         std::string why = db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory";
         sqlite3_close(db_);
@@ -82,9 +82,11 @@ DiStore::DiStore(const std::string& path) {
         // Tables change rarely and must survive a power cut once refreshed.
         exec("PRAGMA journal_mode=WAL");
         exec("PRAGMA synchronous=FULL");
-        exec("CREATE TABLE IF NOT EXISTS nodes (hostname TEXT PRIMARY KEY, node_id INTEGER,"
-             " names TEXT, addresses TEXT)");
+        exec(
+            "CREATE TABLE IF NOT EXISTS nodes (hostname TEXT PRIMARY KEY, node_id INTEGER,"
+            " names TEXT, addresses TEXT)");
         exec("CREATE TABLE IF NOT EXISTS groups (name TEXT PRIMARY KEY, members TEXT)");
+        exec("CREATE TABLE IF NOT EXISTS settings (key TEXT PRIMARY KEY, value INTEGER)");
     } catch (const std::exception& e) {
         sqlite3_close(db_);
         db_ = nullptr;
@@ -92,7 +94,9 @@ DiStore::DiStore(const std::string& path) {
     }
 }
 
-DiStore::~DiStore() { sqlite3_close(db_); }
+DiStore::~DiStore() {
+    sqlite3_close(db_);
+}
 
 void DiStore::exec(const char* sql) const {
     char* err = nullptr;
@@ -180,6 +184,53 @@ std::vector<GroupEntry> DiStore::groups() const {
         e.name = reinterpret_cast<const char*>(sqlite3_column_text(q.get(), 0));
         e.members = split(reinterpret_cast<const char*>(sqlite3_column_text(q.get(), 1)));
         out.push_back(std::move(e));
+    }
+    return out;
+}
+
+Transaction DiStore::snapshot() const {
+    Transaction t;
+    t.op = DI_TABLE_ADD;
+    t.clearNodes = t.clearGroups = true;
+    t.nodes = nodes();
+    t.groups = groups();
+    return t;
+}
+
+int DiStore::setHeartbeat(unsigned int frequency, unsigned int sensitivity, std::string* why) {
+    std::lock_guard<std::mutex> g(mu_);
+    try {
+        exec("BEGIN IMMEDIATE");
+        try {
+            Stmt put(db_, "INSERT OR REPLACE INTO settings VALUES (?1, ?2)");
+            for (auto [key, value] :
+                 {std::pair{"frequency", frequency}, std::pair{"sensitivity", sensitivity}}) {
+                put.text(1, key);
+                sqlite3_bind_int64(put.get(), 2, value);
+                put.run(db_);
+            }
+            exec("COMMIT");
+        } catch (...) {
+            exec("ROLLBACK");
+            throw;
+        }
+    } catch (const std::exception& e) {
+        if (why != nullptr) {
+            *why = e.what();
+        }
+        return DI_ESTORE;
+    }
+    return DI_OK;
+}
+
+std::pair<unsigned int, unsigned int> DiStore::heartbeat() const {
+    std::lock_guard<std::mutex> g(mu_);
+    std::pair<unsigned int, unsigned int> out{0, 0};
+    Stmt q(db_, "SELECT key, value FROM settings WHERE key IN ('frequency', 'sensitivity')");
+    while (sqlite3_step(q.get()) == SQLITE_ROW) {
+        std::string key = reinterpret_cast<const char*>(sqlite3_column_text(q.get(), 0));
+        auto value = static_cast<unsigned int>(sqlite3_column_int64(q.get(), 1));
+        (key == "frequency" ? out.first : out.second) = value;
     }
     return out;
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "znpex/di/DiTypes.h"
@@ -27,8 +28,16 @@ public:
     int apply(const Transaction& t, std::string* why = nullptr);
     std::vector<NodeEntry> nodes() const;
     std::vector<GroupEntry> groups() const;
+    // Both tables as one transaction that rebuilds them from empty (what a
+    // host that missed changes is sent to catch up).
+    Transaction snapshot() const;
     // Increases with every applied transaction (watchers compare it).
     uint64_t version() const;
+
+    // The heartbeat tuning last set (zeros when never set); kept with the
+    // tables so it survives a restart. setHeartbeat returns DI_OK or DI_ESTORE.
+    int setHeartbeat(unsigned int frequency, unsigned int sensitivity, std::string* why = nullptr);
+    std::pair<unsigned int, unsigned int> heartbeat() const;
 
 private:
     void exec(const char* sql) const;

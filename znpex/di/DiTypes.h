@@ -12,7 +12,7 @@
 enum di_table_op_t : int32_t {
     DI_TABLE_ADD = 1,     // add the rows, replacing rows with the same key
     DI_TABLE_UPDATE = 2,  // the same as add: rows are replaced whole
-    DI_TABLE_REMOVE = 3,  // remove the rows with these keys
+    DI_TABLE_REMOVE = 4,  // remove the rows with these keys (3 is not an operation)
 };
 
 // Results of di_refresh_table_1.

@@ -3,6 +3,7 @@
 #include <map>
 #include <vector>
 
+#include "znpex/di/DiCodec.h"
 #include "znpex/proto/ServiceMessages.h"
 #include "znpex/server/EventService.h"
 
@@ -81,6 +82,16 @@ struct Table {
         service(proto::kAuthHello, MethodKind::AuthHello);
         service(kEventRegister, MethodKind::EventRegister);
         service(kEventUnregister, MethodKind::EventUnregister);
+        for (auto [name, kind] : {std::pair{di::kDiRefresh, MethodKind::DiRefresh},
+                                  std::pair{di::kDiTuneHeartbeat, MethodKind::DiTuneHeartbeat}}) {
+            MethodInfo& d = service(name, kind);
+            d.localOnly = d.privileged = true;
+        }
+        for (auto [name, kind] : {std::pair{di::kDiNodes, MethodKind::DiNodes},
+                                  std::pair{di::kDiGroups, MethodKind::DiGroups},
+                                  std::pair{di::kDiWatch, MethodKind::DiWatch}}) {
+            service(name, kind).authenticated = true;
+        }
         MethodInfo& reg = service(proto::kRmRegister, MethodKind::Register);
         reg.localOnly = reg.privileged = true;
         for (auto [name, kind] :

@@ -27,16 +27,23 @@ enum class MethodKind {
     PeerSend,
     EventRegister,    // a client sets up an event watch
     EventUnregister,  // and ends it
+    // Distributed-information tables.
+    DiRefresh,  // a resource manager on this host applies a table transaction
+    DiTuneHeartbeat,
+    DiNodes,   // read the node table
+    DiGroups,  // read the node-group table
+    DiWatch,   // be told of every change of the tables
 };
 
 struct MethodInfo {
     std::string name;
     MethodKind kind = MethodKind::ManagerOp;
-    bool localOnly = false;     // refused on TCP connections
-    bool rootOnly = false;      // refused unless the peer is root on this host
-    bool privileged = false;    // refused unless the peer is root or the service's own user
-    bool notification = false;  // comes without an id and gets no reply
-    bool managerOnly = false;   // only from a connection that registered as a manager
+    bool localOnly = false;      // refused on TCP connections
+    bool rootOnly = false;       // refused unless the peer is root on this host
+    bool privileged = false;     // refused unless the peer is root or the service's own user
+    bool notification = false;   // comes without an id and gets no reply
+    bool managerOnly = false;    // only from a connection that registered as a manager
+    bool authenticated = false;  // refused to connections that are still UNAUTHENT
     // Manager operations only:
     tarn_rmf2v::RMRequestOp op = tarn_rmf2v::RMRequestOp::EnumerateResources;
     OpTarget target = OpTarget::Class;

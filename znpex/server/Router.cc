@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "znpex/di/DiCodec.h"
 #include "znpex/proto/Frame.h"
 #include "znpex/proto/ServiceMessages.h"
 #include "znpex/server/PeerIdentity.h"
@@ -18,7 +19,7 @@ namespace znpex::server {
 using proto::Json;
 using proto::RpcMessage;
 
-Router::Router(AclStore& acl, RmRegistry& registry, asio::any_io_executor executor,
+Router::Router(AclStore& acl, RmRegistry& registry, di::DiStore& di, asio::any_io_executor executor,
                RouterOptions options)
     : acl_(acl),
       registry_(registry),
@@ -27,7 +28,8 @@ Router::Router(AclStore& acl, RmRegistry& registry, asio::any_io_executor execut
       started_(std::chrono::steady_clock::now()),
       events_(std::make_unique<EventService>(
           registry_,
-          std::min<std::chrono::milliseconds>(options.requestTimeout, std::chrono::seconds(10)))) {}
+          std::min<std::chrono::milliseconds>(options.requestTimeout, std::chrono::seconds(10)))),
+      di_(di) {}
 
 Router::~Router() = default;
 
@@ -155,6 +157,10 @@ void Router::onClosed(const std::shared_ptr<Connection>& c) {
         }
     }
     events_->connectionClosed(c->id());
+    {
+        std::lock_guard<std::mutex> g(diWatchMu_);
+        diWatchers_.erase(c->id());
+    }
     if (manager != nullptr) {
         std::vector<std::string> classes;
         for (const ClassEntry& e : registry_.classes()) {
@@ -179,6 +185,9 @@ std::string Router::refusal(const Connection& c, const MethodInfo& info) const {
         return info.name + " is not allowed for " + c.identity();
     }
     if (info.privileged && !c.isLocalRoot() && c.uid() != ::geteuid()) {
+        return info.name + " is not allowed for " + c.identity();
+    }
+    if (info.authenticated && c.identity() == proto::kUnauthenticated) {
         return info.name + " is not allowed for " + c.identity();
     }
     return {};
@@ -228,6 +237,21 @@ void Router::handleRequest(const std::shared_ptr<Connection>& c, RpcMessage& m) 
             break;
         case MethodKind::EventUnregister:
             eventUnregister(c, m);
+            break;
+        case MethodKind::DiRefresh:
+            diRefresh(c, m);
+            break;
+        case MethodKind::DiTuneHeartbeat:
+            diTuneHeartbeat(c, m);
+            break;
+        case MethodKind::DiNodes:
+            replyResult(c, m.id, di::encodeNodes(di_.nodes()));
+            break;
+        case MethodKind::DiGroups:
+            replyResult(c, m.id, di::encodeGroups(di_.groups()));
+            break;
+        case MethodKind::DiWatch:
+            diWatch(c, m);
             break;
         case MethodKind::NotifyResourcesUndefined:
         case MethodKind::NotifyAttributesModified:

@@ -13,11 +13,13 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 
+#include "znpex/di/DiStore.h"
 #include "znpex/proto/JsonRpc.h"
 #include "znpex/server/AclStore.h"
 #include "znpex/server/Connection.h"
@@ -37,9 +39,16 @@ struct RouterOptions {
     size_t maxConnections = 65536;
 };
 
+// Hands an applied table transaction on to the other hosts of the domain and
+// calls `done` once with DI_OK (every host has it, or there are none) or
+// DI_EPARTIAL (some have not acknowledged it). Runs on an I/O thread: it
+// must not block, and `done` may be called from any thread.
+using DiReplicator =
+    std::function<void(const di::Transaction& t, std::function<void(int code)> done)>;
+
 class Router : public ConnectionHandler {
 public:
-    Router(AclStore& acl, RmRegistry& registry, asio::any_io_executor executor,
+    Router(AclStore& acl, RmRegistry& registry, di::DiStore& di, asio::any_io_executor executor,
            RouterOptions options);
     ~Router() override;
 
@@ -60,6 +69,14 @@ public:
     // Ends every event watch with its error event (at shutdown, before closeAll).
     void stopEvents();
 
+    // Applies a table transaction here and tells the tables' watchers;
+    // DI_OK, DI_EINVAL or DI_ESTORE (with `why`). Never replicates.
+    int applyDi(const di::Transaction& t, std::string* why);
+    // Where "di.refresh" sends what it applied; by default nowhere (DI_OK).
+    // Set before start().
+    void setDiReplicator(DiReplicator r) { diReplicator_ = std::move(r); }
+    di::DiStore& diStore() { return di_; }
+
 private:
     void handleRequest(const std::shared_ptr<Connection>& c, proto::RpcMessage& m);
     void handleNotification(const std::shared_ptr<Connection>& c, proto::RpcMessage& m);
@@ -73,6 +90,12 @@ private:
     void classList(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
     void refreshAcl(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
     void authHello(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
+
+    // Distributed-information tables (RouterDi.cc).
+    void diRefresh(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
+    void diTuneHeartbeat(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
+    void diWatch(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
+    proto::Json diStatus() const;
 
     // Event watches (EventMethods.cc).
     void eventRegister(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
@@ -118,6 +141,11 @@ private:
     std::map<std::string, std::map<uint64_t, std::weak_ptr<Connection>>> watchers_;
 
     std::unique_ptr<EventService> events_;
+
+    di::DiStore& di_;
+    DiReplicator diReplicator_;
+    std::mutex diWatchMu_;  // guards diWatchers_
+    std::map<uint64_t, std::weak_ptr<Connection>> diWatchers_;
 
     std::atomic<uint64_t> nextSession_{1};
     // Counters for "service.status".

@@ -120,6 +120,7 @@ Json Router::status() const {
         {"notifications", notifications_.load()},
         {"peerMessages", peerMessages_.load()},
         {"refusedConnections", refused_.load()},
+        {"tables", diStatus()},
     };
 }
 

@@ -1,5 +1,7 @@
 #include "znpex/server/Service.h"
 
+#include <cstdio>
+
 #include "platform/paths.h"
 #include "znpex/server/ServiceLog.h"
 
@@ -16,10 +18,31 @@ ServiceOptions withDefaults(ServiceOptions o) {
     if (o.aclDefaultPath.empty()) {
         o.aclDefaultPath = zn::paths::resolve(zn::paths::kAclDefaultFile);
     }
+    if (o.diPath.empty()) {
+        o.diPath = zn::paths::resolve(zn::paths::kDiTablesDir) + "/tables.db";
+    }
     if (o.threads == 0) {
         o.threads = 1;
     }
     return o;
+}
+
+// The tables are rebuilt by the managers' next publication and by the other
+// hosts, so a store that cannot be opened is set aside (kept for a look)
+// rather than keep the whole service down.
+std::unique_ptr<di::DiStore> openTables(const std::string& path) {
+    try {
+        return std::make_unique<di::DiStore>(path);
+    } catch (const std::exception& e) {
+        std::string aside = path + ".bad";
+        serviceLog("table store unusable, moved to %s and started empty: %s", aside.c_str(),
+                   e.what());
+        std::rename(path.c_str(), aside.c_str());
+        for (const char* suffix : {"-wal", "-shm"}) {
+            std::remove((path + suffix).c_str());
+        }
+        return std::make_unique<di::DiStore>(path);  // a failure here is not ours to hide
+    }
 }
 
 }  // namespace
@@ -27,7 +50,8 @@ ServiceOptions withDefaults(ServiceOptions o) {
 Service::Service(ServiceOptions options)
     : options_(withDefaults(std::move(options))),
       acl_(options_.aclPath, options_.aclDefaultPath),
-      router_(acl_, registry_, io_.get_executor(), options_.router),
+      di_(openTables(options_.diPath)),
+      router_(acl_, registry_, *di_, io_.get_executor(), options_.router),
       listeners_(io_,
                  [this](Connection::Socket s, Transport t) { router_.accept(std::move(s), t); }) {}
 

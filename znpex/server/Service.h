@@ -26,6 +26,7 @@ struct ServiceOptions {
     std::string socketPath;      // "": the system's local socket
     std::string aclPath;         // "": the system's access list file
     std::string aclDefaultPath;  // "": the platform's default list
+    std::string diPath;          // "": the tables' store under the state root
     bool tcp = true;
     std::string tcpAddress = "0.0.0.0";
     uint16_t tcpPort = kDefaultPort;  // 0: the kernel picks one
@@ -52,11 +53,13 @@ public:
     bool reloadAcl(std::string* why) { return router_.reloadAcl(why); }
     Router& router() { return router_; }
     RmRegistry& registry() { return registry_; }
+    di::DiStore& diStore() { return *di_; }
 
 private:
     ServiceOptions options_;
     AclStore acl_;
     RmRegistry registry_;
+    std::unique_ptr<di::DiStore> di_;
     // Declared before the io_context: handlers that refer to it are destroyed
     // with the context, before it goes.
     Router router_;

@@ -1,0 +1,98 @@
+// The distributed-information tables as the service offers them: a manager
+// on this host refreshes a transaction into them (applied and on disk before
+// the answer, then handed on to the other hosts of the domain), tunes the
+// heartbeat, and every authenticated session may read the tables and watch
+// them change.
+#include "znpex/di/DiCodec.h"
+#include "znpex/proto/ProtocolError.h"
+#include "znpex/server/Router.h"
+#include "znpex/server/ServiceLog.h"
+
+namespace znpex::server {
+
+using proto::Json;
+using proto::RpcMessage;
+
+int Router::applyDi(const di::Transaction& t, std::string* why) {
+    int rc = di_.apply(t, why);
+    if (rc != DI_OK) {
+        return rc;
+    }
+    bool nodes = t.clearNodes || !t.nodes.empty();
+    bool groups = t.clearGroups || !t.groups.empty();
+    std::string note = proto::dumpJson(proto::makeNotification(
+        di::kDiChanged, Json{{"version", di_.version()}, {"nodes", nodes}, {"groups", groups}}));
+    std::vector<std::shared_ptr<Connection>> targets;
+    {
+        std::lock_guard<std::mutex> g(diWatchMu_);
+        for (auto& [id, weak] : diWatchers_) {
+            if (auto w = weak.lock()) {
+                targets.push_back(std::move(w));
+            }
+        }
+    }
+    for (auto& w : targets) {
+        w->send(note);
+    }
+    return DI_OK;
+}
+
+void Router::diRefresh(const std::shared_ptr<Connection>& c, const RpcMessage& m) {
+    di::Transaction t = di::decodeTransaction(m.params);  // ProtocolError: invalid params
+    std::string why;
+    int rc = applyDi(t, &why);
+    if (rc != DI_OK) {
+        serviceLog("table refresh from %s not applied: %s", c->identity().c_str(), why.c_str());
+        replyResult(c, m.id, Json{{"code", rc}, {"reason", why}});
+        return;
+    }
+    if (!diReplicator_) {
+        replyResult(c, m.id, Json{{"code", DI_OK}, {"version", di_.version()}});
+        return;
+    }
+    uint64_t version = di_.version();
+    std::weak_ptr<Connection> weak = c;
+    Json id = m.id;
+    diReplicator_(t, [weak, id, version](int code) {
+        if (auto conn = weak.lock()) {
+            replyResult(conn, id, Json{{"code", code}, {"version", version}});
+        }
+    });
+}
+
+void Router::diTuneHeartbeat(const std::shared_ptr<Connection>& c, const RpcMessage& m) {
+    di::Heartbeat h = di::decodeHeartbeat(m.params);
+    if (h.frequency == 0 || h.sensitivity == 0) {
+        throw proto::ProtocolError("params: frequency and sensitivity must be at least 1");
+    }
+    std::string why;
+    int rc = di_.setHeartbeat(h.frequency, h.sensitivity, &why);
+    if (rc != DI_OK) {
+        serviceLog("heartbeat tuning not stored: %s", why.c_str());
+        replyResult(c, m.id, Json{{"code", rc}, {"reason", why}});
+        return;
+    }
+    serviceLog("heartbeat tuned by %s: every %u s, %u missed beats", c->identity().c_str(),
+               h.frequency, h.sensitivity);
+    replyResult(c, m.id, Json{{"code", DI_OK}});
+}
+
+void Router::diWatch(const std::shared_ptr<Connection>& c, const RpcMessage& m) {
+    {
+        std::lock_guard<std::mutex> g(diWatchMu_);
+        if (!c->closed()) {
+            diWatchers_[c->id()] = c;
+        }
+    }
+    replyResult(c, m.id, Json{{"version", di_.version()}});
+}
+
+Json Router::diStatus() const {
+    auto [frequency, sensitivity] = di_.heartbeat();
+    return Json{{"version", di_.version()},
+                {"nodes", di_.nodes().size()},
+                {"groups", di_.groups().size()},
+                {"heartbeat", {{"frequency", frequency}, {"sensitivity", sensitivity}}}};
+}
+
+}  // namespace znpex::server
