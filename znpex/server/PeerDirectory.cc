@@ -1,0 +1,171 @@
+#include "znpex/server/PeerDirectory.h"
+
+#include <algorithm>
+
+namespace znpex::server {
+
+using proto::Json;
+
+PeerDirectory::PeerDirectory(asio::any_io_executor executor, Self self, PeerLinkOptions options,
+                             PeerLink::OnUp onUp)
+    : executor_(std::move(executor)),
+      self_(std::move(self)),
+      options_(options),
+      onUp_(std::move(onUp)) {}
+
+PeerDirectory::~PeerDirectory() {
+    shutdown();
+}
+
+bool PeerDirectory::isSelf(const PeerHost& h) const {
+    if (self_.nodeId != 0 && h.nodeId == self_.nodeId) {
+        return true;
+    }
+    return std::find(h.addresses.begin(), h.addresses.end(), self_.listenAddress) !=
+           h.addresses.end();
+}
+
+void PeerDirectory::setHosts(const std::vector<PeerHost>& all) {
+    std::vector<std::shared_ptr<PeerLink>> gone;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        hosts_.clear();
+        for (const PeerHost& h : all) {
+            if (!isSelf(h)) {
+                hosts_.push_back(h);
+            }
+        }
+        for (auto it = links_.begin(); it != links_.end();) {
+            auto h = std::find_if(hosts_.begin(), hosts_.end(),
+                                  [&](const PeerHost& p) { return p.host == it->first; });
+            if (h == hosts_.end()) {
+                gone.push_back(std::move(it->second));
+                it = links_.erase(it);
+            } else {
+                it->second->setAddresses(h->addresses);
+                ++it;
+            }
+        }
+    }
+    for (auto& l : gone) {
+        l->shutdown();
+    }
+}
+
+std::vector<PeerHost> PeerDirectory::hosts() const {
+    std::lock_guard<std::mutex> g(mu_);
+    return hosts_;
+}
+
+std::optional<PeerHost> PeerDirectory::byNodeId(uint64_t nodeId) const {
+    std::lock_guard<std::mutex> g(mu_);
+    for (const PeerHost& h : hosts_) {
+        if (h.nodeId == nodeId) {
+            return h;
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<PeerHost> PeerDirectory::byName(const std::string& name) const {
+    std::lock_guard<std::mutex> g(mu_);
+    for (const PeerHost& h : hosts_) {
+        if (h.host == name) {
+            return h;
+        }
+    }
+    return std::nullopt;
+}
+
+std::shared_ptr<PeerLink> PeerDirectory::linkLocked(const PeerHost& h) {
+    auto it = links_.find(h.host);
+    if (it != links_.end()) {
+        return it->second;
+    }
+    PeerHello hello{self_.host, self_.nodeId};
+    auto link = std::make_shared<PeerLink>(executor_, h.host, hello, options_, onUp_);
+    link->setAddresses(h.addresses);
+    links_.emplace(h.host, link);
+    return link;
+}
+
+void PeerDirectory::send(const std::string& host, const std::string& method, Json params,
+                         std::chrono::milliseconds timeout, PeerLink::Done done) {
+    std::shared_ptr<PeerLink> link;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        if (!stopped_) {
+            auto h = std::find_if(hosts_.begin(), hosts_.end(),
+                                  [&](const PeerHost& p) { return p.host == host; });
+            if (h != hosts_.end()) {
+                link = linkLocked(*h);
+            }
+        }
+    }
+    if (link == nullptr) {
+        done(PeerLink::Outcome::Lost, nullptr);
+        return;
+    }
+    link->request(method, std::move(params), timeout, std::move(done));
+}
+
+void PeerDirectory::fanOut(const std::vector<std::string>& hosts, const std::string& method,
+                           const Json& params, std::chrono::milliseconds timeout,
+                           std::function<void(std::vector<PeerReply>)> done) {
+    if (hosts.empty()) {
+        done({});
+        return;
+    }
+    struct Gather {
+        std::mutex mu;
+        std::vector<PeerReply> replies;
+        size_t left = 0;
+        std::function<void(std::vector<PeerReply>)> done;
+    };
+    auto gather = std::make_shared<Gather>();
+    gather->replies.resize(hosts.size());
+    gather->left = hosts.size();
+    gather->done = std::move(done);
+    for (size_t i = 0; i < hosts.size(); ++i) {
+        gather->replies[i].host = hosts[i];
+    }
+    for (size_t i = 0; i < hosts.size(); ++i) {
+        send(hosts[i], method, params, timeout, [gather, i](PeerLink::Outcome o, Json response) {
+            bool last = false;
+            {
+                std::lock_guard<std::mutex> g(gather->mu);
+                gather->replies[i].outcome = o;
+                gather->replies[i].response = std::move(response);
+                last = --gather->left == 0;
+            }
+            if (last) {
+                gather->done(std::move(gather->replies));
+            }
+        });
+    }
+}
+
+void PeerDirectory::shutdown() {
+    std::map<std::string, std::shared_ptr<PeerLink>> links;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        stopped_ = true;
+        links.swap(links_);
+    }
+    for (auto& [host, link] : links) {
+        link->shutdown();
+    }
+}
+
+Json PeerDirectory::status() const {
+    std::lock_guard<std::mutex> g(mu_);
+    Json out = Json::array();
+    for (const PeerHost& h : hosts_) {
+        auto it = links_.find(h.host);
+        out.push_back(it != links_.end() ? it->second->status()
+                                         : Json{{"host", h.host}, {"state", "idle"}});
+    }
+    return out;
+}
+
+}  // namespace znpex::server

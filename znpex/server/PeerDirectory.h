@@ -1,0 +1,92 @@
+// This service's view of its management domain: the other hosts (the node
+// table's entries that are not this host) and one peer link to each, made
+// when first needed and kept while the host stays in the table. Also sends
+// one request to several hosts at once and reports when every one of them
+// has ended. Thread-safe; callbacks run without the directory's lock.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "znpex/proto/Json.h"
+#include "znpex/server/PeerLink.h"
+
+namespace znpex::server {
+
+// One host of the domain as the node table lists it.
+struct PeerHost {
+    std::string host;
+    uint64_t nodeId = 0;
+    std::vector<std::string> addresses;
+};
+
+// How one host's part of a fan-out ended.
+struct PeerReply {
+    std::string host;
+    PeerLink::Outcome outcome = PeerLink::Outcome::Lost;
+    proto::Json response;  // the whole response message when answered
+};
+
+class PeerDirectory {
+public:
+    struct Self {
+        std::string host;           // this host's name, sent in "peer.hello"
+        uint64_t nodeId = 0;        // this host's node id
+        std::string listenAddress;  // the service's own TCP listen address
+    };
+
+    PeerDirectory(asio::any_io_executor executor, Self self, PeerLinkOptions options,
+                  PeerLink::OnUp onUp);
+    ~PeerDirectory();
+    PeerDirectory(const PeerDirectory&) = delete;
+    PeerDirectory& operator=(const PeerDirectory&) = delete;
+
+    // Replaces the domain (call whenever the node table changes). Entries
+    // that are this host are left out; links to hosts no longer listed end.
+    void setHosts(const std::vector<PeerHost>& all);
+    // True when `h` stands for this host: its node id is ours, or one of its
+    // addresses is the one we listen on.
+    bool isSelf(const PeerHost& h) const;
+    // The other hosts, in table order.
+    std::vector<PeerHost> hosts() const;
+    // The other host with this node id.
+    std::optional<PeerHost> byNodeId(uint64_t nodeId) const;
+    // The other host listed under `name` (by host name), if any.
+    std::optional<PeerHost> byName(const std::string& name) const;
+    const Self& self() const { return self_; }
+
+    // Sends to one other host; `done` runs exactly once.
+    void send(const std::string& host, const std::string& method, proto::Json params,
+              std::chrono::milliseconds timeout, PeerLink::Done done);
+    // Sends to every host in `hosts`; `done` runs once, after each ended, with
+    // one reply per host in the same order (at once when the list is empty).
+    void fanOut(const std::vector<std::string>& hosts, const std::string& method,
+                const proto::Json& params, std::chrono::milliseconds timeout,
+                std::function<void(std::vector<PeerReply>)> done);
+
+    // Ends every link (at shutdown); later sends are lost at once.
+    void shutdown();
+    proto::Json status() const;
+
+private:
+    std::shared_ptr<PeerLink> linkLocked(const PeerHost& h);
+
+    asio::any_io_executor executor_;
+    const Self self_;
+    const PeerLinkOptions options_;
+    const PeerLink::OnUp onUp_;
+
+    mutable std::mutex mu_;  // guards everything below
+    std::vector<PeerHost> hosts_;
+    std::map<std::string, std::shared_ptr<PeerLink>> links_;
+    bool stopped_ = false;
+};
+
+}  // namespace znpex::server

@@ -1,0 +1,387 @@
+#include "znpex/server/PeerLink.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+
+#include "znpex/proto/JsonRpc.h"
+#include "znpex/server/ServiceLog.h"
+
+namespace znpex::server {
+
+using proto::Json;
+
+PeerLink::PeerLink(asio::any_io_executor executor, std::string host, PeerHello self,
+                   PeerLinkOptions options, OnUp onUp)
+    : executor_(executor),
+      strand_(asio::make_strand(executor)),
+      host_(std::move(host)),
+      self_(std::move(self)),
+      options_(options),
+      onUp_(std::move(onUp)),
+      backoff_(options.backoffMin) {}
+
+PeerLink::~PeerLink() = default;
+
+void PeerLink::setAddresses(std::vector<std::string> addresses) {
+    std::lock_guard<std::mutex> g(mu_);
+    addresses_ = std::move(addresses);
+}
+
+PeerLink::State PeerLink::state() const {
+    std::lock_guard<std::mutex> g(mu_);
+    return state_;
+}
+
+Json PeerLink::status() const {
+    std::lock_guard<std::mutex> g(mu_);
+    static const char* const names[] = {"idle", "connecting", "up", "down"};
+    Json j{{"host", host_},       {"state", names[static_cast<int>(state_)]},
+           {"connects", ups_},    {"failures", failures_},
+           {"dropped", dropped_}, {"queued", queued_.size()}};
+    if (!lastError_.empty()) {
+        j["lastError"] = lastError_;
+    }
+    return j;
+}
+
+void PeerLink::request(const std::string& method, Json params, std::chrono::milliseconds timeout,
+                       Done done) {
+    std::shared_ptr<ManagerSession> session;
+    {
+        std::unique_lock<std::mutex> g(mu_);
+        bool down = state_ == State::Down && Clock::now() < retryAt_;
+        if (stopped_ || down || (state_ != State::Up && queued_.size() >= options_.maxQueued)) {
+            ++dropped_;
+            g.unlock();
+            done(Outcome::Lost, nullptr);
+            return;
+        }
+        if (state_ == State::Up) {
+            session = session_;
+        } else {
+            uint64_t id = nextQueued_++;
+            Queued q;
+            q.method = method;
+            q.params = std::move(params);
+            q.deadline = Clock::now() + timeout;
+            q.done = std::move(done);
+            q.timer = std::make_unique<asio::steady_timer>(executor_, timeout);
+            std::weak_ptr<PeerLink> weak = weak_from_this();
+            q.timer->async_wait([weak, id](const asio::error_code& ec) {
+                auto self = weak.lock();
+                if (!ec && self != nullptr) {
+                    self->expireQueued(id);
+                }
+            });
+            queued_.emplace(id, std::move(q));
+            if (state_ != State::Connecting) {
+                startConnectLocked();
+            }
+            return;
+        }
+    }
+    if (!session->forward(method, std::move(params), timeout, done)) {
+        done(Outcome::Lost, nullptr);
+    }
+}
+
+void PeerLink::expireQueued(uint64_t id) {
+    Done done;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        auto it = queued_.find(id);
+        if (it == queued_.end()) {
+            return;
+        }
+        done = std::move(it->second.done);
+        queued_.erase(it);
+    }
+    done(Outcome::TimedOut, nullptr);
+}
+
+void PeerLink::startConnectLocked() {
+    state_ = State::Connecting;
+    uint64_t gen = ++gen_;
+    asio::post(strand_, [self = shared_from_this(), gen] { self->tryAddress(gen, 0); });
+}
+
+void PeerLink::tryAddress(uint64_t gen, size_t index) {
+    std::string address;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        if (gen != gen_ || stopped_) {
+            return;
+        }
+        if (index < addresses_.size()) {
+            address = addresses_[index];
+        }
+    }
+    if (address.empty()) {
+        failed(gen, index == 0 ? "no address is known" : "no address answered");
+        return;
+    }
+    asio::error_code ec;
+    asio::ip::address ip = asio::ip::make_address(address, ec);
+    if (ec) {
+        tryAddress(gen, index + 1);  // names are not looked up: it would block
+        return;
+    }
+    auto socket = std::make_shared<asio::ip::tcp::socket>(strand_);
+    auto timer = std::make_shared<asio::steady_timer>(strand_, options_.connectTimeout);
+    timer->async_wait([socket](const asio::error_code& e) {
+        if (!e) {
+            asio::error_code ignored;
+            socket->close(ignored);  // ends the attempt with an error
+        }
+    });
+    socket->async_connect(
+        asio::ip::tcp::endpoint(ip, options_.port),
+        [self = shared_from_this(), gen, index, socket, timer](const asio::error_code& e) {
+            timer->cancel();
+            if (e || !socket->is_open()) {
+                self->tryAddress(gen, index + 1);
+                return;
+            }
+            self->connected(gen, std::move(*socket));
+        });
+}
+
+void PeerLink::connected(uint64_t gen, asio::ip::tcp::socket socket) {
+    int one = 1;
+    ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+    auto conn = std::make_shared<Connection>(Connection::Socket(std::move(socket)), Transport::Tcp,
+                                             "PEER:" + host_, static_cast<uid_t>(-1), *this);
+    auto session = std::make_shared<ManagerSession>(conn, host_, executor_);
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        if (gen != gen_ || stopped_) {
+            conn->close();
+            return;
+        }
+        conn_ = conn;
+        session_ = session;
+    }
+    conn->start();
+    std::weak_ptr<PeerLink> weak = weak_from_this();
+    bool sent = session->forward(kPeerHello, encodePeerHello(self_), options_.helloTimeout,
+                                 [weak, gen](Outcome o, Json response) {
+                                     if (auto self = weak.lock()) {
+                                         self->helloDone(gen, o, response);
+                                     }
+                                 });
+    if (!sent) {
+        failed(gen, "the link closed before the greeting");
+    }
+}
+
+void PeerLink::helloDone(uint64_t gen, Outcome outcome, const Json& response) {
+    std::string why;
+    if (outcome == Outcome::TimedOut) {
+        why = "no answer to the greeting";
+    } else if (outcome == Outcome::Lost) {
+        why = "the link closed during the greeting";
+    } else if (const Json* err = proto::findField(response, "error")) {
+        why = "greeting refused: " +
+              (err->is_object() && err->contains("message") && (*err)["message"].is_string()
+                   ? (*err)["message"].get<std::string>()
+                   : std::string("no reason given"));
+    } else {
+        try {
+            decodePeerHelloResult(proto::requireField(response, "result", "response"));
+        } catch (const std::exception& e) {
+            why = std::string("greeting answered wrongly: ") + e.what();
+        }
+    }
+    if (!why.empty()) {
+        failed(gen, why);
+        return;
+    }
+    std::map<uint64_t, Queued> queued;
+    std::shared_ptr<ManagerSession> session;
+    bool wasOut = false;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        if (gen != gen_ || stopped_ || state_ != State::Connecting) {
+            return;
+        }
+        state_ = State::Up;
+        backoff_ = options_.backoffMin;
+        wasOut = outageLogged_;
+        outageLogged_ = false;
+        lastError_.clear();
+        ++ups_;
+        queued.swap(queued_);
+        session = session_;
+    }
+    if (wasOut) {
+        serviceLog("peer link to %s is up again", host_.c_str());
+    }
+    flush(std::move(queued), session);
+    if (onUp_) {
+        onUp_(host_);
+    }
+}
+
+void PeerLink::flush(std::map<uint64_t, Queued> queued,
+                     const std::shared_ptr<ManagerSession>& session) {
+    auto now = Clock::now();
+    for (auto& [id, q] : queued) {
+        q.timer->cancel();
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(q.deadline - now);
+        if (left.count() <= 0) {
+            q.done(Outcome::TimedOut, nullptr);
+            continue;
+        }
+        Done done = q.done;
+        if (!session->forward(q.method, std::move(q.params), left, std::move(q.done))) {
+            done(Outcome::Lost, nullptr);
+        }
+    }
+}
+
+void PeerLink::fail(std::map<uint64_t, Queued> queued) {
+    for (auto& [id, q] : queued) {
+        q.timer->cancel();
+        q.done(Outcome::Lost, nullptr);
+    }
+}
+
+void PeerLink::failed(uint64_t gen, const std::string& why) {
+    std::map<uint64_t, Queued> queued;
+    std::shared_ptr<Connection> conn;
+    std::shared_ptr<ManagerSession> session;
+    bool log = false;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        if (gen != gen_ || stopped_) {
+            return;
+        }
+        ++gen_;  // callbacks of this attempt are stale from now on
+        state_ = State::Down;
+        ++failures_;
+        lastError_ = why;
+        retryAt_ = Clock::now() + backoff_;
+        backoff_ = std::min(backoff_ * 2, options_.backoffMax);
+        log = !outageLogged_;
+        outageLogged_ = true;
+        queued.swap(queued_);
+        dropped_ += queued.size();
+        conn = std::move(conn_);
+        session = std::move(session_);
+        scheduleRetryLocked();
+    }
+    if (log) {
+        serviceLog("peer link to %s is down (%s); its messages are dropped until it is back",
+                   host_.c_str(), why.c_str());
+    }
+    if (conn != nullptr) {
+        conn->close();
+    }
+    if (session != nullptr) {
+        session->failAll();
+    }
+    fail(std::move(queued));
+}
+
+void PeerLink::scheduleRetryLocked() {
+    // A host that went away is tried again in the background, so it hears
+    // what it missed (the "up" callback) soon after it is back.
+    auto at = retryAt_;
+    std::weak_ptr<PeerLink> weak = weak_from_this();
+    asio::post(strand_, [weak, at] {
+        auto self = weak.lock();
+        if (self == nullptr) {
+            return;
+        }
+        std::lock_guard<std::mutex> g(self->mu_);
+        if (self->stopped_) {
+            return;
+        }
+        self->retryTimer_ = std::make_unique<asio::steady_timer>(self->strand_, at);
+        self->retryTimer_->async_wait([weak](const asio::error_code& ec) {
+            auto link = weak.lock();
+            if (ec || link == nullptr) {
+                return;
+            }
+            std::lock_guard<std::mutex> g2(link->mu_);
+            if (!link->stopped_ && link->state_ == State::Down) {
+                link->startConnectLocked();
+            }
+        });
+    });
+}
+
+void PeerLink::onMessage(const std::shared_ptr<Connection>& c, std::string payload) {
+    std::shared_ptr<ManagerSession> session;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        if (c != conn_) {
+            return;
+        }
+        session = session_;
+    }
+    proto::RpcMessage m;
+    try {
+        m = proto::parseMessage(payload);
+    } catch (const std::exception&) {
+        c->close();  // a peer that garbles replies is not one to wait on
+        return;
+    }
+    if (session == nullptr || !m.id.is_number_unsigned()) {
+        return;  // nothing but replies is expected on an outbound link
+    }
+    Json response;
+    if (m.kind == proto::RpcMessage::Kind::Result) {
+        response = proto::makeResult(m.id, std::move(m.result));
+    } else if (m.kind == proto::RpcMessage::Kind::Error) {
+        response = proto::makeError(m.id, m.errorCode, m.errorMessage, std::move(m.errorData));
+    } else {
+        return;
+    }
+    session->complete(m.id.get<uint64_t>(), std::move(response));
+}
+
+void PeerLink::onOversize(const std::shared_ptr<Connection>& c, uint64_t) {
+    c->close();
+}
+
+void PeerLink::onClosed(const std::shared_ptr<Connection>& c) {
+    uint64_t gen = 0;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        if (c != conn_) {
+            return;
+        }
+        gen = gen_;
+    }
+    failed(gen, "the link closed");
+}
+
+void PeerLink::shutdown() {
+    std::map<uint64_t, Queued> queued;
+    std::shared_ptr<Connection> conn;
+    std::shared_ptr<ManagerSession> session;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        stopped_ = true;
+        ++gen_;
+        queued.swap(queued_);
+        conn = std::move(conn_);
+        session = std::move(session_);
+    }
+    asio::post(strand_, [self = shared_from_this()] {
+        std::lock_guard<std::mutex> g(self->mu_);
+        if (self->retryTimer_) {
+            self->retryTimer_->cancel();
+        }
+    });
+    if (conn != nullptr) {
+        conn->close();
+    }
+    if (session != nullptr) {
+        session->failAll();
+    }
+    fail(std::move(queued));
+}
+
+}  // namespace znpex::server
