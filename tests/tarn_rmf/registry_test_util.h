@@ -2,37 +2,19 @@
 // owned values that free themselves, and field builders.
 #pragma once
 
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 
 #include "platform/paths.h"
 #include "platform/zn_types.h"
 #include "tarn_rmf/registry/RMBaseTable.h"
+#include "tests/support/TempDir.h"
 
 namespace regtest {
 
-// A fresh directory for one test, made the root of every fixed path; removed
-// at the end.
-class TempRoot {
-public:
-    TempRoot() {
-        std::string tmpl = (std::filesystem::temp_directory_path() / "orvrm-reg-XXXXXX").string();
-        char* made = mkdtemp(tmpl.data());
-        dir_ = made != nullptr ? made : "";
-        setenv(zn::paths::kRootEnv, dir_.c_str(), 1);
-    }
-    ~TempRoot() {
-        unsetenv(zn::paths::kRootEnv);
-        std::error_code ec;
-        std::filesystem::remove_all(dir_, ec);
-    }
-    TempRoot(const TempRoot&) = delete;
-    TempRoot& operator=(const TempRoot&) = delete;
-    const std::string& dir() const { return dir_; }
-
-private:
-    std::string dir_;
+// A fresh directory for one test, made the root of every fixed path.
+struct TempRoot : testsupport::TempDir {
+    TempRoot() : TempDir(/*asRoot=*/true) {}
+    const std::string& dir() const { return path(); }
 };
 
 // A zn value with its type, freed on destruction.

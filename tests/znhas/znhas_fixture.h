@@ -16,6 +16,7 @@
 
 #include "platform/cu_error.h"
 #include "platform/paths.h"
+#include "tests/support/TempDir.h"
 #include "znhas/sec_thl.h"
 #include "znhas/znhas.h"
 
@@ -116,14 +117,8 @@ struct Token {
 };
 
 class ZnhasTest : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override {
-        const char* tmp = getenv("TMPDIR");
-        std::string templ =
-            std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/znhas_test.XXXXXX";
-        ASSERT_NE(mkdtemp(templ.data()), nullptr);
-        root_ = templ;
-        setenv(zn::paths::kRootEnv, root_.c_str(), 1);
         unsetenv("ZNSEC_TESTING_THL_FILE");
         unsetenv("ZNSEC_TESTING_PVTK_FILE");
         unsetenv("ZNSEC_TESTING_PUBK_FILE");
@@ -131,14 +126,10 @@ class ZnhasTest : public ::testing::Test {
         pvt_ = zn::paths::resolve(zn::paths::kPrivateKeyFile);
         pub_ = zn::paths::resolve(zn::paths::kPublicKeyFile);
     }
-    void TearDown() override {
-        unsetenv(zn::paths::kRootEnv);
-        std::error_code ec;
-        std::filesystem::remove_all(root_, ec);
-    }
     void initThl() { ASSERT_EQ(sec__init_thl(), 0); }
 
-    std::string root_;
+    testsupport::TempDir tmp_{/*asRoot=*/true};
+    const std::string& root_ = tmp_.path();
     std::string thl_;
     std::string pvt_;
     std::string pub_;
