@@ -4,8 +4,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <sstream>
+#include <thread>
+
 #include "platform/paths.h"
 #include "tarn_rmf2v/RMDiLink.h"
+#include "znpex/cli/Commands.h"
 #include "tests/znpex_server/ServiceHarness.h"
 #include "znpex/di/di_table.h"
 
@@ -132,6 +136,39 @@ TEST_F(DiService, AStoreThatCannotBeOpenedIsSetAsideNotFatal) {
     ASSERT_EQ(publish(), DI_OK);
     EXPECT_EQ(root()->call("di.nodes").result.size(), 2u);
     EXPECT_EQ(::access((store + ".bad").c_str(), F_OK), 0);
+}
+
+// The command line shows both tables and follows their changes.
+TEST_F(DiService, CommandLineShowsAndWatchesTheTables) {
+    auto run = [](std::vector<const char*> args, std::string* out) {
+        args.insert(args.begin(), "znpex");
+        std::ostringstream o, e;
+        int rc = znpex::cli::runCli(static_cast<int>(args.size()), args.data(), o, e);
+        *out = o.str() + e.str();
+        return rc;
+    };
+    std::string watched;
+    int watchRc = -1;
+    std::thread watcher([&] {
+        watchRc = run({"tables", "watch", "--count", "1", "--timeout", "20"}, &watched);
+    });
+    // The watch counts only changes after it started: publish until it saw one.
+    for (int i = 0; i < 100 && watched.find("changed") == std::string::npos; ++i) {
+        ASSERT_EQ(publish(), DI_OK);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    watcher.join();
+    EXPECT_EQ(watchRc, 0) << watched;
+    EXPECT_NE(watched.find("nodes groups changed"), std::string::npos) << watched;
+
+    std::string out;
+    ASSERT_EQ(run({"tables", "nodes"}, &out), 0) << out;
+    EXPECT_NE(out.find("0xfffffffffffffff1"), std::string::npos) << out;
+    EXPECT_NE(out.find("10.0.0.1,10.0.0.2"), std::string::npos) << out;
+    ASSERT_EQ(run({"-o", "json", "tables", "groups"}, &out), 0) << out;
+    Json groups = Json::parse(out);
+    EXPECT_EQ(groups[0]["name"], "all");
+    EXPECT_EQ(run({"tables"}, &out), 2);
 }
 
 }  // namespace

@@ -98,6 +98,20 @@ int runCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
     watchCmd->add_option("--timeout", watch.timeoutS, "Stop after this many seconds")
         ->check(CLI::PositiveNumber);
 
+    auto* tables = app.add_subcommand(
+        "tables", "Show the service's node and node-group tables, or watch them change");
+    tables->require_subcommand(1, 1);
+    auto* tablesNodes = tables->add_subcommand("nodes", "The node table");
+    auto* tablesGroups = tables->add_subcommand("groups", "The node-group table");
+    uint64_t tablesCount = 0;
+    int tablesTimeout = 0;
+    auto* tablesWatch = tables->add_subcommand(
+        "watch", "Print each change of the tables until interrupted, --count or --timeout");
+    tablesWatch->add_option("--count", tablesCount, "Stop after this many changes")
+        ->check(CLI::PositiveNumber);
+    tablesWatch->add_option("--timeout", tablesTimeout, "Stop after this many seconds")
+        ->check(CLI::PositiveNumber);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -128,6 +142,15 @@ int runCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
     }
     if (watchCmd->parsed()) {
         return cmdWatch(cli, watch);
+    }
+    if (tablesNodes->parsed()) {
+        return cmdTablesNodes(cli);
+    }
+    if (tablesGroups->parsed()) {
+        return cmdTablesGroups(cli);
+    }
+    if (tablesWatch->parsed()) {
+        return cmdTablesWatch(cli, tablesCount, tablesTimeout);
     }
     return kExitUsage;
 }

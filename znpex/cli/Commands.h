@@ -60,6 +60,10 @@ int cmdSet(CliSession& cli, const ChangeArgs& args);
 int cmdUndefine(CliSession& cli, const ChangeArgs& args);
 int cmdAction(CliSession& cli, const ActionArgs& args);
 int cmdWatch(CliSession& cli, const WatchArgs& args);
+// The service's node and node-group tables.
+int cmdTablesNodes(CliSession& cli);
+int cmdTablesGroups(CliSession& cli);
+int cmdTablesWatch(CliSession& cli, uint64_t count, int timeoutS);
 
 int runCli(int argc, const char* const* argv, std::ostream& out, std::ostream& err);
 
