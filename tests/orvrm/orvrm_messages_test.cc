@@ -27,16 +27,15 @@ TEST(OrvrmCatalogue, NumbersAndGaps) {
 
 TEST(OrvrmCatalogue, TextsKeepTheirOwnSpacingAndEndings) {
     EXPECT_STREQ(orvrm::defaultMessageText(15), "2655-015  Duplicate member names in list.\n");
-    EXPECT_STREQ(orvrm::defaultMessageText(49),
-                 "2655-049 The following error message was returned by function %1$s: %2$s.");
     EXPECT_STREQ(orvrm::defaultMessageText(70),
                  "2655-070 ConsoleSerialSpeed attribute must be set to a value between 1 and "
                  "230400 bps inclusive.");
     EXPECT_STREQ(orvrm::defaultMessageText(88),
                  "2655-213 Input to Kor.HwCtrlPoint resource class action, HAModeActive, is not "
                  "valid.\nValid values are 0 or 1.\n");
-    EXPECT_STREQ(orvrm::defaultMessageText(111),
-                 "2655-076 Unable to acquire lock on SetupMMPeerDomain. Lock is currently in use.\n");
+    EXPECT_STREQ(
+        orvrm::defaultMessageText(111),
+        "2655-076 Unable to acquire lock on SetupMMPeerDomain. Lock is currently in use.\n");
 }
 
 TEST(OrvrmCatalogue, EveryTextHasItsNumberPrefixAndRendersItsArguments) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <set>
 
 #include "tests/znhas/znhas_fixture.h"
 #include "znhas/sec_messages.h"
@@ -183,33 +184,20 @@ TEST(SecToken, PrintRejectsBadTokensAndOutputs) {
     EXPECT_EQ(t, nullptr);
 }
 
-TEST(SecMessages, TableHasDistinctNumbersAndTheFixedFirstLines) {
+// The other messages' texts are checked where the operations report them.
+TEST(SecMessages, DistinctNumbersAndTheFirstLinesNoOperationHereReports) {
     using znhas::SecMsg;
-    struct Case {
-        SecMsg id;
-        const char* firstLine;
+    auto firstLine = [](SecMsg id) {
+        std::string t = znhas::secMessage(id).text;
+        return t.substr(0, t.find('\n'));
     };
-    const Case cases[] = {
-        {SecMsg::BadParam, "2650-951 libzn_has Failure: incorrect parameters provided to %1$s."},
-        {SecMsg::NoMemory, "2650-952 libzn_has Memory allocation failure in %1$s."},
-        {SecMsg::Internal, "2650-953 libzn_has Internal failure detected in %1$s."},
-        {SecMsg::FileAccess,
-         "2650-958 libzn_has Failure: Security file access failure.  A failure"},
-        {SecMsg::NotFound, "2650-949 libzn_has Failure: Cannot locate a host identifier token"},
-        {SecMsg::Corrupted, "2650-959 libzn_has Failure: Trusted host list file corrupted."},
-        {SecMsg::NoSpace, "2650-960 libzn_has Failure: No space left in %2$s."},
-        {SecMsg::Oversized,
-         "2650-986 znsthl Failure: This command is unable to access the trusted"},
-        {SecMsg::LockFailed,
-         "2650-978 libzn_has Failure: cannot lock trusted host list or key file."},
-    };
-    std::vector<int> numbers;
-    for (const auto& c : cases) {
-        const auto& m = znhas::secMessage(c.id);
-        std::string text = m.text;
-        EXPECT_EQ(text.substr(0, text.find('\n')), c.firstLine);
-        EXPECT_EQ(std::count(numbers.begin(), numbers.end(), m.number), 0) << m.number;
-        numbers.push_back(m.number);
+    EXPECT_EQ(firstLine(SecMsg::NoMemory), "2650-952 libzn_has Memory allocation failure in %1$s.");
+    EXPECT_EQ(firstLine(SecMsg::Internal), "2650-953 libzn_has Internal failure detected in %1$s.");
+    std::set<int> numbers;
+    for (SecMsg id : {SecMsg::BadParam, SecMsg::NoMemory, SecMsg::Internal, SecMsg::FileAccess,
+                      SecMsg::NotFound, SecMsg::Corrupted, SecMsg::NoSpace, SecMsg::Oversized,
+                      SecMsg::LockFailed}) {
+        EXPECT_TRUE(numbers.insert(znhas::secMessage(id).number).second) << static_cast<int>(id);
     }
 }
 
