@@ -22,6 +22,7 @@
 #include "tarn_rmf/RMCommonErrors.h"
 #include "tarn_rmf2v/RMLocks.h"
 #include "tarn_rmf2v/RMRmcp.h"
+#include "tests/support/Subprocess.h"
 #include "tests/support/TempDir.h"
 #include "znpex/proto/FrameIo.h"
 #include "znpex/proto/JsonRpc.h"
@@ -223,17 +224,6 @@ public:
     std::vector<std::string> peers;
 };
 
-bool waitUntil(const std::function<bool()>& cond, int ms = 5000) {
-    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    while (!cond()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
-
 class ServiceConnectionTest : public ::testing::Test {
 protected:
     ServiceConnectionTest() : root_(true) {
@@ -255,6 +245,10 @@ protected:
         conn_ = std::make_unique<RMServiceConnection>(rmcp_, options_);
         conn_->start();
     }
+    bool connectAndWait() {
+        connect();
+        return testsupport::waitFor([&] { return conn_->connected(); });
+    }
 
     testsupport::TempDir root_;
     PeerRmcp rmcp_;
@@ -274,7 +268,7 @@ TEST_F(ServiceConnectionTest, RegistersItsNameAndEveryClass) {
     EXPECT_EQ(def["class"], kClass);
     EXPECT_EQ(def["persistent"][0]["name"], "Name");
     EXPECT_EQ(def["classActions"][0]["id"], 9);
-    ASSERT_TRUE(waitUntil([&] { return conn_->connected(); }));
+    ASSERT_TRUE(testsupport::waitFor([&] { return conn_->connected(); }));
     EXPECT_EQ(rmcp_.serviceLink(), conn_.get());
     EXPECT_EQ(rccp_->established.load(), 1);
     EXPECT_EQ(conn_->registrations(), 1u);
@@ -282,8 +276,7 @@ TEST_F(ServiceConnectionTest, RegistersItsNameAndEveryClass) {
 
 TEST_F(ServiceConnectionTest, RequestsReachTheControlPointAndRepliesComeBack) {
     FakeService service;
-    connect();
-    ASSERT_TRUE(waitUntil([&] { return conn_->connected(); }));
+    ASSERT_TRUE(connectAndWait());
     service.send(proto::makeRequest(7, "rm.enumerateResources",
                                     Json{{"class", kClass}, {"identity", "root@LOCALHOST"}}));
     RpcMessage r;
@@ -350,7 +343,7 @@ TEST_F(ServiceConnectionTest, NotificationsAndPeerMessages) {
     service.send(proto::makeNotification("peer.received",
                                          Json{{"type", 5}, {"subtype", 1}, {"data", "aGVsbG8="}}));
     service.send(proto::makeNotification("rm.connectionChanged", Json{{"connected", true}}));
-    ASSERT_TRUE(waitUntil([&] {
+    ASSERT_TRUE(testsupport::waitFor([&] {
         std::lock_guard<std::mutex> g(rmcp_.mu);
         return !rmcp_.peers.empty();
     }));
@@ -360,13 +353,13 @@ TEST_F(ServiceConnectionTest, NotificationsAndPeerMessages) {
 
 TEST_F(ServiceConnectionTest, ReconnectsAfterLossAndTellsTheControlPoint) {
     FakeService service;
-    connect();
-    ASSERT_TRUE(waitUntil([&] { return conn_->connected(); }));
+    ASSERT_TRUE(connectAndWait());
     for (int round = 1; round <= 3; ++round) {
         SCOPED_TRACE(round);
         service.dropConnection();
-        ASSERT_TRUE(waitUntil([&] { return rccp_->lost.load() == round; }));
-        ASSERT_TRUE(waitUntil([&] { return conn_->registrations() == uint64_t(round) + 1; }));
+        ASSERT_TRUE(testsupport::waitFor([&] { return rccp_->lost.load() == round; }));
+        ASSERT_TRUE(
+            testsupport::waitFor([&] { return conn_->registrations() == uint64_t(round) + 1; }));
         EXPECT_EQ(rccp_->established.load(), round + 1);
         EXPECT_EQ(rmcp_.serviceLink(), conn_.get());
     }
@@ -383,14 +376,13 @@ TEST_F(ServiceConnectionTest, FindsAServiceThatStartsLater) {
     EXPECT_EQ(rmcp_.serviceLink(), nullptr);
     EXPECT_EQ(rccp_->lost.load(), 0);  // never connected, nothing lost
     FakeService service;
-    ASSERT_TRUE(waitUntil([&] { return conn_->connected(); }));
+    ASSERT_TRUE(testsupport::waitFor([&] { return conn_->connected(); }));
     EXPECT_EQ(rccp_->established.load(), 1);
 }
 
 TEST_F(ServiceConnectionTest, RefusedRegistrationIsTriedAgain) {
     FakeService service(/*refuseFirst=*/2);
-    connect();
-    ASSERT_TRUE(waitUntil([&] { return conn_->connected(); }));
+    ASSERT_TRUE(connectAndWait());
     EXPECT_EQ(service.attempts(), 3);
     EXPECT_EQ(conn_->registrations(), 1u);
     EXPECT_EQ(rccp_->established.load(), 1);
@@ -399,14 +391,13 @@ TEST_F(ServiceConnectionTest, RefusedRegistrationIsTriedAgain) {
 
 TEST_F(ServiceConnectionTest, ReplyMeantForAReplacedConnectionIsDropped) {
     FakeService service;
-    connect();
-    ASSERT_TRUE(waitUntil([&] { return conn_->connected(); }));
+    ASSERT_TRUE(connectAndWait());
     service.send(proto::makeRequest(
         5, "rm.invokeClassAction",
         Json{{"class", kClass}, {"actionId", 9}, {"input", {{"t", 11}, {"v", Json::array()}}}}));
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     service.dropConnection();
-    ASSERT_TRUE(waitUntil([&] { return conn_->registrations() == 2; }));
+    ASSERT_TRUE(testsupport::waitFor([&] { return conn_->registrations() == 2; }));
     rccp_->release();
     RpcMessage r;
     EXPECT_FALSE(service.takeReply(5, &r, 300));
@@ -419,8 +410,7 @@ TEST_F(ServiceConnectionTest, AServiceThatStopsReadingNeverBlocksTheSenders) {
     options_.maxQueuedBytes = 256 << 10;
     options_.stallTimeout = std::chrono::milliseconds(500);
     FakeService service;
-    connect();
-    ASSERT_TRUE(waitUntil([&] { return conn_->connected(); }));
+    ASSERT_TRUE(connectAndWait());
     service.pause(true);
     std::vector<unsigned char> big(64 << 10, 'x');
     auto start = std::chrono::steady_clock::now();
@@ -430,9 +420,9 @@ TEST_F(ServiceConnectionTest, AServiceThatStopsReadingNeverBlocksTheSenders) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
     EXPECT_GT(conn_->dropped(), 0u);  // what did not fit was dropped, not kept
     // The stuck connection is given up and made again once the service reads.
-    ASSERT_TRUE(waitUntil([&] { return rccp_->lost.load() == 1; }));
+    ASSERT_TRUE(testsupport::waitFor([&] { return rccp_->lost.load() == 1; }));
     service.pause(false);
-    ASSERT_TRUE(waitUntil([&] { return conn_->registrations() == 2; }));
+    ASSERT_TRUE(testsupport::waitFor([&] { return conn_->registrations() == 2; }));
 }
 
 }  // namespace
