@@ -146,12 +146,8 @@ TEST(RegistryClassUsage, ASelectionStringIsValidatedAgainstTheManagedNodeColumns
     // with the position, and "*" needs no query.
     RMCachedTable* t = groups.table();
     EXPECT_NO_THROW(t->checkSelection("Name =~ \"^c\" && ValidateNodes == 1"));
-    try {
-        t->checkSelection("Name == \"x\" && Hostnme == \"y\"");
-        FAIL() << "accepted";
-    } catch (const RMTableError& e) {
-        EXPECT_STREQ(e.what(), "Selection error at position 16: unknown attribute \"Hostnme\"");
-    }
+    EXPECT_EQ(regtest::thrown([&] { t->checkSelection("Name == \"x\" && Hostnme == \"y\""); }).what,
+              "Selection error at position 16: unknown attribute \"Hostnme\"");
 }
 
 }  // namespace

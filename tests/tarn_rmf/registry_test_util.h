@@ -7,6 +7,7 @@
 #include "platform/paths.h"
 #include "platform/zn_types.h"
 #include "tarn_rmf/registry/RMBaseTable.h"
+#include "tarn_rmf/registry/RMTableError.h"
 #include "tests/support/TempDir.h"
 
 namespace regtest {
@@ -34,6 +35,22 @@ private:
     zn_data_type_t type_ = ZN_NONE;
     zn_value_t v_{};
 };
+
+// What a registry call threw: code 0 and no text when it threw nothing.
+struct Thrown {
+    tarn_rmf::RMTableErrc errc{};
+    std::string what = "(nothing thrown)";
+    bool says(const std::string& part) const { return what.find(part) != std::string::npos; }
+};
+template <typename F>
+Thrown thrown(F&& f) {
+    try {
+        f();
+    } catch (const tarn_rmf::RMTableError& e) {
+        return {e.errc(), e.what()};
+    }
+    return {};
+}
 
 inline tarn_rmf::RMFieldValue field(const char* name, const char* s) {
     return {name, -1, ZN_CHAR_PTR, zn_value_t{.ptr_char = const_cast<char*>(s)}};

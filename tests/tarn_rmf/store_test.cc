@@ -113,13 +113,9 @@ TEST_F(RegistryStore, WriteThroughAndSyncedChangesOutliveTheProcessAndDeferredOn
 TEST_F(RegistryStore, ASecondTreeOnTheSameDirectoryIsKeptOut) {
     auto tree = openTree();
     RMTree second(zn::paths::kRegistryTree);
-    try {
-        second.mountTree();
-        FAIL() << "a second tree mounted the same store";
-    } catch (const RMTableError& e) {
-        EXPECT_EQ(e.errc(), RMTableErrc::kStorage);
-        EXPECT_NE(std::string(e.what()).find("locked"), std::string::npos) << e.what();
-    }
+    auto e = regtest::thrown([&] { second.mountTree(); });
+    EXPECT_EQ(e.errc, RMTableErrc::kStorage);
+    EXPECT_TRUE(e.says("locked")) << e.what;
 }
 
 TEST_F(RegistryStore, ClassTablesHaveOneRowOfDefaultsAndWriteThrough) {
@@ -196,12 +192,9 @@ TEST_F(RegistryStore, DefinitionsThatDisagreeWithTheStoreOrThemselvesAreRefused)
         {"relative path", "T/rel", kV1, 3, nullptr, RMTableErrc::kBadDefinition},
     };
     for (const Case& c : cases) {
-        try {
-            RMCreateResourceTable(tree.get(), c.path, c.defs, c.count, c.key, nullptr, 0);
-            ADD_FAILURE() << c.label << ": accepted";
-        } catch (const RMTableError& e) {
-            EXPECT_EQ(e.errc(), c.errc) << c.label << ": " << e.what();
-        }
+        auto e = regtest::thrown(
+            [&] { RMCreateResourceTable(tree.get(), c.path, c.defs, c.count, c.key, nullptr, 0); });
+        EXPECT_EQ(e.errc, c.errc) << c.label << ": " << e.what;
     }
     EXPECT_THROW(RMCreateResourceTable(tree.get(), "/T/opt", kV1, 3, nullptr, nullptr, 2),
                  RMTableError);
@@ -238,36 +231,23 @@ TEST_F(RegistryStore, ReopeningAnOpenTableSharesItOnlyWithTheSameDefinition) {
     RMCachedTable* a = open(*tree, kV1, 3);
     RMCachedTable* b = open(*tree, kV1, 3);
     EXPECT_EQ(a, b);
-    try {
-        open(*tree, kV1, 3, "Name == \"x\"");
-        FAIL() << "accepted";
-    } catch (const RMTableError& e) {
-        EXPECT_EQ(e.errc(), RMTableErrc::kAlreadyOpen);
-    }
+    EXPECT_EQ(regtest::thrown([&] { open(*tree, kV1, 3, "Name == \"x\""); }).errc,
+              RMTableErrc::kAlreadyOpen);
     tree->closeTable(b);
     addGroup(a, 1, "still open", 1);  // one use is left
     tree->closeTable(a);
     tree->unmountTree();
     EXPECT_FALSE(tree->isMounted());
-    try {
-        open(*tree, kV1, 3);
-        FAIL() << "opened on an unmounted tree";
-    } catch (const RMTableError& e) {
-        EXPECT_EQ(e.errc(), RMTableErrc::kNotMounted);
-    }
+    EXPECT_EQ(regtest::thrown([&] { open(*tree, kV1, 3); }).errc, RMTableErrc::kNotMounted);
 }
 
 TEST_F(RegistryStore, AFileThatIsNoDatabaseIsAStorageError) {
     ASSERT_EQ(zn::paths::ensureParentDir(dbFile()), 0);
     std::ofstream(dbFile()) << "this is not a database, just some text that is long enough";
     RMTree tree(zn::paths::kRegistryTree);
-    try {
-        tree.mountTree();
-        FAIL() << "mounted";
-    } catch (const RMTableError& e) {
-        EXPECT_EQ(e.errc(), RMTableErrc::kStorage);
-        EXPECT_NE(std::string(e.what()).find("not a database"), std::string::npos) << e.what();
-    }
+    auto e = regtest::thrown([&] { tree.mountTree(); });
+    EXPECT_EQ(e.errc, RMTableErrc::kStorage);
+    EXPECT_TRUE(e.says("not a database")) << e.what;
     EXPECT_FALSE(tree.isMounted());
 }
 
@@ -298,15 +278,9 @@ TEST_F(RegistryStore, ADamagedRowStopsTheOpenAndNamesTheRow) {
         ASSERT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
         sqlite3_close(db);
         tree = openTree();
-        try {
-            open(*tree, kV1, 3);
-            ADD_FAILURE() << c.blob << ": opened";
-        } catch (const RMTableError& e) {
-            EXPECT_EQ(e.errc(), RMTableErrc::kDamagedRow);
-            std::string text = e.what();
-            EXPECT_NE(text.find("row " + std::to_string(bad)), std::string::npos) << text;
-            EXPECT_NE(text.find(c.detail), std::string::npos) << text;
-        }
+        auto e = regtest::thrown([&] { open(*tree, kV1, 3); });
+        EXPECT_EQ(e.errc, RMTableErrc::kDamagedRow) << c.blob;
+        EXPECT_TRUE(e.says("row " + std::to_string(bad)) && e.says(c.detail)) << e.what;
         tree.reset();
     }
 }
