@@ -9,6 +9,7 @@
 
 #include "tarn_base/CDaemon.h"
 #include "tarn_base/CTraceManager.h"
+#include "tests/support/Subprocess.h"
 
 namespace {
 
@@ -38,15 +39,11 @@ TEST(CDaemon, SignalsDriveRefreshTraceAndStop) {
         started.wait();
         kill(getpid(), SIGHUP);
         kill(getpid(), SIGUSR1);
-        for (int i = 0; i < 500 && comp->level(1) != 255; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-        EXPECT_EQ(comp->level(1), 255u) << "full trace after SIGUSR1";
+        EXPECT_TRUE(testsupport::waitFor([&] { return comp->level(1) == 255; }))
+            << "full trace after SIGUSR1";
         kill(getpid(), SIGUSR2);
-        for (int i = 0; i < 500 && comp->level(1) != 0; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-        EXPECT_EQ(comp->level(1), 0u) << "default trace after SIGUSR2";
+        EXPECT_TRUE(testsupport::waitFor([&] { return comp->level(1) == 0; }))
+            << "default trace after SIGUSR2";
         kill(getpid(), SIGTERM);
     });
     int status = d.handleSRC(0);

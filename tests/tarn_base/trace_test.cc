@@ -1,10 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "tarn_base/CTraceManager.h"
+#include "tests/support/Subprocess.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -14,7 +13,9 @@ using tarn_base::tr_category_description;
 
 const tr_category_description kCats[] = {{"Errors"}, {"Info"}};
 
-tarn_base::CTraceComponent* comp(const char* id) { return CTraceManager::newComponent(id, kCats, 2); }
+tarn_base::CTraceComponent* comp(const char* id) {
+    return CTraceManager::newComponent(id, kCats, 2);
+}
 
 TEST(TraceSpec, LevelsFollowTheSpecificationLaterRulesWin) {
     auto* ovd = comp("_OVDt");
@@ -72,10 +73,7 @@ TEST(TraceFile, RecordsGoToABoundedFileWithOneOldGeneration) {
     ASSERT_TRUE(std::filesystem::exists(path + ".1"));
     EXPECT_LE(std::filesystem::file_size(path), 4096u);
     EXPECT_LE(std::filesystem::file_size(path + ".1"), 4096u);
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    EXPECT_NE(ss.str().find("_FILEt Info: record 0499"), std::string::npos);
+    EXPECT_NE(testsupport::readFile(path).find("_FILEt Info: record 0499"), std::string::npos);
 }
 
 TEST(TraceFile, DisabledCategoryWritesNothing) {
@@ -87,8 +85,7 @@ TEST(TraceFile, DisabledCategoryWritesNothing) {
     c->writef(1, "not written %d", 1);
     c->writef(0, "written %d", 2);
     CTraceManager::setFile("");
-    std::ifstream in(path);
-    std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::string all = testsupport::readFile(path);
     EXPECT_EQ(all.find("not written"), std::string::npos);
     EXPECT_NE(all.find("_OFFt Errors: written 2"), std::string::npos);
 }
