@@ -39,8 +39,8 @@ protected:
         Bytes key;
         if (r == 0) {
             const auto* p = static_cast<const uint8_t*>(t->value);
-            EXPECT_EQ(be32(Bytes(p, p + 8), 0), 0xC5EC0001U);
-            key.assign(p + 8, p + t->length);
+            EXPECT_EQ(be32(Bytes(p, p + 4), 0), 0xC5EC0001U);
+            key = znhas_test::tokenKey(t);
         }
         sec_release_host_token(&t);
         return key;

@@ -86,51 +86,37 @@ TEST(BnSquare, KaratsubaMatchesSchoolbookAtEverySplit) {
     }
 }
 
+// Operands chosen for each path of the long division; OpenSSL gives the answers.
 TEST(BnDivide, OneLimbAndFullWidthDivisors) {
-    struct Case {
-        const char* a;
-        const char* b;
-        const char* q;
-        const char* r;
-    };
-    const Case cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         // one-limb divisors
-        {"ffffffffffffffffffffffffffffffff", "ffffffffffffffff", "10000000000000001", "0"},
-        {"123456789abcdef0123456789abcdef", "1", "123456789abcdef0123456789abcdef", "0"},
-        {"10000000000000000", "3", "5555555555555555", "1"},
+        {"ffffffffffffffffffffffffffffffff", "ffffffffffffffff"},
+        {"123456789abcdef0123456789abcdef", "1"},
+        {"10000000000000000", "3"},
         // divisor as wide as the dividend
-        {"ffffffffffffffffffffffffffffffff", "80000000000000000000000000000000", "1",
-         "7fffffffffffffffffffffffffffffff"},
-        {"ffffffffffffffffffffffffffffffff", "ffffffffffffffffffffffffffffffff", "1", "0"},
-        {"fffffffffffffffffffffffffffffffe", "ffffffffffffffffffffffffffffffff", "0",
-         "fffffffffffffffffffffffffffffffe"},
+        {"ffffffffffffffffffffffffffffffff", "80000000000000000000000000000000"},
+        {"ffffffffffffffffffffffffffffffff", "ffffffffffffffffffffffffffffffff"},
+        {"fffffffffffffffffffffffffffffffe", "ffffffffffffffffffffffffffffffff"},
         // quotient estimate needs correcting (top limbs equal)
-        {"7fffffffffffffff00000000000000000000000000000000", "7fffffffffffffffffffffffffffffff",
-         "fffffffffffffffe", "fffffffffffffffe"},
-        {"ffffffffffffffff0000000000000000", "ffffffffffffffff0000000000000001", "0",
-         "ffffffffffffffff0000000000000000"},
-        {"1000000000000000000000000000000000000000000000000", "10000000000000001",
-         "ffffffffffffffff0000000000000000", "10000000000000000"},
+        {"7fffffffffffffff00000000000000000000000000000000", "7fffffffffffffffffffffffffffffff"},
+        {"ffffffffffffffff0000000000000000", "ffffffffffffffff0000000000000001"},
+        {"1000000000000000000000000000000000000000000000000", "10000000000000001"},
         // the first quotient estimate is one too large and v is added back
         {"7fffffffffffffff800000000000000000000000000000000000000000000000",
-         "800000000000000000000000000000000000000000000001", "fffffffffffffffe",
-         "7fffffffffffffffffffffffffffffff0000000000000002"},
-        {"0", "5", "0", "0"},
+         "800000000000000000000000000000000000000000000001"},
+        {"0", "5"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.a) + " / " + c.b);
+    OCtx ctx(BN_CTX_new());
+    for (const auto& [a, b] : cases) {
+        SCOPED_TRACE(std::string(a) + " / " + b);
         Bn q;
         Bn r;
-        ASSERT_TRUE(vok::bn_divmod(hex(c.a), hex(c.b), &q, &r));
-        // Checked against OpenSSL too, in case a table row is wrong.
-        OCtx ctx(BN_CTX_new());
+        ASSERT_TRUE(vok::bn_divmod(hex(a), hex(b), &q, &r));
         OBn oq(BN_new());
         OBn orr(BN_new());
-        BN_div(oq.get(), orr.get(), toOssl(hex(c.a)).get(), toOssl(hex(c.b)).get(), ctx.get());
+        BN_div(oq.get(), orr.get(), toOssl(hex(a)).get(), toOssl(hex(b)).get(), ctx.get());
         EXPECT_TRUE(sameAs(q, oq.get()));
         EXPECT_TRUE(sameAs(r, orr.get()));
-        EXPECT_EQ(vok::bn_to_hex(q), vok::bn_to_hex(hex(c.q)));
-        EXPECT_EQ(vok::bn_to_hex(r), vok::bn_to_hex(hex(c.r)));
     }
     Bn q(9);
     EXPECT_FALSE(vok::bn_divmod(Bn(5), Bn(), &q, nullptr));

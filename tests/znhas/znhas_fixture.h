@@ -99,6 +99,12 @@ inline Bytes keyOf(size_t n, uint8_t seed) {
     return k;
 }
 
+// The key a token carries after its 8-byte head.
+inline Bytes tokenKey(sec_buffer_t t) {
+    const auto* p = static_cast<const uint8_t*>(t->value);
+    return Bytes(p + 8, p + t->length);
+}
+
 // Owns a token made from a key, released at scope end.
 struct Token {
     sec_buffer_t t = nullptr;
@@ -110,10 +116,6 @@ struct Token {
     ~Token() { sec_release_host_token(&t); }
     Token(const Token&) = delete;
     Token& operator=(const Token&) = delete;
-    Bytes key() const {
-        const auto* p = static_cast<const uint8_t*>(t->value);
-        return Bytes(p + 8, p + t->length);
-    }
 };
 
 class ZnhasTest : public ::testing::Test {
