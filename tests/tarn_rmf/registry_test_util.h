@@ -2,6 +2,7 @@
 // owned values that free themselves, and field builders.
 #pragma once
 
+#include <set>
 #include <string>
 
 #include "platform/paths.h"
@@ -40,6 +41,8 @@ private:
 struct Thrown {
     tarn_rmf::RMTableErrc errc{};
     std::string what = "(nothing thrown)";
+    std::string catalog;  // of the error carried
+    int msgNum = 0;
     bool says(const std::string& part) const { return what.find(part) != std::string::npos; }
 };
 template <typename F>
@@ -47,7 +50,9 @@ Thrown thrown(F&& f) {
     try {
         f();
     } catch (const tarn_rmf::RMTableError& e) {
-        return {e.errc(), e.what()};
+        const cu_error_t* err = e.getError();
+        return {e.errc(), e.what(), err != nullptr ? err->cu_msg_cat : "",
+                err != nullptr ? err->cu_msg_num : 0};
     }
     return {};
 }
@@ -82,6 +87,15 @@ inline zn_resource_handle handle(unsigned n) {
 inline std::string text(const tarn_rmf::RMRowSet& rs, unsigned row, const char* name) {
     Owned v(ZN_CHAR_PTR, rs.getField(row, name));
     return v.str();
+}
+
+// The "Name" column of every row.
+inline std::set<std::string> names(const tarn_rmf::RMRowSet& rs) {
+    std::set<std::string> out;
+    for (unsigned i = 0; i < rs.getRowCount(); ++i) {
+        out.insert(text(rs, i, "Name"));
+    }
+    return out;
 }
 
 inline uint64_t number(const tarn_rmf::RMRowSet& rs, unsigned row, const char* name) {

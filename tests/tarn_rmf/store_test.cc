@@ -58,13 +58,6 @@ protected:
         std::free(ids);
         return id;
     }
-    std::set<std::string> names(const RMRowSet& rs) {
-        std::set<std::string> out;
-        for (unsigned i = 0; i < rs.getRowCount(); ++i) {
-            out.insert(regtest::text(rs, i, "Name"));
-        }
-        return out;
-    }
     std::string dbFile() const { return root_.dir() + zn::paths::kRegistryTree + "/registry.db"; }
 
     regtest::TempRoot root_;
@@ -95,7 +88,7 @@ TEST_F(RegistryStore, WriteThroughAndSyncedChangesOutliveTheProcessAndDeferredOn
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     auto tree = openTree();
     RMCachedTable* t = open(*tree, kV1, 3);
-    EXPECT_EQ(names(t->getMetadata()),
+    EXPECT_EQ(regtest::names(t->getMetadata()),
               (std::set<std::string>{"deferred then flushed", "through", "synced"}));
     // Deferred deletes and changes reach the store on close.
     t->deleteRows("Name == \"through\"");
@@ -105,7 +98,8 @@ TEST_F(RegistryStore, WriteThroughAndSyncedChangesOutliveTheProcessAndDeferredOn
     tree.reset();
     tree = openTree();
     t = open(*tree, kV1, 3);
-    EXPECT_EQ(names(t->getMetadata()), (std::set<std::string>{"deferred then flushed", "renamed"}));
+    EXPECT_EQ(regtest::names(t->getMetadata()),
+              (std::set<std::string>{"deferred then flushed", "renamed"}));
     EXPECT_EQ(tree->checkIntegrity(), "ok");
     tree->closeTable(t);
 }

@@ -43,13 +43,6 @@ protected:
                             field64("UniversalId", 1000 + n), field("IPAddress", ip)};
         return table_->addRow(v, std::size(v));
     }
-    std::set<std::string> names(const RMRowSet& rs) {
-        std::set<std::string> out;
-        for (unsigned i = 0; i < rs.getRowCount(); ++i) {
-            out.insert(regtest::text(rs, i, "Name"));
-        }
-        return out;
-    }
 
     regtest::TempRoot root_;
     RMTree tree_{zn::paths::kRegistryTree};
@@ -106,7 +99,7 @@ TEST_F(RegistryTable, ChangesAndDeletesApplyToEverySelectedRowAndKeepIndexesCurr
     RMFieldValue v[] = {field("IPAddress", "10.9.9.9"), field("Mode", "Managed")};
     EXPECT_EQ(table_->changeRows("IPAddress==\"10.0.0.1\"", nullptr, v, 2), 2u);
     EXPECT_EQ(table_->select("IPAddress==\"10.0.0.1\"").getRowCount(), 0u);
-    EXPECT_EQ(names(table_->select("IPAddress==\"10.9.9.9\" && Mode == \"Managed\"")),
+    EXPECT_EQ(regtest::names(table_->select("IPAddress==\"10.9.9.9\" && Mode == \"Managed\"")),
               (std::set<std::string>{"a", "b"}));
     EXPECT_EQ(table_->changeRows("Name == \"zzz\"", nullptr, v, 2), 0u);
     EXPECT_EQ(table_->deleteRows("IPAddress IN {\"10.9.9.9\", \"10.0.0.2\"}"), 3u);
@@ -171,7 +164,7 @@ TEST_F(RegistryTable, BadWritesAreRefusedAndChangeNothing) {
     EXPECT_THROW(table_->changeRows("*", nullptr, clash, 1), RMTableError);
     RMFieldValue taken[] = {field("ResourceHandle", dup)};
     EXPECT_THROW(table_->changeRows("Name == \"b\"", nullptr, taken, 1), RMTableError);
-    EXPECT_EQ(names(table_->select("*")), (std::set<std::string>{"a", "b"}));
+    EXPECT_EQ(regtest::names(table_->select("*")), (std::set<std::string>{"a", "b"}));
     // Changing a row to its own key is fine.
     EXPECT_EQ(table_->changeRows("Name == \"a\"", nullptr, taken, 1), 1u);
     // Selection errors surface from every operation that takes one.
@@ -218,7 +211,8 @@ TEST_F(RegistryTable, IndexedLookupsAgreeWithFullScansThroughChurn) {
         std::string indexed = "Name == \"" + name + "\"";
         // "x || x" with a non-indexed side forces a scan over the same meaning.
         std::string scanned = "Name == \"" + name + "\" || Mode == \"no such mode\"";
-        EXPECT_EQ(names(table_->select(indexed.c_str())), names(table_->select(scanned.c_str())))
+        EXPECT_EQ(regtest::names(table_->select(indexed.c_str())),
+                  regtest::names(table_->select(scanned.c_str())))
             << name;
         std::string byId = "UniversalId == " + std::to_string(1000 + rng() % 3000);
         std::string byIdScan = byId + " || Mode == \"none\"";
