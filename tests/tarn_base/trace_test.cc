@@ -17,7 +17,7 @@ tarn_base::CTraceComponent* comp(const char* id) {
     return CTraceManager::newComponent(id, kCats, 2);
 }
 
-TEST(TraceSpec, LevelsFollowTheSpecificationLaterRulesWin) {
+TEST(TraceLevels, FollowTheSettingAndLaterRulesWin) {
     auto* ovd = comp("_OVDt");
     auto* rmf = comp("_RMFt");
     struct Case {
@@ -38,7 +38,7 @@ TEST(TraceSpec, LevelsFollowTheSpecificationLaterRulesWin) {
     }
 }
 
-TEST(TraceSpec, MalformedSpecificationsChangeNothing) {
+TEST(TraceLevels, MalformedSettingsChangeNothing) {
     auto* c = comp("_BADt");
     ASSERT_TRUE(CTraceManager::setSpec("_BADt:Info=3"));
     for (const char* bad : {"_BADt:Info", "_BADt=3", "Info=3:_BADt", "_BADt:Info=256",
@@ -49,7 +49,7 @@ TEST(TraceSpec, MalformedSpecificationsChangeNothing) {
     EXPECT_EQ(CTraceManager::spec(), "_BADt:Info=3");
 }
 
-TEST(TraceSpec, ComponentsRegisteredLaterGetTheCurrentLevels) {
+TEST(TraceLevels, ComponentsRegisteredLaterGetTheCurrentLevels) {
     ASSERT_TRUE(CTraceManager::setSpec("_LATEt:Info=4"));
     auto* c = comp("_LATEt");
     EXPECT_EQ(c->level(1), 4u);
