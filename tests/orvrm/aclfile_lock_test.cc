@@ -1,16 +1,15 @@
 // Locking of the ACL editor: the record lock held by another process (given
-// up after three tries a second apart, or taken once it is free), the
-// process-wide mutex serialising threads, and locks always given back.
+// up after three tries a second apart, or taken once it is free), and locks
+// always given back. Threads and processes editing at once are in the
+// concurrency test.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <set>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "orvrm/ACLFile.h"
 #include "orvrm/StanzaEntry.h"
@@ -118,38 +117,6 @@ TEST(ACLFileLock, EveryOutcomeGivesTheLocksBack) {
     ASSERT_EQ(pthread_mutex_trylock(&ACLFile::_file_mutex), 0);
     pthread_mutex_unlock(&ACLFile::_file_mutex);
     ACLFile::setLockRetryDelay(previous);
-}
-
-TEST(ACLFileLock, ThreadsOfOneProcessNeverInterleave) {
-    AclTestRoot root;
-    writeFile(root.file(), kList);
-    constexpr int kThreads = 6;
-    constexpr int kEdits = 8;
-    std::vector<std::thread> threads;
-    std::vector<int> failures(kThreads, 0);
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([t, &failures] {
-            ACLFile f(nullptr);  // one object per thread, as callers do
-            for (int i = 0; i < kEdits; ++i) {
-                if (addOne(f, "t" + std::to_string(t) + "e" + std::to_string(i)) != 0) {
-                    ++failures[t];
-                }
-            }
-        });
-    }
-    for (auto& th : threads) {
-        th.join();
-    }
-    std::string text = readFile(root.file());
-    std::vector<std::string> ids = testsupport::stanzaIdentities(text, "S");
-    std::set<std::string> seen(ids.begin(), ids.end());
-    for (int t = 0; t < kThreads; ++t) {
-        EXPECT_EQ(failures[t], 0) << "thread " << t;
-    }
-    EXPECT_EQ(seen.size(), static_cast<size_t>(kThreads * kEdits) + 1);  // and "keep"
-    EXPECT_EQ(ids.size(), seen.size()) << "each entry once";
-    EXPECT_EQ(ids.back(), "keep");
-    EXPECT_EQ(text.substr(0, 6), "OTHER\n");
 }
 
 }  // namespace
