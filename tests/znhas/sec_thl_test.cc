@@ -200,16 +200,13 @@ TEST_F(ThlTest, DamagedListsAreReportedNotRead) {
     }
 }
 
-TEST_F(ThlTest, SlotsUpTo4092BytesAreRead) {
+TEST_F(ThlTest, RecordsUpTo4092BytesAreReadAndStoredLargerOnesAreNot) {
     Bytes file = thlRecord("x", keyOf(4, 3), 8193, 1, 4092);
     Bytes live = thlRecord("big", keyOf(4092 - 28 - 4, 5));
     ASSERT_EQ(live.size(), 4092U);
     file.insert(file.end(), live.begin(), live.end());
     writeBytes(thl_, file);
     EXPECT_EQ(lookup("big"), keyOf(4092 - 28 - 4, 5));
-}
-
-TEST_F(ThlTest, RecordsOver4092BytesAreNotStored) {
     ASSERT_EQ(store("a", keyOf(4092 - 28 - 2, 1)), 0) << "exactly 4092";
     const Bytes before = readBytes(thl_);
     EXPECT_EQ(store("b", keyOf(4092 - 28 - 2 + 1, 1)), ZNHAS_E_FILE);
