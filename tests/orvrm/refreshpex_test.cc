@@ -1,76 +1,41 @@
 #include "orvrm/refreshpex.h"
 
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <string>
-#include <thread>
 
 #include "orvrm/pexaclrefresh.h"
-#include "platform/paths.h"
 #include "tests/support/TempDir.h"
-#include "znpex/proto/FrameIo.h"
-#include "znpex/proto/JsonRpc.h"
+#include "tests/tarn_rmf2v/FakePexService.h"
 
 namespace {
 
 namespace proto = znpex::proto;
+using proto::RpcMessage;
 
-// Stands in for the service on its local socket: takes one connection, reads
-// one request and answers with `reply` (nothing when empty, until the caller
-// gives up and closes).
-class OneShotService {
+// The service answering every request with `reply`, its "ID" replaced by the
+// request's id (nothing when empty: the caller waits and gives up).
+class OneShotService : public testsupport::FakePexService {
 public:
-    // `method` receives what was asked; read it after this object is gone.
-    OneShotService(std::string reply, std::string* method)
-        : reply_(std::move(reply)), method_(method) {
-        std::string path = zn::paths::resolve(zn::paths::kPexSocket);
-        EXPECT_EQ(zn::paths::ensureParentDir(path), 0);
-        fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-        EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
-        EXPECT_EQ(::listen(fd_, 4), 0);
-        thread_ = std::thread([this] { serve(); });
+    explicit OneShotService(std::string reply) : reply_(std::move(reply)) {
+        start([this](const RpcMessage& m) -> std::optional<std::string> {
+            if (reply_.empty()) {
+                return std::nullopt;
+            }
+            std::string text = reply_;
+            return text.replace(text.find("ID"), 2, proto::dumpJson(m.id));
+        });
     }
-    ~OneShotService() {
-        thread_.join();
-        ::close(fd_);
+    ~OneShotService() { stop(); }
+    // The method of the request, once one came.
+    std::string method() {
+        RpcMessage m;
+        return take([](const RpcMessage&) { return true; }, &m) ? m.method : "(none)";
     }
 
 private:
-    void serve() {
-        int c = ::accept(fd_, nullptr, nullptr);
-        if (c < 0) {
-            return;
-        }
-        proto::FdFrameReader reader(c);
-        std::string payload;
-        if (reader.next(payload, 5000) == proto::IoStatus::Ok) {
-            proto::RpcMessage m = proto::parseMessage(payload);
-            *method_ = m.method;
-            if (!reply_.empty()) {
-                std::string text = reply_;
-                // The reply names the request's id.
-                text.replace(text.find("ID"), 2, proto::dumpJson(m.id));
-                proto::writeFrame(c, text, 5000);
-            }
-        }
-        // Wait for the caller to close, so an unanswered request really waits.
-        char b;
-        while (::read(c, &b, 1) > 0) {
-        }
-        ::close(c);
-    }
     std::string reply_;
-    std::string* method_;
-    int fd_ = -1;
-    std::thread thread_;
 };
 
 TEST(RefreshPexTest, NoServiceFailsWithENOENT) {
@@ -100,16 +65,11 @@ TEST(RefreshPexTest, AnswerDecidesTheResult) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         testsupport::TempDir root(true);
-        int rc = 0;
-        int err = 0;
-        std::string method;
-        {
-            OneShotService service(c.reply, &method);
-            errno = 0;
-            rc = requestPexAclRefresh(std::chrono::milliseconds(300));
-            err = errno;
-        }
-        EXPECT_EQ(method, "service.refreshAcl");
+        OneShotService service(c.reply);
+        errno = 0;
+        int rc = requestPexAclRefresh(std::chrono::milliseconds(300));
+        int err = errno;
+        EXPECT_EQ(service.method(), "service.refreshAcl");
         EXPECT_EQ(rc, c.rc);
         if (c.rc != 0) {
             EXPECT_EQ(err, c.err);
@@ -119,12 +79,9 @@ TEST(RefreshPexTest, AnswerDecidesTheResult) {
 
 TEST(RefreshPexTest, RefreshpexFollowsTheRequest) {
     testsupport::TempDir root(true);
-    std::string method;
-    {
-        OneShotService service(R"({"jsonrpc":"2.0","id":ID,"result":{"ok":true}})", &method);
-        EXPECT_EQ(refreshpex(), 0);
-    }
-    EXPECT_EQ(method, "service.refreshAcl");
+    OneShotService service(R"({"jsonrpc":"2.0","id":ID,"result":{"ok":true}})");
+    EXPECT_EQ(refreshpex(), 0);
+    EXPECT_EQ(service.method(), "service.refreshAcl");
 }
 
 }  // namespace

@@ -6,15 +6,9 @@
 #include "tarn_rmf2v/RMServiceConnection.h"
 
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <condition_variable>
-#include <cstring>
-#include <deque>
 #include <mutex>
 #include <thread>
 
@@ -24,6 +18,7 @@
 #include "tarn_rmf2v/RMRmcp.h"
 #include "tests/support/Subprocess.h"
 #include "tests/support/TempDir.h"
+#include "tests/tarn_rmf2v/FakePexService.h"
 #include "znpex/proto/FrameIo.h"
 #include "znpex/proto/JsonRpc.h"
 
@@ -37,144 +32,32 @@ using Kind = RpcMessage::Kind;
 
 constexpr char kClass[] = "Test.Widget";
 
-// Stands in for the service: accepts connections on the socket (the newest
-// is the current one), answers "rm.register" and keeps every other message.
-class FakeService {
+// The service side of registration: "rm.register" is answered, refused the
+// first `refuseFirst` times; every other message is only kept.
+class FakeService : public testsupport::FakePexService {
 public:
     explicit FakeService(int refuseFirst = 0) : refuseLeft_(refuseFirst) {
-        path_ = zn::paths::resolve(zn::paths::kPexSocket);
-        zn::paths::ensureParentDir(path_);
-        listenFd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::strncpy(addr.sun_path, path_.c_str(), sizeof(addr.sun_path) - 1);
-        ::unlink(path_.c_str());
-        EXPECT_EQ(::bind(listenFd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
-        EXPECT_EQ(::listen(listenFd_, 8), 0);
-        thread_ = std::thread([this] { loop(); });
-    }
-    ~FakeService() {
-        stop_ = true;
-        thread_.join();
-        ::close(listenFd_);
-        ::unlink(path_.c_str());
-        std::lock_guard<std::mutex> g(mu_);
-        if (conn_ >= 0) {
-            ::close(conn_);
-        }
-    }
-
-    // Waits for a message that `pred` accepts (taking it out of the queue).
-    bool take(const std::function<bool(const RpcMessage&)>& pred, RpcMessage* out,
-              int timeoutMs = 5000) {
-        std::unique_lock<std::mutex> lk(mu_);
-        return cv_.wait_for(lk, std::chrono::milliseconds(timeoutMs), [&] {
-            for (auto it = got_.begin(); it != got_.end(); ++it) {
-                if (pred(*it)) {
-                    *out = std::move(*it);
-                    got_.erase(it);
-                    return true;
-                }
+        start([this](const RpcMessage& m) -> std::optional<std::string> {
+            if (m.method != "rm.register") {
+                return std::nullopt;
             }
-            return false;
+            ++attempts_;
+            if (refuseLeft_ > 0) {
+                --refuseLeft_;
+                return proto::dumpJson(proto::makeError(m.id, proto::kOperationFailed, "no"));
+            }
+            ++registrations_;
+            return proto::dumpJson(proto::makeResult(m.id, Json{{"ok", true}}));
         });
     }
-    bool takeMethod(const std::string& method, RpcMessage* out, int timeoutMs = 5000) {
-        return take([&](const RpcMessage& m) { return m.method == method; }, out, timeoutMs);
-    }
-    bool takeReply(const Json& id, RpcMessage* out, int timeoutMs = 5000) {
-        return take(
-            [&](const RpcMessage& m) {
-                return (m.kind == Kind::Result || m.kind == Kind::Error) && m.id == id;
-            },
-            out, timeoutMs);
-    }
-    void send(const Json& message) {
-        std::lock_guard<std::mutex> g(mu_);
-        ASSERT_GE(conn_, 0);
-        ASSERT_EQ(proto::writeFrame(conn_, proto::dumpJson(message), 5000), proto::IoStatus::Ok);
-    }
-    void dropConnection() {
-        std::lock_guard<std::mutex> g(mu_);
-        if (conn_ >= 0) {
-            ::close(conn_);
-            conn_ = -1;
-        }
-    }
-    // While paused, nothing is read from the connection.
-    void pause(bool p) { paused_ = p; }
+    ~FakeService() { stop(); }
     int registrations() const { return registrations_.load(); }
     int attempts() const { return attempts_.load(); }
 
 private:
-    void loop() {
-        proto::FrameDecoder decoder;
-        while (!stop_) {
-            int conn;
-            {
-                std::lock_guard<std::mutex> g(mu_);
-                conn = conn_;
-            }
-            pollfd fds[2] = {{listenFd_, POLLIN, 0}, {conn, POLLIN, 0}};
-            int n = ::poll(fds, conn >= 0 && !paused_ ? 2 : 1, 20);
-            if (n <= 0) {
-                continue;
-            }
-            if (fds[0].revents & POLLIN) {
-                int c = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
-                std::lock_guard<std::mutex> g(mu_);
-                if (conn_ >= 0) {
-                    ::close(conn_);
-                }
-                conn_ = c;
-                decoder = proto::FrameDecoder();
-                continue;
-            }
-            if (conn < 0 || paused_ || !(fds[1].revents & (POLLIN | POLLHUP))) {
-                continue;
-            }
-            char buf[65536];
-            ssize_t r = ::read(conn, buf, sizeof(buf));
-            if (r <= 0) {
-                std::lock_guard<std::mutex> g(mu_);
-                if (conn_ == conn) {
-                    ::close(conn_);
-                    conn_ = -1;
-                }
-                continue;
-            }
-            for (const std::string& f : decoder.feed(buf, static_cast<size_t>(r))) {
-                RpcMessage m = proto::parseMessage(f);
-                if (m.method == "rm.register") {
-                    ++attempts_;
-                    bool refuse = refuseLeft_ > 0;
-                    refuseLeft_ -= refuse ? 1 : 0;
-                    Json reply = refuse ? proto::makeError(m.id, proto::kOperationFailed, "no")
-                                        : proto::makeResult(m.id, Json{{"ok", true}});
-                    if (!refuse) {
-                        ++registrations_;
-                    }
-                    proto::writeFrame(conn, proto::dumpJson(reply), 5000);
-                }
-                std::lock_guard<std::mutex> g(mu_);
-                got_.push_back(std::move(m));
-                cv_.notify_all();
-            }
-        }
-    }
-
-    std::string path_;
-    int listenFd_ = -1;
     int refuseLeft_;
-    std::atomic<bool> stop_{false};
-    std::atomic<bool> paused_{false};
     std::atomic<int> registrations_{0};
     std::atomic<int> attempts_{0};
-    std::mutex mu_;  // guards conn_, got_
-    std::condition_variable cv_;
-    int conn_ = -1;
-    std::deque<RpcMessage> got_;
-    std::thread thread_;
 };
 
 // A class whose action 9 waits until released, and which counts connection notices.
