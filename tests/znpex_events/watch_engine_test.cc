@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <set>
 #include <stdexcept>
 
 #include "tarn_base/CException.h"
@@ -32,7 +33,31 @@ zn_resource_handle handle(unsigned char tag) {
 
 class Engine : public ::testing::Test {
 protected:
-    Engine() : engine_([this](Event&& e) { events_.push_back(std::move(e)); }) {}
+    Engine() : engine_([this](std::vector<Event>&& batch) { keep(std::move(batch)); }) {}
+
+    // Events that share another's body get that body filled in, so every
+    // case below reads complete events; sharing itself is checked on `shared_`.
+    void keep(std::vector<Event>&& batch) {
+        size_t base = events_.size();
+        for (Event& e : batch) {
+            if (e.sameAs >= 0) {
+                ++shared_;
+                const Event& src = events_.at(base + static_cast<size_t>(e.sameAs));
+                EXPECT_LT(src.sameAs, 0) << "a body comes from an event that has one";
+                EXPECT_TRUE(e.attrs.empty());
+                e.className = src.className;
+                e.hasHandle = src.hasHandle;
+                e.handle = src.handle;
+                e.flags = src.flags;
+                e.error = src.error;
+                for (const EventAttr& a : src.attrs) {
+                    e.attrs.push_back({a.name, a.id, a.persistent,
+                                       zn::OwnedValue::copyOf(a.value.type(), a.value.value())});
+                }
+            }
+            events_.push_back(std::move(e));
+        }
+    }
 
     void hostname(const zn_resource_handle& h, const char* name) {
         rm_attribute_value v{0, ZN_CHAR_PTR, {}};
@@ -64,6 +89,7 @@ protected:
 
     std::vector<Event> events_;
     std::vector<Event> fired_;
+    size_t shared_ = 0;
     WatchEngine engine_;
 };
 
@@ -87,6 +113,28 @@ TEST_F(Engine, PreviousValueExpressionFiresOnEveryChangeOnly) {
     EXPECT_FALSE(last.attrs[1].persistent);
     EXPECT_EQ(last.attrs[1].value.value().val_uint32, 1u);
     EXPECT_TRUE(last.hasHandle && last.handle == h);
+}
+
+TEST_F(Engine, WatchesSendingTheSameAttributesShareOneBodyPerReport) {
+    auto h = handle(10);
+    hostname(h, "node10");
+    uint64_t a = watch("PowerStatus==1");
+    uint64_t b = watch("PowerStatus!=PowerStatus@P", "", "", {"PowerStatus"});
+    uint64_t c = watch("PowerStatus>0");
+    dyn(h, 0, 0);
+    dyn(h, 0, 1);
+    ASSERT_EQ(take(), 3u);
+    EXPECT_EQ(shared_, 1u) << "c sends what a sends; b sends less";
+    std::set<uint64_t> watches;
+    for (const Event& e : fired_) {
+        watches.insert(e.watch);
+        EXPECT_TRUE(e.hasHandle && e.handle == h);
+        ASSERT_FALSE(e.attrs.empty());
+        EXPECT_EQ(e.attrs.back().value.value().val_uint32, 1u);
+    }
+    EXPECT_EQ(watches, (std::set<uint64_t>{a, b, c}));
+    EXPECT_EQ(fired_[2].attrs.size(), 2u);
+    EXPECT_STREQ(fired_[2].attrs[0].value.value().ptr_char, "node10");
 }
 
 TEST_F(Engine, BareAttributeFiresForEachReportOfThatAttribute) {

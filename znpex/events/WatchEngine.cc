@@ -21,7 +21,7 @@ struct WatchEngine::Watch {
     std::unique_ptr<EventSchema> schema;
     std::shared_ptr<const tarn_rmf::RMSelection> selection;  // null: all resources
     std::shared_ptr<const tarn_rmf::RMSelection> expr;
-    std::shared_ptr<const tarn_rmf::RMSelection> rearm;      // null: none
+    std::shared_ptr<const tarn_rmf::RMSelection> rearm;  // null: none
     std::set<int> exprCols;
     std::set<int> rearmCols;
     std::vector<int> sendCols;
@@ -186,6 +186,8 @@ void WatchEngine::update(const std::string& cls, const zn_resource_handle* handl
             return;
         }
         Source src(r);
+        // Watches sending the same attributes share one event body.
+        std::map<std::vector<int>, int> firstSending;
         for (auto& [id, w] : watches_) {
             if (!matches(*w, r)) {
                 continue;
@@ -200,14 +202,26 @@ void WatchEngine::update(const std::string& cls, const zn_resource_handle* handl
             if (!intersects(w->exprCols, reported) || !evaluate(*w->expr, src)) {
                 continue;
             }
-            out.push_back(makeEvent(*w, r, handle, 0, 0));
+            auto [first, fresh] = firstSending.emplace(w->sendCols, static_cast<int>(out.size()));
+            if (fresh) {
+                out.push_back(makeEvent(*w, r, handle, 0, 0));
+            } else {
+                Event e;
+                e.watch = w->id;
+                e.sameAs = first->second;
+                out.push_back(std::move(e));
+            }
             if (w->rearm) {
                 w->disarmed.insert(key);
             }
         }
     }
-    for (auto& e : out) {
-        sink_(std::move(e));
+    emit(std::move(out));
+}
+
+void WatchEngine::emit(std::vector<Event>&& out) {
+    if (!out.empty()) {
+        sink_(std::move(out));
     }
 }
 
@@ -216,8 +230,8 @@ void WatchEngine::seed(const std::string& cls, const zn_resource_handle* handle,
     update(cls, handle, persistent, values, count, false);
 }
 
-void WatchEngine::report(const std::string& cls, const zn_resource_handle* handle,
-                         bool persistent, const rm_attribute_value* values, unsigned int count) {
+void WatchEngine::report(const std::string& cls, const zn_resource_handle* handle, bool persistent,
+                         const rm_attribute_value* values, unsigned int count) {
     update(cls, handle, persistent, values, count, true);
 }
 
@@ -232,16 +246,14 @@ void WatchEngine::resourceUndefined(const std::string& cls, const zn_resource_ha
         }
         for (auto& [id, w] : watches_) {
             if (matches(*w, *it->second)) {
-                out.push_back(makeEvent(*w, *it->second, &handle, kEventFlagError,
-                                        kErrResourceUndefined));
+                out.push_back(
+                    makeEvent(*w, *it->second, &handle, kEventFlagError, kErrResourceUndefined));
             }
             w->disarmed.erase(key);
         }
         resources_.erase(it);
     }
-    for (auto& e : out) {
-        sink_(std::move(e));
-    }
+    emit(std::move(out));
 }
 
 void WatchEngine::managerGone(const std::string& cls) {
@@ -256,9 +268,7 @@ void WatchEngine::managerGone(const std::string& cls) {
             }
         }
     }
-    for (auto& e : out) {
-        sink_(std::move(e));
-    }
+    emit(std::move(out));
 }
 
 void WatchEngine::stopping() {
@@ -272,9 +282,7 @@ void WatchEngine::stopping() {
         }
         watches_.clear();
     }
-    for (auto& e : out) {
-        sink_(std::move(e));
-    }
+    emit(std::move(out));
 }
 
 std::set<int> WatchEngine::neededDynamic(const std::string& cls) const {

@@ -12,7 +12,8 @@
 // later report makes the re-arm expression true before it can fire again.
 // Each resource has its own armed state.
 //
-// Thread-safe; the sink is called without the engine's lock held, in order.
+// Thread-safe; the sink is called without the engine's lock held, once per
+// report (or other cause) with every event it produced, in order.
 #pragma once
 
 #include <cstdint>
@@ -37,8 +38,8 @@ struct WatchSpec {
     std::string selection;                // over the resources' attributes; "" or "*": all
     std::vector<std::string> attributes;  // names sent with each event
     std::string expression;
-    std::string rearm;                    // "": none
-    bool classLevel = false;              // watch the class's own attributes
+    std::string rearm;        // "": none
+    bool classLevel = false;  // watch the class's own attributes
 };
 
 inline constexpr uint32_t kEventFlagError = 0x1;
@@ -59,11 +60,15 @@ struct Event {
     uint32_t flags = 0;
     int error = 0;  // error events: one of EventErrors.h
     std::vector<EventAttr> attrs;
+    // >= 0: this event carries exactly what the batch's event at that index
+    // carries apart from `watch` (same report, same attributes sent), and
+    // `attrs` is left empty, so the payload is built once for all of them.
+    int sameAs = -1;
 };
 
 class WatchEngine {
 public:
-    using Sink = std::function<void(Event&&)>;
+    using Sink = std::function<void(std::vector<Event>&&)>;
 
     explicit WatchEngine(Sink sink);
     ~WatchEngine();
@@ -103,6 +108,7 @@ private:
                     uint32_t flags, int error) const;
     void update(const std::string& cls, const zn_resource_handle* handle, bool persistent,
                 const rm_attribute_value* values, unsigned int count, bool fire);
+    void emit(std::vector<Event>&& out);
 
     Sink sink_;
     mutable std::mutex mu_;  // guards everything below

@@ -39,6 +39,23 @@ events::Event errorEvent(uint64_t watch, const std::string& cls, int error) {
 
 }  // namespace
 
+std::string eventNotification(uint64_t watch, const std::string& body) {
+    // Params are an object with at least "attributes"; the registration goes first.
+    static const std::string head = [] {
+        std::string h = proto::dumpJson(proto::makeNotification(kEventFired, Json::object()));
+        return h.substr(0, h.size() - 2);  // without the params' "}" and the message's "}"
+    }();
+    std::string out;
+    out.reserve(head.size() + body.size() + 40);
+    out += head;
+    out += "\"registration\":";
+    out += std::to_string(watch);
+    out += ',';
+    out.append(body, 1, std::string::npos);
+    out += '}';
+    return out;
+}
+
 Json encodeEvent(const events::Event& e) {
     Json attrs = Json::array();
     for (const events::EventAttr& a : e.attrs) {
@@ -64,7 +81,7 @@ Json encodeEvent(const events::Event& e) {
 EventService::EventService(RmRegistry& registry, std::chrono::milliseconds requestTimeout)
     : registry_(registry),
       timeout_(requestTimeout),
-      engine_([this](events::Event&& e) { deliver(std::move(e)); }),
+      engine_([this](std::vector<events::Event>&& batch) { deliver(std::move(batch)); }),
       worker_([this] { run(); }) {}
 
 EventService::~EventService() {
@@ -204,18 +221,38 @@ size_t EventService::stopping() {
     return n;
 }
 
-void EventService::deliver(events::Event&& e) {
-    std::shared_ptr<Connection> owner;
+void EventService::deliver(std::vector<events::Event>&& batch) {
+    // Owners looked up under one lock; each distinct event encoded once.
+    std::vector<std::shared_ptr<Connection>> owners(batch.size());
     {
         std::lock_guard<std::mutex> g(mu_);
-        auto it = watches_.find(e.watch);
-        if (it != watches_.end()) {
-            owner = it->second.owner.lock();
+        for (size_t i = 0; i < batch.size(); ++i) {
+            auto it = watches_.find(batch[i].watch);
+            if (it != watches_.end()) {
+                owners[i] = it->second.owner.lock();
+            }
         }
     }
-    if (owner != nullptr) {
-        owner->send(proto::dumpJson(proto::makeNotification(kEventFired, encodeEvent(e))));
+    std::vector<std::string> bodies(batch.size());
+    for (size_t i = 0; i < batch.size(); ++i) {
+        if (owners[i] == nullptr) {
+            continue;
+        }
+        int same = batch[i].sameAs;
+        size_t src = same >= 0 && static_cast<size_t>(same) < i ? static_cast<size_t>(same) : i;
+        if (bodies[src].empty()) {
+            Json params = encodeEvent(batch[src]);
+            params.erase("registration");
+            bodies[src] = proto::dumpJson(params);
+        }
+        owners[i]->send(eventNotification(batch[i].watch, bodies[src]));
     }
+}
+
+void EventService::deliverOne(events::Event&& e) {
+    std::vector<events::Event> one;
+    one.push_back(std::move(e));
+    deliver(std::move(one));
 }
 
 void EventService::post(std::function<void()> task) {
@@ -324,7 +361,7 @@ void EventService::seed(uint64_t watch) {
         listed = ask(en, w.identity);
     }
     if (!listed || listed->error != nullptr) {
-        deliver(errorEvent(watch, cls, events::kErrQueryFailed));
+        deliverOne(errorEvent(watch, cls, events::kErrQueryFailed));
         return;
     }
     tarn_rmf2v::RMClassDef def;
@@ -358,7 +395,7 @@ void EventService::seed(uint64_t watch) {
         classes_[cls].handles.insert(proto::handleToHex(h));
     }
     if (failed) {
-        deliver(errorEvent(watch, cls, events::kErrQueryFailed));
+        deliverOne(errorEvent(watch, cls, events::kErrQueryFailed));
     }
     reconcile(cls);
 }
@@ -415,7 +452,7 @@ void EventService::reconcile(const std::string& cls) {
                     }
                 }
                 for (uint64_t id : hit) {
-                    deliver(errorEvent(id, cls, events::kErrMonitoringStopped));
+                    deliverOne(errorEvent(id, cls, events::kErrMonitoringStopped));
                 }
             }
         }

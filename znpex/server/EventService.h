@@ -42,6 +42,10 @@ inline constexpr char kEventFired[] = "event.fired";
 
 // The "event.fired" params of an event.
 proto::Json encodeEvent(const events::Event& e);
+// The whole "event.fired" notification of registration `watch`, given the
+// dumped params of an event without its registration (encodeEvent's without
+// "registration"): one body serves every watch an event went to.
+std::string eventNotification(uint64_t watch, const std::string& bodyWithoutRegistration);
 
 class EventService {
 public:
@@ -83,7 +87,8 @@ private:
         std::map<std::string, std::set<int>> monitoring;  // hex -> dynamic ids
     };
 
-    void deliver(events::Event&& e);
+    void deliver(std::vector<events::Event>&& batch);
+    void deliverOne(events::Event&& e);
     void post(std::function<void()> task);
     void run();
     // Reads the watch's resources and their values into the engine.
