@@ -3,6 +3,7 @@
 // puts everything back at the end.
 #pragma once
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -13,7 +14,7 @@
 namespace testsupport {
 
 class WexTraceCapture {
-  public:
+public:
     WexTraceCapture() {
         WEX_COMMON::TRACE_COMP_ID = nullptr;
         tarn_base::CTraceManager::setSpec("*:Errors=255,_WXC:Info=1");
@@ -43,15 +44,10 @@ class WexTraceCapture {
     }
     bool has(const std::string& line) {
         std::lock_guard<std::mutex> g(mu_);
-        for (const auto& l : lines_) {
-            if (l == line) {
-                return true;
-            }
-        }
-        return false;
+        return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
     }
 
-  private:
+private:
     std::mutex mu_;
     std::vector<std::string> lines_;
 };
