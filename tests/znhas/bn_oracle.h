@@ -13,14 +13,16 @@
 
 namespace znhas_test {
 
-struct BnFree {
-    void operator()(BIGNUM* b) const { BN_clear_free(b); }
+// Frees an OpenSSL object with its own free function.
+template <auto Free>
+struct OsslFree {
+    template <typename T>
+    void operator()(T* p) const {
+        Free(p);
+    }
 };
-struct CtxFree {
-    void operator()(BN_CTX* c) const { BN_CTX_free(c); }
-};
-using OBn = std::unique_ptr<BIGNUM, BnFree>;
-using OCtx = std::unique_ptr<BN_CTX, CtxFree>;
+using OBn = std::unique_ptr<BIGNUM, OsslFree<BN_clear_free>>;
+using OCtx = std::unique_ptr<BN_CTX, OsslFree<BN_CTX_free>>;
 
 inline OBn toOssl(const vok::Bn& a) {
     BIGNUM* b = nullptr;

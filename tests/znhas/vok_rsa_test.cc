@@ -18,14 +18,8 @@ using znhas_test::OCtx;
 using znhas_test::toOssl;
 using Bytes = std::vector<unsigned char>;
 
-struct PkeyFree {
-    void operator()(EVP_PKEY* p) const { EVP_PKEY_free(p); }
-};
-struct PctxFree {
-    void operator()(EVP_PKEY_CTX* c) const { EVP_PKEY_CTX_free(c); }
-};
-using OPkey = std::unique_ptr<EVP_PKEY, PkeyFree>;
-using OPctx = std::unique_ptr<EVP_PKEY_CTX, PctxFree>;
+using OPkey = std::unique_ptr<EVP_PKEY, znhas_test::OsslFree<EVP_PKEY_free>>;
+using OPctx = std::unique_ptr<EVP_PKEY_CTX, znhas_test::OsslFree<EVP_PKEY_CTX_free>>;
 
 OBn fromBytes(const unsigned char* p, size_t n) {
     return OBn(BN_bin2bn(p, static_cast<int>(n), nullptr));
