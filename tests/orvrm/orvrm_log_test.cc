@@ -42,10 +42,10 @@ protected:
         zn::resetCatalogCache();
         unsetenv("NLSPATH");
     }
+    ScopedFakeClog log;
 };
 
 TEST_F(LogHelpers, PkgErrorBuildsTracesAndLogsWithPositionalArguments) {
-    ScopedFakeClog log;
     TraceCapture trace;
     cu_error_t* err = pkg_error(267, 47, "ORVRM main", 0, 12, "no journal");
     ASSERT_NE(err, nullptr);
@@ -67,7 +67,6 @@ TEST_F(LogHelpers, PkgErrorBuildsTracesAndLogsWithPositionalArguments) {
 }
 
 TEST_F(LogHelpers, BadMessageNumbersGiveTheBadIdTextAndAreStillLogged) {
-    ScopedFakeClog log;
     for (int num : {0, 112, -3}) {
         cu_error_t* err = pkg_error(268, num, "f", 0);
         EXPECT_EQ(cu_error_text(err), "Bad message id for message set ORVRM_set") << num;
@@ -78,9 +77,8 @@ TEST_F(LogHelpers, BadMessageNumbersGiveTheBadIdTextAndAreStillLogged) {
 }
 
 TEST_F(LogHelpers, CommonErrorLogsMessage49WithItsText) {
-    ScopedFakeClog log;
-    cu_error_t* err = pkg_common_error(tarn_rmf::RM_EINVALIDHANDLE, "undefineResource", 0,
-                                       "undefineResource");
+    cu_error_t* err =
+        pkg_common_error(tarn_rmf::RM_EINVALIDHANDLE, "undefineResource", 0, "undefineResource");
     ASSERT_NE(err, nullptr);
     EXPECT_EQ(err->cu_error_id, 0x10008);
     ASSERT_EQ(log.capture->records.size(), 1u);
@@ -92,23 +90,23 @@ TEST_F(LogHelpers, CommonErrorLogsMessage49WithItsText) {
 }
 
 TEST_F(LogHelpers, NullErrorLogsNothingAndInfoLogsWithoutTrace) {
-    ScopedFakeClog log;
     TraceCapture trace;
     orvrmlog_error("x", nullptr);
     EXPECT_TRUE(log.capture->records.empty());
     orvrmlog_info(13, "unused", "grpA");
     ASSERT_EQ(log.capture->records.size(), 1u);
-    EXPECT_EQ(log.capture->records[0].text, "2655-013 A node group with name grpA already exists.\n");
+    EXPECT_EQ(log.capture->records[0].text,
+              "2655-013 A node group with name grpA already exists.\n");
     EXPECT_TRUE(trace.lines.empty());
 }
 
 TEST_F(LogHelpers, UnavailableLogNeverFailsAndErrorsAreStillTraced) {
-    ScopedFakeClog log;
     log.capture->failOpen = true;
     TraceCapture trace;
     cu_error_t* err = pkg_error(0x18000, 37, "ManagedNodeRccp::sync", 0);
     ASSERT_NE(err, nullptr);
-    cu_error_t* common = pkg_common_error(tarn_rmf::RM_EINVALIDATTRID, "getAttributeValues", 0, "g");
+    cu_error_t* common =
+        pkg_common_error(tarn_rmf::RM_EINVALIDATTRID, "getAttributeValues", 0, "g");
     orvrmlog_error("f", err);
     orvrmlog_info(5, "f", "Hostname");
     EXPECT_TRUE(log.capture->records.empty());
@@ -131,20 +129,19 @@ TEST_F(LogHelpers, InfoTraceFollowsTheInfoLevel) {
 
 TEST_F(LogHelpers, TranslatedCatalogueIsUsedWhenInstalled) {
     testsupport::TempDir dir;
-    std::ofstream(dir / "Kor.ORVRM.msg")
-        << "$quote \"\n$set 1\n3 \"Classe %1$s inconnue.\\n\"\n";
+    std::ofstream(dir / "Kor.ORVRM.msg") << "$quote \"\n$set 1\n3 \"Classe %1$s inconnue.\\n\"\n";
     std::string cmd = "gencat " + (dir / "Kor.ORVRM.cat") + " " + (dir / "Kor.ORVRM.msg");
     ASSERT_EQ(std::system(cmd.c_str()), 0);
     setenv("NLSPATH", (dir.path() + "/%N").c_str(), 1);
     zn::resetCatalogCache();
-    ScopedFakeClog log;
     cu_error_t* err = pkg_error(0x10007, 3, "createRCCP", 0, "Kor.X");
     EXPECT_EQ(cu_error_text(err), "Classe Kor.X inconnue.\n");
     ASSERT_EQ(log.capture->records.size(), 1u);
     EXPECT_EQ(log.capture->records[0].text, "Classe Kor.X inconnue.\n");
     // A message the translation lacks falls back to the compiled default.
     cu_error_t* other = pkg_error(0x10007, 4, "createRCCP", 0, "Kor.X");
-    EXPECT_EQ(cu_error_text(other), "2655-004 Could not initialize control point for class Kor.X.\n");
+    EXPECT_EQ(cu_error_text(other),
+              "2655-004 Could not initialize control point for class Kor.X.\n");
     cu_rel_error_1(err);
     cu_rel_error_1(other);
 }
