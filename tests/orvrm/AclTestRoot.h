@@ -4,11 +4,11 @@
 // Helpers read and write whole files and format entry lines.
 #pragma once
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cctype>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -16,16 +16,10 @@
 #include <vector>
 
 #include "platform/paths.h"
+#include "tests/support/Subprocess.h"
 #include "tests/support/TempDir.h"
 
 namespace testsupport {
-
-inline std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
 
 inline void writeFile(const std::string& path, const std::string& text) {
     zn::paths::ensureParentDir(path);
@@ -37,8 +31,7 @@ inline void writeFile(const std::string& path, const std::string& text) {
 }
 
 inline bool exists(const std::string& path) {
-    struct stat st;
-    return ::stat(path.c_str(), &st) == 0;
+    return std::filesystem::exists(path);
 }
 
 // One entry line exactly as the editor writes it.
@@ -75,7 +68,7 @@ inline std::vector<std::string> stanzaIdentities(const std::string& text,
 }
 
 class AclTestRoot {
-  public:
+public:
     static constexpr char kDefaultText[] =
         "# platform default\n"
         "OTHER\n"
@@ -97,7 +90,7 @@ class AclTestRoot {
     std::string backup() const { return file() + ".orig"; }
     std::string newFile() const { return file() + ".new_file"; }
 
-  private:
+private:
     TempDir dir_{/*asRoot=*/true};
 };
 
