@@ -6,6 +6,7 @@
 #include "znpex/di/DiCodec.h"
 #include "znpex/proto/ServiceMessages.h"
 #include "znpex/server/EventService.h"
+#include "znpex/server/PeerMessages.h"
 
 namespace znpex::server {
 namespace {
@@ -92,6 +93,9 @@ struct Table {
                                   std::pair{di::kDiWatch, MethodKind::DiWatch}}) {
             service(name, kind).authenticated = true;
         }
+        service(kPeerHello, MethodKind::PeerHello);
+        service(kPeerDeliver, MethodKind::PeerDeliver).peerOnly = true;
+        service(kDiReplicate, MethodKind::DiReplicate).peerOnly = true;
         MethodInfo& reg = service(proto::kRmRegister, MethodKind::Register);
         reg.localOnly = reg.privileged = true;
         for (auto [name, kind] :

@@ -33,6 +33,10 @@ enum class MethodKind {
     DiNodes,   // read the node table
     DiGroups,  // read the node-group table
     DiWatch,   // be told of every change of the tables
+    // Between hosts' services.
+    PeerHello,    // a link from another host's service greets this one
+    PeerDeliver,  // a peer message for a manager on this host
+    DiReplicate,  // another host's table change (or its whole tables)
 };
 
 struct MethodInfo {
@@ -44,6 +48,7 @@ struct MethodInfo {
     bool notification = false;   // comes without an id and gets no reply
     bool managerOnly = false;    // only from a connection that registered as a manager
     bool authenticated = false;  // refused to connections that are still UNAUTHENT
+    bool peerOnly = false;       // only from another host's service after "peer.hello"
     // Manager operations only:
     tarn_rmf2v::RMRequestOp op = tarn_rmf2v::RMRequestOp::EnumerateResources;
     OpTarget target = OpTarget::Class;

@@ -127,6 +127,19 @@ void PeerLink::tryAddress(uint64_t gen, size_t index) {
         return;
     }
     auto socket = std::make_shared<asio::ip::tcp::socket>(strand_);
+    if (!options_.sourceAddress.empty()) {
+        asio::ip::address source = asio::ip::make_address(options_.sourceAddress, ec);
+        if (!ec && source.is_v4() == ip.is_v4()) {
+            socket->open(ip.is_v4() ? asio::ip::tcp::v4() : asio::ip::tcp::v6(), ec);
+            if (!ec) {
+                socket->bind(asio::ip::tcp::endpoint(source, 0), ec);
+            }
+            if (ec) {
+                tryAddress(gen, index + 1);
+                return;
+            }
+        }
+    }
     auto timer = std::make_shared<asio::steady_timer>(strand_, options_.connectTimeout);
     timer->async_wait([socket](const asio::error_code& e) {
         if (!e) {

@@ -31,6 +31,8 @@ struct PeerLinkOptions {
     std::chrono::milliseconds helloTimeout{std::chrono::seconds(5)};
     std::chrono::milliseconds backoffMin{std::chrono::milliseconds(250)};
     std::chrono::milliseconds backoffMax{std::chrono::seconds(30)};
+    // The local address outbound connections leave from ("": the kernel's choice).
+    std::string sourceAddress;
     // Requests waiting for the link to come up.
     size_t maxQueued = 1024;
 };

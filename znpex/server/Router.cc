@@ -1,5 +1,6 @@
 #include "znpex/server/Router.h"
 
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -18,6 +19,29 @@ namespace znpex::server {
 
 using proto::Json;
 using proto::RpcMessage;
+
+namespace {
+
+// The numeric address at the other end of a TCP socket, or "".
+std::string remoteAddress(int fd) {
+    sockaddr_storage ss{};
+    socklen_t len = sizeof(ss);
+    if (::getpeername(fd, reinterpret_cast<sockaddr*>(&ss), &len) != 0) {
+        return {};
+    }
+    char text[INET6_ADDRSTRLEN] = {};
+    const void* where = nullptr;
+    if (ss.ss_family == AF_INET) {
+        where = &reinterpret_cast<const sockaddr_in*>(&ss)->sin_addr;
+    } else if (ss.ss_family == AF_INET6) {
+        where = &reinterpret_cast<const sockaddr_in6*>(&ss)->sin6_addr;
+    } else {
+        return {};
+    }
+    return ::inet_ntop(ss.ss_family, where, text, sizeof(text)) != nullptr ? text : "";
+}
+
+}  // namespace
 
 Router::Router(AclStore& acl, RmRegistry& registry, di::DiStore& di, asio::any_io_executor executor,
                RouterOptions options)
@@ -56,11 +80,16 @@ void Router::accept(Connection::Socket socket, Transport transport) {
         int one = 1;
         ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
     }
+    std::string remote = transport == Transport::Tcp ? remoteAddress(socket.native_handle()) : "";
     auto c =
         std::make_shared<Connection>(std::move(socket), transport, std::move(identity), uid, *this);
     {
         std::lock_guard<std::mutex> g(connMu_);
         connections_.emplace(c->id(), c);
+    }
+    if (!remote.empty()) {
+        std::lock_guard<std::mutex> g(peerMu_);
+        tcpAddresses_.emplace(c->id(), std::move(remote));
     }
     c->start();
 }
@@ -71,6 +100,9 @@ size_t Router::connectionCount() const {
 }
 
 void Router::closeAll() {
+    if (peers_ != nullptr) {
+        peers_->shutdown();
+    }
     std::vector<std::shared_ptr<Connection>> all;
     {
         std::lock_guard<std::mutex> g(connMu_);
@@ -173,6 +205,17 @@ void Router::onClosed(const std::shared_ptr<Connection>& c) {
         manager->failAll();
         serviceLog("resource manager %s disconnected", manager->rmName().c_str());
     }
+    {
+        std::lock_guard<std::mutex> g(peerMu_);
+        tcpAddresses_.erase(c->id());
+        peerHosts_.erase(c->id());
+        if (manager != nullptr) {
+            auto it = managersByName_.find(manager->rmName());
+            if (it != managersByName_.end() && it->second.lock() == c) {
+                managersByName_.erase(it);
+            }
+        }
+    }
     std::lock_guard<std::mutex> g(connMu_);
     connections_.erase(c->id());
 }
@@ -187,8 +230,12 @@ std::string Router::refusal(const Connection& c, const MethodInfo& info) const {
     if (info.privileged && !c.isLocalRoot() && c.uid() != ::geteuid()) {
         return info.name + " is not allowed for " + c.identity();
     }
-    if (info.authenticated && c.identity() == proto::kUnauthenticated) {
-        return info.name + " is not allowed for " + c.identity();
+    std::string identity = identityOf(c);
+    if (info.authenticated && identity == proto::kUnauthenticated) {
+        return info.name + " is not allowed for " + identity;
+    }
+    if (info.peerOnly && peerHostOf(c).empty()) {
+        return info.name + " is only offered to other hosts' services";
     }
     return {};
 }
@@ -252,6 +299,15 @@ void Router::handleRequest(const std::shared_ptr<Connection>& c, RpcMessage& m) 
             break;
         case MethodKind::DiWatch:
             diWatch(c, m);
+            break;
+        case MethodKind::PeerHello:
+            peerHello(c, m);
+            break;
+        case MethodKind::PeerDeliver:
+            peerDeliver(c, m);
+            break;
+        case MethodKind::DiReplicate:
+            diReplicate(c, m);
             break;
         case MethodKind::NotifyResourcesUndefined:
         case MethodKind::NotifyAttributesModified:

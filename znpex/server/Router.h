@@ -26,6 +26,7 @@
 #include "znpex/server/EventService.h"
 #include "znpex/server/ManagerSession.h"
 #include "znpex/server/MethodTable.h"
+#include "znpex/server/PeerDirectory.h"
 #include "znpex/server/RmRegistry.h"
 
 namespace znpex::server {
@@ -37,6 +38,17 @@ struct RouterOptions {
     size_t maxPendingPerConnection = 1024;
     // Open connections; more are closed as soon as they are accepted.
     size_t maxConnections = 65536;
+    // This host as the other hosts' services know it: its name (sent in
+    // "peer.hello"; "": the system's host name) and node id (0: the node id file's).
+    std::string hostName;
+    uint64_t nodeId = 0;
+    // The port of the other hosts' services (0: the port this one listens on).
+    uint16_t peerPort = 0;
+    // How long another host may take to answer one request (peer messages,
+    // table replication, its part of a domain request).
+    std::chrono::milliseconds peerTimeout{std::chrono::seconds(3)};
+    // Longest pause between attempts to reach a host that is down.
+    std::chrono::milliseconds peerBackoffMax{std::chrono::seconds(30)};
 };
 
 // Hands an applied table transaction on to the other hosts of the domain and
@@ -77,6 +89,12 @@ public:
     void setDiReplicator(DiReplicator r) { diReplicator_ = std::move(r); }
     di::DiStore& diStore() { return di_; }
 
+    // Starts the links to the other hosts of the domain (RouterPeer.cc):
+    // `listenAddress` and `port` are this service's own TCP address and
+    // port. Call once, before the I/O threads run; without it this service
+    // acts alone (peer messages and replication reach nobody).
+    void startPeers(const std::string& listenAddress, uint16_t port);
+
 private:
     void handleRequest(const std::shared_ptr<Connection>& c, proto::RpcMessage& m);
     void handleNotification(const std::shared_ptr<Connection>& c, proto::RpcMessage& m);
@@ -96,6 +114,22 @@ private:
     void diTuneHeartbeat(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
     void diWatch(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
     proto::Json diStatus() const;
+
+    // Links with the other hosts' services (RouterPeer.cc).
+    void peerHello(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
+    void peerDeliver(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
+    void diReplicate(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
+    void peerSend(const std::string& rmName, const proto::RpcMessage& m);
+    void replicate(const di::Transaction& t, std::function<void(int code)> done);
+    void peerUp(const std::string& host);
+    // The node table's hosts to the peer directory (after every change).
+    void refreshPeers();
+    // The host a connection speaks for after its "peer.hello", or "".
+    std::string peerHostOf(const Connection& c) const;
+    // The identity a connection acts under: "<host>@PEER" once a peer
+    // greeted, else the connection's own.
+    std::string identityOf(const Connection& c) const;
+    proto::Json peerStatus() const;
 
     // Event watches (EventMethods.cc).
     void eventRegister(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
@@ -146,6 +180,21 @@ private:
     DiReplicator diReplicator_;
     std::mutex diWatchMu_;  // guards diWatchers_
     std::map<uint64_t, std::weak_ptr<Connection>> diWatchers_;
+
+    // Peers (RouterPeer.cc). peers_ is set once by startPeers, before any
+    // message arrives.
+    std::unique_ptr<PeerDirectory> peers_;
+    mutable std::mutex peerMu_;                     // guards the maps below
+    std::map<uint64_t, std::string> tcpAddresses_;  // TCP connection -> remote address
+    std::map<uint64_t, std::string> peerHosts_;     // greeted connection -> host
+    std::map<std::string, std::weak_ptr<Connection>> managersByName_;
+    // The time stamp (ms) of the newest tables this host has: a copy from
+    // another host is taken only when it is newer. 0 after a start, so a
+    // restarted host takes what the others have.
+    std::mutex diStampMu_;  // guards diStamp_; held while a copy is made or taken
+    uint64_t diStamp_ = 0;
+    std::atomic<uint64_t> peerDelivered_{0}, peerFailed_{0}, peerUnclaimed_{0}, peerReceived_{0},
+        replicated_{0}, replicationsPartial_{0}, refusedPeers_{0};
 
     std::atomic<uint64_t> nextSession_{1};
     // Counters for "service.status".

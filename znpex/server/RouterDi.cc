@@ -18,6 +18,7 @@ int Router::applyDi(const di::Transaction& t, std::string* why) {
     if (rc != DI_OK) {
         return rc;
     }
+    refreshPeers();
     bool nodes = t.clearNodes || !t.nodes.empty();
     bool groups = t.clearGroups || !t.groups.empty();
     std::string note = proto::dumpJson(proto::makeNotification(

@@ -45,6 +45,10 @@ void Router::registerManager(const std::shared_ptr<Connection>& c, const RpcMess
         std::lock_guard<std::mutex> g(c->stateMu);
         c->state.manager = session;
     }
+    {
+        std::lock_guard<std::mutex> g(peerMu_);
+        managersByName_[p.rm] = c;  // where peer messages for this name go
+    }
     serviceLog("resource manager %s registered %zu classes (%s)", p.rm.c_str(), count,
                c->identity().c_str());
     replyResult(c, m.id, Json{{"ok", true}});
@@ -182,10 +186,9 @@ void Router::managerNotification(const std::shared_ptr<Connection>& c, const Rpc
             break;
         }
         case MethodKind::PeerSend:
-            proto::decodePeerMessage(m.params);
-            // Other instances of a manager live on other hosts; none are
-            // reachable from this service yet, so the message ends here.
+            // Other instances of a manager live on the domain's other hosts.
             peerMessages_.fetch_add(1);
+            peerSend(session->rmName(), m);
             return;
         default:
             return;

@@ -119,6 +119,7 @@ Json Router::status() const {
           {"malformed", malformed_.load()}}},
         {"notifications", notifications_.load()},
         {"peerMessages", peerMessages_.load()},
+        {"peers", peerStatus()},
         {"refusedConnections", refused_.load()},
         {"tables", diStatus()},
     };

@@ -67,6 +67,9 @@ void Service::start() {
         listeners_.openTcp(options_.tcpAddress, options_.tcpPort);
         serviceLog("listening on tcp %s port %u", options_.tcpAddress.c_str(),
                    static_cast<unsigned>(listeners_.tcpPort()));
+        if (options_.peers) {
+            router_.startPeers(options_.tcpAddress, listeners_.tcpPort());
+        }
     }
     running_ = true;
     for (unsigned i = 0; i < options_.threads; ++i) {

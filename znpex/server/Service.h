@@ -31,6 +31,9 @@ struct ServiceOptions {
     std::string tcpAddress = "0.0.0.0";
     uint16_t tcpPort = kDefaultPort;  // 0: the kernel picks one
     unsigned threads = 2;
+    // Join the management domain: links to the node table's other hosts, peer
+    // messages and table replication (needs tcp). Off, the service acts alone.
+    bool peers = false;
     RouterOptions router;
 };
 

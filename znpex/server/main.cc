@@ -4,6 +4,7 @@
 // SIGTERM/SIGINT stop it.
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -42,6 +43,9 @@ int main(int argc, char** argv) {
     app.add_option("--port", opts.tcpPort, "TCP port (0: any free port)")->capture_default_str();
     app.add_option("--address", opts.tcpAddress, "TCP address to listen on")->capture_default_str();
     app.add_flag("--no-tcp", noTcp, "Listen on the local socket only");
+    bool noPeers = false;
+    app.add_flag("--no-peers", noPeers,
+                 "Act alone: no links to the other hosts of the node table, no replication");
     app.add_option("--state-root", stateRoot,
                    "Folder under which every system path lives (default: $ZN_ROOT, or /)");
     app.add_option("--threads", opts.threads, "I/O threads")->capture_default_str();
@@ -50,8 +54,25 @@ int main(int argc, char** argv) {
         ->capture_default_str();
     app.add_option("--max-connections", opts.router.maxConnections, "Open connections at most")
         ->capture_default_str();
+    unsigned peerTimeoutMs = 3000;
+    unsigned peerBackoffMaxMs = 30000;
+    app.add_option("--host-name", opts.router.hostName,
+                   "This host's name as the other hosts' services know it (default: the "
+                   "system's host name)");
+    app.add_option("--peer-port", opts.router.peerPort,
+                   "TCP port of the other hosts' services (0: the port this one listens on)")
+        ->capture_default_str();
+    app.add_option("--peer-timeout-ms", peerTimeoutMs,
+                   "How long another host's service may take to answer one request")
+        ->capture_default_str();
+    app.add_option("--peer-backoff-max-ms", peerBackoffMaxMs,
+                   "Longest pause between attempts to reach a host that is down")
+        ->capture_default_str();
     CLI11_PARSE(app, argc, argv);
+    opts.router.peerTimeout = std::chrono::milliseconds(peerTimeoutMs);
+    opts.router.peerBackoffMax = std::chrono::milliseconds(std::max(peerBackoffMaxMs, 1u));
     opts.tcp = !noTcp;
+    opts.peers = !noPeers;
     opts.router.requestTimeout = std::chrono::milliseconds(timeoutMs);
     if (!stateRoot.empty()) {
         setenv(zn::paths::kRootEnv, stateRoot.c_str(), 1);

@@ -1,0 +1,93 @@
+// Test fixture for a management domain of three hosts on one machine: three
+// znpexd children listening on 127.0.0.1, .2 and .3 on one common port, each
+// under its own state root with its own node id and a trusted host list
+// naming the other two (hosts are named by their addresses). Plus a scripted
+// resource manager that records the notifications it gets and answers
+// "rm.*" requests through a callback.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/Subprocess.h"
+#include "tests/support/TempDir.h"
+#include "tests/znpex_server/ServiceHarness.h"
+
+namespace peertest {
+
+using znpex::proto::Json;
+using znpex::proto::RpcMessage;
+
+class ScriptedManager {
+public:
+    // Answers a request (method, params) with a result; null: never answers.
+    using Answer = std::function<Json(const std::string& method, const Json& params)>;
+
+    ScriptedManager(const std::string& socketPath, const std::string& rmName,
+                    std::vector<std::string> classes, Answer answer = nullptr);
+    ~ScriptedManager();
+    bool registered() const { return registered_; }
+    void notify(const std::string& method, const Json& params);
+    // The params of every notification named `method` received so far.
+    std::vector<Json> received(const std::string& method) const;
+    size_t requests() const;
+
+private:
+    void serve();
+    std::unique_ptr<znpextest::TestClient> client_;
+    Answer answer_;
+    bool registered_ = false;
+    mutable std::mutex mu_;
+    std::vector<RpcMessage> notes_;
+    size_t requests_ = 0;
+    std::mutex writeMu_;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+struct Host {
+    std::string name;  // its address, which is also its host name
+    std::string root;
+    uint64_t nodeId = 0;
+    std::unique_ptr<testsupport::Subprocess> proc;
+    std::string logPath;
+
+    std::string socketPath() const;
+    std::string log() const { return testsupport::readFile(logPath); }
+    bool running() const { return proc != nullptr && proc->running(); }
+    std::unique_ptr<znpextest::TestClient> root_client() const;
+};
+
+class PeerDomainTest : public ::testing::Test {
+protected:
+    PeerDomainTest();
+    ~PeerDomainTest() override;
+
+    // Starts the three services on one port; false (with a failure) when
+    // they could not be started.
+    bool startAll();
+    // (Re)starts host `i` (0-based) on the domain's port; false when it did not listen.
+    bool start(size_t i);
+    // Stops host `i` with SIGTERM.
+    void stop(size_t i);
+    // Refreshes the node table naming all three hosts on host `i`; returns
+    // the "di.refresh" result's code (-1 when no result came).
+    int refreshNodeTable(size_t i, const std::vector<std::string>& extraNames = {});
+    // The node table of host `i` as "di.nodes" returns it (null on failure).
+    Json nodes(size_t i);
+    // The "service.status" result of host `i`.
+    Json status(size_t i);
+
+    testsupport::TempDir dir_;
+    std::vector<Host> hosts_;
+    uint16_t port_ = 0;
+};
+
+}  // namespace peertest

@@ -1,0 +1,174 @@
+// Three hosts' services as one management domain: peer messages reach the
+// managers of the same name on the other hosts only, and a host that is
+// down neither blocks nor delays them; the node table reaches every host
+// and a host that missed a change catches up when it is back; greetings from
+// hosts that are not trusted, and peer-only methods from plain clients, are
+// refused.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "tests/znpex_peer/PeerHosts.h"
+#include "znpex/proto/Base64.h"
+#include "znpex/proto/ProtocolError.h"
+
+namespace peertest {
+namespace {
+
+namespace proto = znpex::proto;
+using testsupport::waitFor;
+using Kind = RpcMessage::Kind;
+
+constexpr int kOk = 0;
+constexpr int kPartial = 8;
+
+Json peerMessage(int type, const std::string& text) {
+    return Json{{"type", type},
+                {"subtype", type + 1},
+                {"data", proto::base64Encode(text.data(), text.size())}};
+}
+
+bool hasName(const Json& nodes, const std::string& name) {
+    if (!nodes.is_array()) {
+        return false;
+    }
+    for (const Json& n : nodes) {
+        for (const Json& v : n.value("names", Json::array())) {
+            if (v == name) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+uint64_t peerCounter(const Json& status, const char* name) {
+    return status.is_object() && status.contains("peers") ? status["peers"].value(name, 0ull) : 0;
+}
+
+TEST_F(PeerDomainTest, PeerMessagesReachSameNamedManagersOnOtherHostsOnly) {
+    ASSERT_TRUE(startAll());
+    ASSERT_EQ(refreshNodeTable(0), kOk);
+    ScriptedManager m1(hosts_[0].socketPath(), "Test.RM", {"Test.Widget"});
+    ScriptedManager m2(hosts_[1].socketPath(), "Test.RM", {"Test.Widget"});
+    ScriptedManager m3(hosts_[2].socketPath(), "Test.RM", {"Test.Widget"});
+    ScriptedManager other(hosts_[1].socketPath(), "Other.RM", {"Other.Thing"});
+    ASSERT_TRUE(m1.registered() && m2.registered() && m3.registered() && other.registered());
+
+    m1.notify("peer.send", peerMessage(7, "first"));
+    ASSERT_TRUE(waitFor([&] {
+        return m2.received("peer.received").size() == 1 && m3.received("peer.received").size() == 1;
+    })) << hosts_[0].log();
+    for (ScriptedManager* m : {&m2, &m3}) {
+        Json got = m->received("peer.received").front();
+        EXPECT_EQ(got, peerMessage(7, "first"));
+    }
+    EXPECT_TRUE(m1.received("peer.received").empty()) << "not back to the sender's host";
+    EXPECT_TRUE(other.received("peer.received").empty()) << "only the manager of the same name";
+    EXPECT_TRUE(waitFor([&] { return peerCounter(status(0), "delivered") == 2; }));
+
+    // With host 3 down, host 2 still gets every message, without waiting on host 3.
+    stop(2);
+    constexpr int kBurst = 50;
+    auto began = std::chrono::steady_clock::now();
+    for (int i = 0; i < kBurst; ++i) {
+        m1.notify("peer.send", peerMessage(100 + i, "burst"));
+    }
+    ASSERT_TRUE(waitFor([&] { return m2.received("peer.received").size() == 1 + kBurst; }));
+    // Well under the 2 s a peer may take to answer: nobody waited on host 3.
+    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(1800));
+    auto got = m2.received("peer.received");
+    for (int i = 0; i < kBurst; ++i) {
+        EXPECT_EQ(got[1 + i]["type"], 100 + i) << "in order";
+    }
+    EXPECT_TRUE(waitFor([&] { return peerCounter(status(0), "failed") == kBurst; }));
+    std::string log = hosts_[0].log();
+    size_t downLines = 0;
+    for (size_t at = log.find("peer link to 127.0.0.3 is down"); at != std::string::npos;
+         at = log.find("peer link to 127.0.0.3 is down", at + 1)) {
+        ++downLines;
+    }
+    EXPECT_EQ(downLines, 1u) << "one line per outage:\n" << log;
+}
+
+TEST_F(PeerDomainTest, TablesReplicateAndAHostThatMissedAChangeCatchesUp) {
+    ASSERT_TRUE(startAll());
+    ASSERT_EQ(refreshNodeTable(0), kOk) << hosts_[0].log();
+    for (size_t i : {1u, 2u}) {
+        EXPECT_TRUE(waitFor([&] { return nodes(i).size() == 3; })) << i;
+        Json n = nodes(i);
+        std::vector<uint64_t> ids;
+        for (const Json& e : n) {
+            ids.push_back(std::stoull(e["nodeId"].get<std::string>()));
+        }
+        std::sort(ids.begin(), ids.end());
+        std::vector<uint64_t> want = {hosts_[0].nodeId, hosts_[1].nodeId, hosts_[2].nodeId};
+        std::sort(want.begin(), want.end());
+        EXPECT_EQ(ids, want);
+    }
+
+    // Host 3 misses a change: applied where it could be, reported partial.
+    stop(2);
+    EXPECT_EQ(refreshNodeTable(0, {"second"}), kPartial);
+    EXPECT_TRUE(hasName(nodes(1), "second"));
+    // Back, it gets the tables on the next contact of a host that has them.
+    ASSERT_TRUE(start(2)) << hosts_[2].log();
+    EXPECT_TRUE(waitFor([&] { return hasName(nodes(2), "second"); })) << hosts_[0].log();
+
+    // Any host may change the tables; a change on host 2 reaches 1 and 3.
+    EXPECT_EQ(refreshNodeTable(1, {"third"}), kOk) << hosts_[1].log();
+    for (size_t i : {0u, 2u}) {
+        EXPECT_TRUE(hasName(nodes(i), "third")) << i;
+        EXPECT_FALSE(hasName(nodes(i), "second")) << "the whole table was replaced";
+    }
+}
+
+TEST_F(PeerDomainTest, UntrustedGreetingsAndPeerOnlyMethodsAreRefused) {
+    ASSERT_TRUE(startAll());
+    // Connections from this process come from 127.0.0.1.
+    znpextest::TestClient plain(znpextest::connectTcp(port_, "127.0.0.2"));
+    Json deliver = peerMessage(1, "x");
+    deliver["rm"] = "Test.RM";
+    for (const char* method : {"peer.deliver", "di.replicate"}) {
+        RpcMessage r = plain.call(method, deliver);
+        EXPECT_EQ(r.kind, Kind::Error) << method;
+        EXPECT_EQ(r.errorCode, proto::kMethodNotFound) << method;
+    }
+    struct Case {
+        Json params;
+        int code;
+        const char* why;
+    };
+    const Case refused[] = {
+        {Json{{"host", "127.0.0.9"}, {"nodeId", "1"}}, proto::kPermissionDenied,
+         "trusted host list"},
+        {Json{{"host", "127.0.0.3"}, {"nodeId", "1"}}, proto::kPermissionDenied, "address"},
+        {Json{{"host", 5}, {"nodeId", "1"}}, proto::kInvalidParams, "params.host"},
+        {Json{{"host", "127.0.0.1"}, {"nodeId", -1}}, proto::kInvalidParams, "params.nodeId"},
+    };
+    for (const Case& c : refused) {
+        RpcMessage r = plain.call("peer.hello", c.params);
+        ASSERT_EQ(r.kind, Kind::Error) << c.params.dump();
+        EXPECT_EQ(r.errorCode, c.code) << c.params.dump();
+        EXPECT_NE(r.errorMessage.find(c.why), std::string::npos) << r.errorMessage;
+        EXPECT_EQ(plain.call("peer.deliver", deliver).errorCode, proto::kMethodNotFound);
+    }
+    // Not over the local socket either: a peer is a host, reached over TCP.
+    auto local = hosts_[1].root_client();
+    RpcMessage r = local->call("peer.hello", Json{{"host", "127.0.0.1"}, {"nodeId", "1"}});
+    EXPECT_EQ(r.kind, Kind::Error);
+    EXPECT_EQ(r.errorCode, proto::kPermissionDenied);
+
+    // A trusted host from its own address is a peer from then on.
+    r = plain.call("peer.hello", Json{{"host", "127.0.0.1"}, {"nodeId", "1"}});
+    ASSERT_EQ(r.kind, Kind::Result) << r.errorMessage;
+    EXPECT_EQ(r.result["identity"], "127.0.0.1@PEER");
+    EXPECT_EQ(r.result["host"], "127.0.0.2");
+    r = plain.call("peer.deliver", deliver);
+    ASSERT_EQ(r.kind, Kind::Result) << r.errorMessage;
+    EXPECT_EQ(r.result["delivered"], false) << "no such manager on host 2";
+    EXPECT_GE(peerCounter(status(1), "refusedGreetings"), 2u);
+}
+
+}  // namespace
+}  // namespace peertest
