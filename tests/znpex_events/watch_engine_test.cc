@@ -224,6 +224,9 @@ TEST_F(Engine, ClassLevelWatchesSeeOnlyClassReports) {
     s.attributes = {"ResourceDefined"};
     s.expression = "ResourceDefined";
     engine_.addWatch(s, hwClass());
+    // Its id 0 is the class's ResourceDefined, not the resources' PowerStatus.
+    EXPECT_EQ(engine_.neededDynamic("Kor.NodeHwCtrl", true), (std::set<int>{0}));
+    EXPECT_TRUE(engine_.neededDynamic("Kor.NodeHwCtrl").empty());
     rm_attribute_value v{0, ZN_UINT32, {}};
     v.rm_value.val_uint32 = 1;
     engine_.report("Kor.NodeHwCtrl", nullptr, false, &v, 1);

@@ -1,6 +1,7 @@
 #include "tests/znpex_watch/PowerManager.h"
 
 #include <cstring>
+#include <mutex>
 
 #include "tarn_rmf2v/RMResponses.h"
 
@@ -72,8 +73,6 @@ private:
     std::atomic<uint32_t> power_{0};
 };
 
-namespace {
-
 class PowerRccp : public RMRccp {
 public:
     explicit PowerRccp(RMRmcp* m) : RMRccp(kClass, RM_OBJECT_CLASS, m) {
@@ -81,18 +80,93 @@ public:
         def.name = kClass;
         def.persistent.push_back(RMAttrDef{"Hostname", 0, ZN_CHAR_PTR, 1});
         def.dynamic.push_back(RMAttrDef{"PowerStatus", 0, ZN_UINT32, 0});
+        def.classPersistent.push_back(RMAttrDef{"Site", 0, ZN_CHAR_PTR, 0});
+        def.classDynamic.push_back(RMAttrDef{"PoweredOn", 0, ZN_UINT32, 0});
         setClassDef(def);
     }
     void enumerateResources(RMEnumResourcesResponse* rsp) override {
         rsp->done(handles.data(), static_cast<unsigned int>(handles.size()));
     }
-    std::vector<zn_resource_handle> handles;
-};
+    void getClassAttributeValues(RMAttributeValueResponse* rsp, int* ids,
+                                 unsigned int count) override {
+        queries.fetch_add(1);
+        std::string s = site();
+        for (unsigned int i = 0; i < count; ++i) {
+            if (ids[i] == 0) {
+                rm_attribute_value v{0, ZN_CHAR_PTR, {}};
+                v.rm_value.ptr_char = s.data();
+                rsp->addValue(&v, 1);
+            }
+        }
+        rsp->done(nullptr);
+    }
+    void reportDynAttributeValues(int*, unsigned int, RMAttributeValueResponse* rsp) override {
+        queries.fetch_add(1);
+        rm_attribute_value v = poweredOn();
+        rsp->addValue(&v, 1);
+        rsp->done(nullptr);
+    }
+    void startMonitoringClassAttrs(RMAttributeValueResponse* rsp, rm_monitoring_data* attrs,
+                                   unsigned int count) override {
+        for (unsigned int i = 0; i < count; ++i) {
+            if (attrs[i].rm_attribute_id == 0) {
+                monitored = true;
+                starts.fetch_add(1);
+            }
+        }
+        rm_attribute_value v = poweredOn();
+        rsp->addValue(&v, 1);
+        rsp->done(nullptr);
+    }
+    void stopMonitoringClassAttrs(RMAttributeIdResponse* rsp, int* ids,
+                                  unsigned int count) override {
+        for (unsigned int i = 0; i < count; ++i) {
+            if (ids[i] == 0) {
+                monitored = false;
+            }
+            rsp->result(ids[i], nullptr);
+        }
+        rsp->done(nullptr);
+    }
 
-}  // namespace
+    void setPoweredOn(uint32_t value) {
+        poweredOn_ = value;
+        rm_attribute_value v = poweredOn();
+        notifyDynamicClassAttrsModified(&v, 1);
+    }
+    void setSite(const std::string& s) {
+        {
+            std::lock_guard<std::mutex> g(mu_);
+            site_ = s;
+        }
+        rm_attribute_value v{0, ZN_CHAR_PTR, {}};
+        v.rm_value.ptr_char = const_cast<char*>(s.c_str());
+        notifyPersistentClassAttrsModified(&v, 1);
+    }
+
+    std::vector<zn_resource_handle> handles;
+    std::atomic<bool> monitored{false};
+    std::atomic<int> starts{0};
+    std::atomic<int> queries{0};
+
+private:
+    rm_attribute_value poweredOn() const {
+        rm_attribute_value v{0, ZN_UINT32, {}};
+        v.rm_value.val_uint32 = poweredOn_.load();
+        return v;
+    }
+    std::string site() const {
+        std::lock_guard<std::mutex> g(mu_);
+        return site_;
+    }
+    std::atomic<uint32_t> poweredOn_{0};
+    mutable std::mutex mu_;  // guards site_
+    std::string site_ = "lab";
+};
 
 PowerManager::PowerManager() : rmcp_(std::make_unique<RMRmcp>("Test.Power.RM", 1, nullptr, 0, 1)) {
     auto* rccp = new PowerRccp(rmcp_.get());  // owned by the control point
+    rccp_ = rccp;
     zn_resource_handle h[2];
     rccp->makeResourceHandles(2, 9, 0, h);
     for (int i = 0; i < 2; ++i) {
@@ -136,6 +210,26 @@ void PowerManager::setPower(int i, uint32_t value) {
 
 const std::string& PowerManager::hostname(int i) const {
     return rcps_.at(static_cast<size_t>(i))->host();
+}
+
+void PowerManager::setPoweredOn(uint32_t value) {
+    rccp_->setPoweredOn(value);
+}
+
+void PowerManager::setSite(const std::string& site) {
+    rccp_->setSite(site);
+}
+
+bool PowerManager::classMonitored() const {
+    return rccp_->monitored.load();
+}
+
+int PowerManager::classStarts() const {
+    return rccp_->starts.load();
+}
+
+int PowerManager::classQueries() const {
+    return rccp_->queries.load();
 }
 
 std::vector<std::string> PowerManager::monitoringCalls() const {

@@ -2,8 +2,8 @@
 // root, the test's own resource manager connected to it, and the client
 // library's px_reg_event_select / px_dispatch. Covers expressions with
 // previous values, re-arm, monitoring that follows the watches, the error
-// event when the manager goes and the resumption when it is back, and how
-// px_dispatch ends.
+// event when the manager goes and the resumption when it is back, watches on
+// the class's own attributes, and how px_dispatch ends.
 #include <fcntl.h>
 
 #include <filesystem>
@@ -30,8 +30,11 @@ struct Got {
     uint64_t registration = 0;
     uint32_t flags = 0;
     int32_t errnum = 0;
+    bool hasHandle = false;
     std::string host;
     int64_t power = -1;  // -1: not sent
+    std::string site;
+    int64_t poweredOn = -1;  // -1: not sent
 };
 
 // Keeps every event its callback receives.
@@ -43,12 +46,17 @@ public:
         g.registration = e->pe_registration;
         g.flags = e->pe_flags;
         g.errnum = e->pe_errnum;
+        g.hasHandle = e->pe_has_handle != 0;
         for (uint32_t i = 0; i < e->pe_attr_count; ++i) {
             std::string name = e->pe_attrs[i].pe_name;
             if (name == "Hostname" && e->pe_attrs[i].pe_type == ZN_CHAR_PTR) {
                 g.host = e->pe_attrs[i].pe_value.ptr_char;
             } else if (name == "PowerStatus" && e->pe_attrs[i].pe_type == ZN_UINT32) {
                 g.power = e->pe_attrs[i].pe_value.val_uint32;
+            } else if (name == "Site" && e->pe_attrs[i].pe_type == ZN_CHAR_PTR) {
+                g.site = e->pe_attrs[i].pe_value.ptr_char;
+            } else if (name == "PoweredOn" && e->pe_attrs[i].pe_type == ZN_UINT32) {
+                g.poweredOn = e->pe_attrs[i].pe_value.val_uint32;
             }
         }
         px_free_response(e);
@@ -282,6 +290,70 @@ TEST_F(Watch, ManagerGoneGivesErrorEventsAndWatchesResume) {
     EXPECT_EQ(back.flags, 0u);
     EXPECT_EQ(back.host, manager_.hostname(1));
     EXPECT_EQ(back.power, 1);
+}
+
+TEST_F(Watch, ClassLevelWatchReadsTheClassAndMonitorsItWhileNeeded) {
+    Collector c;
+    const char* names[] = {"Site", "PoweredOn"};
+    px_reg_event_rsp_t* rsp = nullptr;
+    ASSERT_EQ(
+        px_reg_event_select(session_, 2 | PX_EVENT_OPT_CLASS, kClass, nullptr, names, 2,
+                            "PoweredOn!=PoweredOn@P", nullptr, &Collector::callback, &c, &rsp),
+        PX_OK);
+    uint64_t id = rsp->registration;
+    px_free_response(rsp);
+    dispatch();
+    ASSERT_TRUE(
+        testsupport::waitFor([&] { return manager_.classMonitored(); }, std::chrono::seconds(10)));
+    EXPECT_EQ(manager_.classStarts(), 1);
+    EXPECT_GE(manager_.classQueries(), 2) << "Site and PoweredOn read when it was set up";
+    EXPECT_EQ(manager_.monitored(), 0) << "the resources' attributes are not the class's";
+
+    manager_.setPoweredOn(0);  // what it was when read: no change
+    manager_.setPower(0, 1);   // a resource's report is not the class's
+    EXPECT_TRUE(quiet(c, 0));
+    manager_.setPoweredOn(2);
+    ASSERT_TRUE(c.waitCount(1));
+    manager_.setSite("hall");  // not named by the expression, but sent from now on
+    EXPECT_TRUE(quiet(c, 1));
+    manager_.setPoweredOn(3);
+    ASSERT_TRUE(c.waitCount(2));
+    auto got = c.all();
+    ASSERT_EQ(got.size(), 2u);
+    for (const Got& g : got) {
+        EXPECT_EQ(g.registration, id);
+        EXPECT_EQ(g.flags, PX_EVENT_CLASS);
+        EXPECT_FALSE(g.hasHandle);
+    }
+    EXPECT_EQ(got[0].site, "lab");
+    EXPECT_EQ(got[0].poweredOn, 2);
+    EXPECT_EQ(got[1].site, "hall");
+    EXPECT_EQ(got[1].poweredOn, 3);
+
+    // A second class watch shares the monitoring; it stops with the last one.
+    Collector c2;
+    const char* one[] = {"PoweredOn"};
+    ASSERT_EQ(px_reg_event_select(session_, 2 | PX_EVENT_OPT_CLASS, kClass, nullptr, one, 1,
+                                  "PoweredOn==4", nullptr, &Collector::callback, &c2, &rsp),
+              PX_OK);
+    uint64_t id2 = rsp->registration;
+    px_free_response(rsp);
+    ASSERT_TRUE(testsupport::waitFor([&] { return manager_.classQueries() >= 4; },
+                                     std::chrono::seconds(10)));
+    // The resource's report above was handled before this watch was read.
+    EXPECT_EQ(manager_.monitored(), 0) << "a class attribute's id is not a resource's";
+    manager_.setPoweredOn(4);
+    ASSERT_TRUE(c2.waitCount(1));
+    ASSERT_TRUE(c.waitCount(3));
+    EXPECT_EQ(c2.all()[0].poweredOn, 4);
+    ASSERT_EQ(px_unreg_event(session_, id), PX_OK);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_TRUE(manager_.classMonitored());
+    ASSERT_EQ(px_unreg_event(session_, id2), PX_OK);
+    ASSERT_TRUE(
+        testsupport::waitFor([&] { return !manager_.classMonitored(); }, std::chrono::seconds(10)));
+    EXPECT_EQ(manager_.classStarts(), 1);
+    EXPECT_EQ(manager_.monitored(), 0);
 }
 
 TEST_F(Watch, DispatchEndsWhenTheSessionEndsOrTheServiceGoes) {

@@ -182,7 +182,7 @@ int px_reg_event_select(px_session_t session, uint32_t option, const char* class
                         const char* selection, const char* const* attr_names, uint32_t attr_count,
                         const char* expression, const char* rearm, px_event_cb_t callback,
                         void* arg, px_reg_event_rsp_t** rsp) {
-    if (option != 2) {
+    if ((option & ~PX_EVENT_OPT_CLASS) != 2) {
         return failOption(option);
     }
     if (session == nullptr || class_name == nullptr || expression == nullptr ||
@@ -205,6 +205,9 @@ int px_reg_event_select(px_session_t session, uint32_t option, const char* class
     }
     if (rearm != nullptr && rearm[0] != '\0') {
         params["rearm"] = rearm;
+    }
+    if ((option & PX_EVENT_OPT_CLASS) != 0) {
+        params["classLevel"] = true;
     }
     {
         std::lock_guard<std::mutex> g(session->ioMu);

@@ -4,9 +4,14 @@
 // event delivered to the watch's callback.
 //
 // Contract:
-// - px_reg_event_select takes option 2 only (any other: PX_ENOTSUPPORTED);
-//   selection null or "" watches every resource; rearm null: none. The
-//   response carries the registration id; free it with px_free_response.
+// - px_reg_event_select takes option 2, optionally with PX_EVENT_OPT_CLASS
+//   (any other: PX_ENOTSUPPORTED); selection null or "" watches every
+//   resource; rearm null: none. The response carries the registration id;
+//   free it with px_free_response.
+// - With PX_EVENT_OPT_CLASS the watch is on the class's own attributes (its
+//   class-level persistent and dynamic ones): the expression, re-arm and
+//   attribute names are those, and its events have PX_EVENT_CLASS and no
+//   resource handle.
 // - Events reach the session whenever the service has one, also while no
 //   px_dispatch runs: they wait in the session's queue, which holds up to
 //   PX_EVENT_QUEUE_MAX events; past that, new events are dropped and counted
@@ -25,6 +30,8 @@
 #include "znpex/client/px_client.h"
 
 inline constexpr int PX_DISPATCH_ENDED = 4;
+// Or'ed into px_reg_event_select's option 2: watch the class itself.
+inline constexpr uint32_t PX_EVENT_OPT_CLASS = 0x100;
 inline constexpr uint32_t PX_EVENT_QUEUE_MAX = 65536;
 
 inline constexpr int32_t PX_RSP_REG_EVENT = 5;

@@ -285,11 +285,12 @@ void WatchEngine::stopping() {
     emit(std::move(out));
 }
 
-std::set<int> WatchEngine::neededDynamic(const std::string& cls) const {
+std::set<int> WatchEngine::neededDynamic(const std::string& cls, bool classLevel) const {
     std::lock_guard<std::mutex> g(mu_);
     std::set<int> ids;
     for (const auto& [id, w] : watches_) {
-        if (w->spec.className != cls) {
+        // Class and resource attributes have ids of their own.
+        if (w->spec.className != cls || w->spec.classLevel != classLevel) {
             continue;
         }
         for (const auto* cols : {&w->exprCols, &w->rearmCols}) {

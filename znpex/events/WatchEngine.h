@@ -94,8 +94,9 @@ public:
     // The service is stopping: one error event per watch; all watches end.
     void stopping();
     // Dynamic attribute ids that the class's watches name (monitoring must
-    // run for these while the set is not empty).
-    std::set<int> neededDynamic(const std::string& cls) const;
+    // run for these while the set is not empty): of its resources, or with
+    // classLevel of the class itself.
+    std::set<int> neededDynamic(const std::string& cls, bool classLevel = false) const;
 
 private:
     struct ResourceState;

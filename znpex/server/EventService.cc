@@ -189,6 +189,7 @@ void EventService::managerGone(const std::vector<std::string>& classes) {
             auto it = classes_.find(cls);
             if (it != classes_.end()) {
                 it->second.monitoring.clear();
+                it->second.classMonitoring.clear();
             }
         }
     }
@@ -328,6 +329,40 @@ void EventService::seedValues(const std::string& cls, const zn_resource_handle& 
     engine_.seed(cls, &h, persistent, view.data(), static_cast<unsigned int>(view.size()));
 }
 
+tarn_rmf2v::RMClassDef EventService::classDef(const std::string& cls) const {
+    for (const ClassEntry& e : registry_.classes()) {
+        if (e.def.name == cls) {
+            return e.def;
+        }
+    }
+    return {};
+}
+
+bool EventService::seedClass(const Owned& w, const tarn_rmf2v::RMClassDef& def) {
+    const std::string& cls = w.spec.className;
+    bool ok = true;
+    for (bool persistent : {true, false}) {
+        RMRequest q;
+        q.className = cls;
+        q.op = persistent ? RMRequestOp::GetClassAttributeValues
+                          : RMRequestOp::ReportDynClassAttributeValues;
+        for (const auto& a : persistent ? def.classPersistent : def.classDynamic) {
+            q.ids.push_back(a.id);
+        }
+        if (q.ids.empty()) {
+            continue;
+        }
+        std::optional<RMReply> got = ask(q, w.identity);
+        if (!got || got->error != nullptr) {
+            ok = false;
+            continue;
+        }
+        std::vector<rm_attribute_value> view = viewOf(got->values);
+        engine_.seed(cls, nullptr, persistent, view.data(), static_cast<unsigned int>(view.size()));
+    }
+    return ok;
+}
+
 void EventService::seed(uint64_t watch) {
     Owned w;
     {
@@ -344,8 +379,11 @@ void EventService::seed(uint64_t watch) {
         return;  // resumes when the manager registers again
     }
     if (w.spec.classLevel) {
+        if (!seedClass(w, classDef(cls))) {
+            deliverOne(errorEvent(watch, cls, events::kErrQueryFailed));
+        }
         reconcile(cls);
-        return;  // class values come with the manager's reports
+        return;
     }
     RMRequest en;
     en.className = cls;
@@ -364,12 +402,7 @@ void EventService::seed(uint64_t watch) {
         deliverOne(errorEvent(watch, cls, events::kErrQueryFailed));
         return;
     }
-    tarn_rmf2v::RMClassDef def;
-    for (const ClassEntry& e : registry_.classes()) {
-        if (e.def.name == cls) {
-            def = e.def;
-        }
-    }
+    tarn_rmf2v::RMClassDef def = classDef(cls);
     bool failed = false;
     for (const zn_resource_handle& h : listed->handles) {
         for (bool persistent : {true, false}) {
@@ -400,7 +433,70 @@ void EventService::seed(uint64_t watch) {
     reconcile(cls);
 }
 
+void EventService::monitoringRefused(const std::string& cls) {
+    std::vector<uint64_t> hit;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        for (auto& [id, w] : watches_) {
+            if (w.spec.className == cls) {
+                hit.push_back(id);
+            }
+        }
+    }
+    for (uint64_t id : hit) {
+        deliverOne(errorEvent(id, cls, events::kErrMonitoringStopped));
+    }
+}
+
+void EventService::reconcileClass(const std::string& cls) {
+    std::set<int> needed = engine_.neededDynamic(cls, true);
+    std::set<int> current;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        current = classes_[cls].classMonitoring;
+    }
+    RMRequest start;
+    start.op = RMRequestOp::StartMonitoringClassAttrs;
+    start.className = cls;
+    RMRequest stop;
+    stop.op = RMRequestOp::StopMonitoringClassAttrs;
+    stop.className = cls;
+    for (int id : needed) {
+        if (current.count(id) == 0) {
+            start.monitoring.push_back(rm_monitoring_data{id, 0});
+        }
+    }
+    for (int id : current) {
+        if (needed.count(id) == 0) {
+            stop.ids.push_back(id);
+        }
+    }
+    std::set<int> after = current;
+    if (!start.monitoring.empty()) {
+        std::optional<RMReply> r = ask(start, {});
+        if (r && r->error == nullptr) {
+            for (const rm_monitoring_data& m : start.monitoring) {
+                after.insert(m.rm_attribute_id);
+            }
+            std::vector<rm_attribute_value> view = viewOf(r->values);
+            engine_.seed(cls, nullptr, false, view.data(), static_cast<unsigned int>(view.size()));
+        } else if (registry_.find(cls).connected) {
+            monitoringRefused(cls);
+        }
+    }
+    if (!stop.ids.empty()) {
+        // Whatever the manager answers, nobody needs these any more.
+        ask(stop, {});
+        for (int id : stop.ids) {
+            after.erase(id);
+        }
+    }
+    std::lock_guard<std::mutex> g(mu_);
+    classes_[cls].classMonitoring = std::move(after);
+}
+
 void EventService::reconcile(const std::string& cls) {
+    reconcileClass(cls);
     std::set<int> needed = engine_.neededDynamic(cls);
     std::map<std::string, std::set<int>> now;
     {
@@ -442,18 +538,7 @@ void EventService::reconcile(const std::string& cls) {
                 }
                 seedValues(cls, h, false, r->values);
             } else if (registry_.find(cls).connected) {
-                std::vector<uint64_t> hit;
-                {
-                    std::lock_guard<std::mutex> g(mu_);
-                    for (auto& [id, w] : watches_) {
-                        if (w.spec.className == cls) {
-                            hit.push_back(id);
-                        }
-                    }
-                }
-                for (uint64_t id : hit) {
-                    deliverOne(errorEvent(id, cls, events::kErrMonitoringStopped));
-                }
+                monitoringRefused(cls);
             }
         }
         if (!stop.ids.empty()) {

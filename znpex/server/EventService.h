@@ -85,16 +85,23 @@ private:
     struct ClassState {
         std::set<std::string> handles;                    // hex, resources seen
         std::map<std::string, std::set<int>> monitoring;  // hex -> dynamic ids
+        std::set<int> classMonitoring;                    // the class's own dynamic ids
     };
 
     void deliver(std::vector<events::Event>&& batch);
     void deliverOne(events::Event&& e);
     void post(std::function<void()> task);
     void run();
-    // Reads the watch's resources and their values into the engine.
+    // Reads the watch's resources (or the class) and their values into the engine.
     void seed(uint64_t watch);
+    // The class's own current values; false when the manager did not give them.
+    bool seedClass(const Owned& w, const tarn_rmf2v::RMClassDef& def);
     // Starts and stops monitoring so the class's manager watches what is needed.
     void reconcile(const std::string& cls);
+    void reconcileClass(const std::string& cls);
+    // Every watch of the class gets error event 0x4000b.
+    void monitoringRefused(const std::string& cls);
+    tarn_rmf2v::RMClassDef classDef(const std::string& cls) const;
     std::optional<tarn_rmf2v::RMReply> ask(const tarn_rmf2v::RMRequest& request,
                                            const std::string& identity);
     void seedValues(const std::string& cls, const zn_resource_handle& h, bool persistent,
