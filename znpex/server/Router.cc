@@ -209,6 +209,7 @@ void Router::onClosed(const std::shared_ptr<Connection>& c) {
         std::lock_guard<std::mutex> g(peerMu_);
         tcpAddresses_.erase(c->id());
         peerHosts_.erase(c->id());
+        domainSessions_.erase(c->id());
         if (manager != nullptr) {
             auto it = managersByName_.find(manager->rmName());
             if (it != managersByName_.end() && it->second.lock() == c) {

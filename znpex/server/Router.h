@@ -17,7 +17,9 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "znpex/di/DiStore.h"
 #include "znpex/proto/JsonRpc.h"
@@ -131,6 +133,26 @@ private:
     std::string identityOf(const Connection& c) const;
     proto::Json peerStatus() const;
 
+    // Domain-scoped sessions (RouterDomain.cc).
+    struct DomainPart {
+        std::string host;
+        bool local = false;    // this host's manager
+        proto::Json params;    // what this host gets
+        proto::Json response;  // its whole JSON-RPC response once it ended
+    };
+    bool inDomainSession(const Connection& c) const;
+    void setDomainSession(const Connection& c, bool on);
+    void domainForward(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m,
+                       const MethodInfo& info, const std::string& cls);
+    // Forwards to this host's manager; `done` gets the whole response (a
+    // JSON-RPC error when it could not be asked or did not answer).
+    void forwardLocal(const std::string& identity, const proto::RpcMessage& m,
+                      const MethodInfo& info, const std::string& cls, proto::Json params,
+                      std::function<void(proto::Json response)> done);
+    static proto::Json gatherAnswers(const proto::Json& id, const std::vector<DomainPart>& parts,
+                                     const proto::Json& unknownHosts,
+                                     const proto::Json& unknownItems);
+
     // Event watches (EventMethods.cc).
     void eventRegister(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
     void eventUnregister(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
@@ -188,6 +210,7 @@ private:
     std::map<uint64_t, std::string> tcpAddresses_;  // TCP connection -> remote address
     std::map<uint64_t, std::string> peerHosts_;     // greeted connection -> host
     std::map<std::string, std::weak_ptr<Connection>> managersByName_;
+    std::set<uint64_t> domainSessions_;  // connections whose session is domain-scoped
     // The time stamp (ms) of the newest tables this host has: a copy from
     // another host is taken only when it is newer. 0 after a start, so a
     // restarted host takes what the others have.

@@ -6,6 +6,7 @@
 #include "znpex/proto/NotifyMessages.h"
 #include "znpex/proto/RequestCodec.h"
 #include "znpex/proto/ServiceMessages.h"
+#include "znpex/server/PeerMessages.h"
 #include "znpex/server/Router.h"
 #include "znpex/server/ServiceErrors.h"
 #include "znpex/server/ServiceLog.h"
@@ -66,11 +67,27 @@ void Router::forward(const std::shared_ptr<Connection>& c, const RpcMessage& m,
     // Decoding checks every field before anything reaches a manager.
     tarn_rmf2v::RMRequest request = proto::decodeRequestParams(info.op, m.params);
     const std::string& cls = request.className;
+    if (peers_ != nullptr && inDomainSession(*c)) {
+        domainForward(c, m, info, cls);
+        return;
+    }
+    std::string identity = identityOf(*c);
+    if (std::string host = peerHostOf(*c); !host.empty()) {
+        // Another host's service asks for its caller: "<user>@<that host>".
+        const Json* user = proto::findField(m.params, "user");
+        if (user == nullptr || !user->is_string() || user->get_ref<const std::string&>().empty() ||
+            user->get_ref<const std::string&>().size() > kMaxHostName ||
+            user->get_ref<const std::string&>().find('@') != std::string::npos) {
+            replyError(c, m.id, proto::kInvalidParams,
+                       "params.user: expected the caller's user name (no '@')");
+            return;
+        }
+        identity = user->get<std::string>() + "@" + host;
+    }
     auto rules = acl_.rules();
-    if (!isAllowed(*rules, c->identity(), cls, info.target, info.access)) {
+    if (!isAllowed(*rules, identity, cls, info.target, info.access)) {
         denied_.fetch_add(1);
-        replyFailure(c, m.id, proto::kPermissionDenied,
-                     *permissionDenied(c->identity(), m.method, cls));
+        replyFailure(c, m.id, proto::kPermissionDenied, *permissionDenied(identity, m.method, cls));
         return;
     }
     ClassLookup where = registry_.find(cls);
@@ -93,7 +110,8 @@ void Router::forward(const std::shared_ptr<Connection>& c, const RpcMessage& m,
         ++c->state.pendingRequests;
     }
     Json params = m.params;
-    params["identity"] = c->identity();  // never what the client claims
+    params["identity"] = identity;  // never what the client claims
+    params.erase("user");
     auto session = std::static_pointer_cast<ManagerSession>(where.endpoint);
     Forwarded f{c, m.id, m.method, cls, where.rmName, info.watch};
     bool sent = session->forward(

@@ -19,7 +19,7 @@ void Router::sessionStart(const std::shared_ptr<Connection>& c, const RpcMessage
         p = proto::decodeSessionStart(m.params);
     }
     proto::SessionStartResult r;
-    r.identity = c->identity();
+    r.identity = identityOf(*c);
     {
         std::lock_guard<std::mutex> g(c->stateMu);
         if (c->state.sessionId == 0) {
@@ -28,6 +28,8 @@ void Router::sessionStart(const std::shared_ptr<Connection>& c, const RpcMessage
         c->state.clientName = p.client;
         r.session = c->state.sessionId;
     }
+    // Option 4: the session's "rm.*" requests span the management domain.
+    setDomainSession(*c, (p.options & 4u) != 0);
     replyResult(c, m.id, proto::encodeSessionStarted(r));
 }
 
@@ -37,6 +39,7 @@ void Router::sessionEnd(const std::shared_ptr<Connection>& c, const RpcMessage& 
         c->state.sessionId = 0;
         c->state.clientName.clear();
     }
+    setDomainSession(*c, false);
     replyResult(c, m.id, Json{{"ok", true}});
 }
 
