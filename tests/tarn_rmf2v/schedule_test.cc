@@ -10,6 +10,7 @@
 
 #include "platform/clock.h"
 #include "tarn_rmf2v/RMSchedule.h"
+#include "tests/support/Subprocess.h"
 
 namespace {
 
@@ -35,14 +36,7 @@ void record(void* p) {
 
 // Waits (in real time, bounded) until the schedule has run n operations.
 bool waitCompleted(const RMSchedule& s, uint64_t n) {
-    auto end = std::chrono::steady_clock::now() + 5s;
-    while (s.completed() < n) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
+    return testsupport::waitFor([&] { return s.completed() >= n; });
 }
 
 TEST(Schedule, RunsInDeadlineOrderThenInsertionOrder) {
@@ -96,8 +90,8 @@ TEST(Schedule, RemoveCancelsEveryPendingRunOfAnArgumentAndIsHarmlessAfterwards) 
     EXPECT_EQ(s.removeOperation(&drop), 2u);
     clock.advance(10s);
     ASSERT_TRUE(waitCompleted(s, 1));
-    EXPECT_EQ(s.removeOperation(&keep), 0u);      // already ran
-    EXPECT_EQ(s.removeOperation(nullptr), 0u);    // never existed
+    EXPECT_EQ(s.removeOperation(&keep), 0u);    // already ran
+    EXPECT_EQ(s.removeOperation(nullptr), 0u);  // never existed
     EXPECT_EQ(log.order, (std::vector<int>{1}));
 }
 
@@ -142,7 +136,8 @@ TEST(Schedule, AnOperationMayRescheduleOrRemoveItselfAndThrowingDoesNotStopTheTi
             auto* self = static_cast<Periodic*>(a);
             self->s->removeOperation(self);  // must not deadlock on itself
             if (++self->runs < 3) {
-                self->s->addOperation("Periodic", +[](void*) {}, nullptr, 0u);
+                self->s->addOperation(
+                    "Periodic", +[](void*) {}, nullptr, 0u);
                 throw std::runtime_error("boom");
             }
         },
