@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "tarn_base/CException.h"
+#include "tests/support/Subprocess.h"
 #include "tests/tarn_base/ScriptTest.h"
 
 namespace {
@@ -57,19 +58,15 @@ private:
 
 // Gone or a zombie: either way no longer running.
 bool processEnded(pid_t pid) {
-    for (int i = 0; i < 200; ++i) {
+    return testsupport::waitFor([pid] {
         std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
         std::string line;
         if (!std::getline(stat, line)) {
             return true;
         }
         auto paren = line.rfind(')');
-        if (paren != std::string::npos && line.size() > paren + 2 && line[paren + 2] == 'Z') {
-            return true;
-        }
-        std::this_thread::sleep_for(10ms);
-    }
-    return false;
+        return paren != std::string::npos && line.size() > paren + 2 && line[paren + 2] == 'Z';
+    });
 }
 
 class CCommandTest : public testsupport::ScriptTest {
