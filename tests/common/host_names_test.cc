@@ -16,6 +16,7 @@
 #include "common/NameList.h"
 #include "tests/common/FakeResolver.h"
 #include "tests/common/WexTraceCapture.h"
+#include "tests/support/Subprocess.h"
 
 namespace {
 
@@ -157,9 +158,7 @@ TEST_F(HostNames, SlowResolverHoldsUpNoOtherCaller) {
         std::free(out);
         slowDone = true;
     });
-    while (fake.nameCalls("slow") == 0) {
-        std::this_thread::sleep_for(1ms);
-    }
+    EXPECT_TRUE(testsupport::waitFor([&] { return fake.nameCalls("slow") > 0; }));
     for (int i = 0; i < 20; ++i) {
         zn_array* out = nullptr;
         char t[] = "fast";
