@@ -176,6 +176,14 @@ bool PeerDomainTest::start(size_t i) {
     return port == port_;
 }
 
+void PeerDomainTest::writeAcl(size_t i, const std::string& extra) {
+    std::string acl = znpextest::shippedAcl();
+    size_t at = acl.find("OTHER\n");
+    ASSERT_NE(at, std::string::npos) << "the shipped list has an OTHER stanza";
+    acl.insert(at + 6, extra);
+    znpextest::writeText(hosts_[i].root + zn::paths::kAclFile, acl);
+}
+
 void PeerDomainTest::stop(size_t i) {
     Host& h = hosts_[i];
     if (h.proc != nullptr && h.proc->running()) {

@@ -75,6 +75,9 @@ protected:
     bool startAll();
     // (Re)starts host `i` (0-based) on the domain's port; false when it did not listen.
     bool start(size_t i);
+    // Writes host `i`'s access list: the shipped one plus `extra` lines in
+    // its stanza (the service reads it at start).
+    void writeAcl(size_t i, const std::string& extra);
     // Stops host `i` with SIGTERM.
     void stop(size_t i);
     // Refreshes the node table naming all three hosts on host `i`; returns

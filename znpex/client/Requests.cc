@@ -3,6 +3,7 @@
 #include <new>
 
 #include "znpex/client/ClientErrors.h"
+#include "znpex/client/HostErrors.h"
 #include "znpex/proto/ClassDefCodec.h"
 
 namespace znpex::client {
@@ -41,6 +42,7 @@ const char* scopeName(AttrScope scope) {
 }
 
 int checkArgs(const char* fn, px_session_t s, const char* className, const void* rsp) {
+    clearHostErrors();  // a new call: nothing gathered yet
     if (s == nullptr) {
         return failInvalid(fn, "no session");
     }
@@ -140,6 +142,7 @@ int perResource(px_session& s, const RequestMaker& make,
         }
         fillEntry(out->resources[i], h, reply, defs);
     }
+    attachHostErrors(out->hdr);
     *rsp = out.release();
     return PX_OK;
 }
@@ -154,6 +157,7 @@ int perSelected(px_session& s, const std::string& className, const char* selecti
     if (chosen.error) {
         RspPtr<px_resources_rsp_t> out = makeResources(0);
         out->hdr.pr_error = chosen.error.release();
+        attachHostErrors(out->hdr);
         *rsp = out.release();
         return PX_OK;
     }

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 
+#include "znpex/client/HostErrors.h"
 #include "znpex/client/px_event.h"
 
 namespace znpex::client {
@@ -110,6 +111,7 @@ RspPtr<T> makeRsp(px_response_type_t type) {
 RspPtr<px_enumerate_rsp_t> makeEnumerate(tarn_rmf2v::RMReply& reply) {
     auto r = makeRsp<px_enumerate_rsp_t>(PX_RSP_ENUMERATE);
     r->hdr.pr_error = reply.error.release();
+    attachHostErrors(r->hdr);
     r->handles = allocZeroed<zn_resource_handle>(reply.handles.size());
     for (const auto& h : reply.handles) {
         r->handles[r->handle_count++] = h;
@@ -120,6 +122,7 @@ RspPtr<px_enumerate_rsp_t> makeEnumerate(tarn_rmf2v::RMReply& reply) {
 RspPtr<px_define_rsp_t> makeDefine(tarn_rmf2v::RMReply& reply) {
     auto r = makeRsp<px_define_rsp_t>(PX_RSP_DEFINE);
     r->hdr.pr_error = reply.error.release();
+    attachHostErrors(r->hdr);
     r->has_handle = reply.hasNewHandle ? 1 : 0;
     r->handle = reply.newHandle;
     return r;
@@ -189,6 +192,7 @@ void px_free_response(void* rsp) {
     }
     auto* hdr = static_cast<px_rsp_hdr_t*>(rsp);
     cu_rel_error_1(hdr->pr_error);
+    znpex::client::freeHostErrors(*hdr);
     switch (hdr->pr_type) {
         case PX_RSP_ENUMERATE:
             std::free(static_cast<px_enumerate_rsp_t*>(rsp)->handles);

@@ -4,6 +4,7 @@
 
 #include "tarn_rmf/RMCommonErrors.h"
 #include "znpex/client/ClientErrors.h"
+#include "znpex/client/HostErrors.h"
 #include "znpex/client/px_client.h"
 #include "znpex/proto/RequestCodec.h"
 #include "znpex/proto/ServiceMessages.h"
@@ -71,6 +72,7 @@ int callRm(px_session& s, const tarn_rmf2v::RMRequest& request, tarn_rmf2v::RMRe
     } catch (const proto::ProtocolError& e) {
         return failReply(method, e.what());
     }
+    collectHostErrors(method, result);
     return PX_OK;
 }
 

@@ -29,10 +29,15 @@ inline constexpr int PX_EACCESS = 7;        // the service's access control list
 inline constexpr int PX_ENOTCONNECTED = 8;  // the class's resource manager is not connected
 inline constexpr int PX_EFAILED = 9;        // the service could not carry out the request
 inline constexpr int PX_ENOMETHOD = 10;     // the service does not offer the request (here)
-inline constexpr int PX_ENOTSUPPORTED = 39;  // a session option this client does not offer
+// A session option this client does not offer: anything but 1, 0x401, 4 and 0x404.
+inline constexpr int PX_ENOTSUPPORTED = 39;
 
-// Session options: 0x401 and 1 open a session to one host's service; the
-// domain-wide scope (4) is not offered by this client.
+// Session options: 1 and 0x401 open a session with one host's service; 4
+// and 0x404 a domain-scoped one: the service asks every host of its
+// management domain and joins the answers (handles and resource entries of
+// all hosts; requests naming handles go to the hosts that own them). Hosts
+// that failed or did not answer in time are listed in each response's
+// pr_host_errors. Event registrations stay with the contacted host.
 typedef uint32_t px_session_opts_t;
 enum : px_session_opts_t {
     PX_SCOPE_LOCAL = 0x001,
@@ -77,9 +82,19 @@ enum px_response_type_t : int32_t {
 
 // Every response starts with this header. error: the request as a whole
 // failed (the resource manager's answer); null otherwise.
+// A host of the management domain whose part of a domain-scoped request
+// failed: its name and why.
+struct px_host_error_t {
+    char* ph_host;
+    cu_error_t* ph_error;
+};
+
+// pr_host_errors: only on domain-scoped sessions, else none.
 struct px_rsp_hdr_t {
     px_response_type_t pr_type;
     cu_error_t* pr_error;
+    px_host_error_t* pr_host_errors;
+    uint32_t pr_host_error_count;
 };
 
 struct px_enumerate_rsp_t {
@@ -150,7 +165,7 @@ struct px_class_list_t {
     uint32_t class_count;
 };
 
-// Sessions. Options other than 0x401 and 1 return PX_ENOTSUPPORTED.
+// Sessions. Options other than 1, 0x401, 4 and 0x404 return PX_ENOTSUPPORTED.
 int px_start_session(const px_contact_t* contacts, uint32_t contact_count,
                      px_session_opts_t options, px_session_t* session);
 int px_end_session(px_session_t session);

@@ -17,7 +17,8 @@ namespace {
 constexpr int kEndTimeoutMs = 2000;
 
 bool supportedOptions(px_session_opts_t options) {
-    return options == (PX_SESSION_EXTENDED | PX_SCOPE_LOCAL) || options == PX_SCOPE_LOCAL;
+    px_session_opts_t scope = options & ~PX_SESSION_EXTENDED;
+    return scope == PX_SCOPE_LOCAL || scope == PX_SCOPE_DOMAIN;
 }
 
 // Handshake on an open connection: over TCP the hello first, then the
