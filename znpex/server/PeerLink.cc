@@ -10,6 +10,60 @@ namespace znpex::server {
 
 using proto::Json;
 
+namespace {
+
+// The handler of every peer link's connection. A connection calls its handler
+// for as long as it exists (a read that completed before the close is still
+// reported), which may be after its link is gone; this one lives for the
+// whole process and passes each report to the link while there is one.
+class LinkHandlers : public ConnectionHandler {
+public:
+    void add(const Connection& c, std::weak_ptr<PeerLink> link) {
+        std::lock_guard<std::mutex> g(mu_);
+        links_[c.id()] = std::move(link);
+    }
+    void onMessage(const std::shared_ptr<Connection>& c, std::string payload) override {
+        if (auto link = find(*c, false)) {
+            link->onMessage(c, std::move(payload));
+        }
+    }
+    void onOversize(const std::shared_ptr<Connection>& c, uint64_t length) override {
+        if (auto link = find(*c, false)) {
+            link->onOversize(c, length);
+        } else {
+            c->close();
+        }
+    }
+    void onClosed(const std::shared_ptr<Connection>& c) override {
+        if (auto link = find(*c, true)) {
+            link->onClosed(c);
+        }
+    }
+
+private:
+    std::shared_ptr<PeerLink> find(const Connection& c, bool erase) {
+        std::lock_guard<std::mutex> g(mu_);
+        auto it = links_.find(c.id());
+        if (it == links_.end()) {
+            return nullptr;
+        }
+        auto link = it->second.lock();
+        if (erase) {
+            links_.erase(it);
+        }
+        return link;
+    }
+    std::mutex mu_;
+    std::map<uint64_t, std::weak_ptr<PeerLink>> links_;
+};
+
+LinkHandlers& linkHandlers() {
+    static LinkHandlers* handlers = new LinkHandlers;  // never destroyed: see above
+    return *handlers;
+}
+
+}  // namespace
+
 PeerLink::PeerLink(asio::any_io_executor executor, std::string host, PeerHello self,
                    PeerLinkOptions options, OnUp onUp)
     : executor_(executor),
@@ -162,8 +216,10 @@ void PeerLink::tryAddress(uint64_t gen, size_t index) {
 void PeerLink::connected(uint64_t gen, asio::ip::tcp::socket socket) {
     int one = 1;
     ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
-    auto conn = std::make_shared<Connection>(Connection::Socket(std::move(socket)), Transport::Tcp,
-                                             "PEER:" + host_, static_cast<uid_t>(-1), *this);
+    auto conn =
+        std::make_shared<Connection>(Connection::Socket(std::move(socket)), Transport::Tcp,
+                                     "PEER:" + host_, static_cast<uid_t>(-1), linkHandlers());
+    linkHandlers().add(*conn, weak_from_this());
     auto session = std::make_shared<ManagerSession>(conn, host_, executor_);
     {
         std::lock_guard<std::mutex> g(mu_);

@@ -37,7 +37,7 @@ struct PeerLinkOptions {
     size_t maxQueued = 1024;
 };
 
-class PeerLink : public ConnectionHandler, public std::enable_shared_from_this<PeerLink> {
+class PeerLink : public std::enable_shared_from_this<PeerLink> {
 public:
     using Outcome = ManagerSession::Outcome;
     // Answered: the peer's whole response message. Otherwise null.
@@ -48,7 +48,7 @@ public:
 
     PeerLink(asio::any_io_executor executor, std::string host, PeerHello self,
              PeerLinkOptions options, OnUp onUp);
-    ~PeerLink() override;
+    ~PeerLink();
 
     // The addresses to try, in order (numeric IPv4 or IPv6).
     void setAddresses(std::vector<std::string> addresses);
@@ -63,9 +63,11 @@ public:
     State state() const;
     proto::Json status() const;
 
-    void onMessage(const std::shared_ptr<Connection>& c, std::string payload) override;
-    void onOversize(const std::shared_ptr<Connection>& c, uint64_t length) override;
-    void onClosed(const std::shared_ptr<Connection>& c) override;
+    // What the link's connection reports (through a handler that outlives
+    // every connection, since a connection may report after its link is gone).
+    void onMessage(const std::shared_ptr<Connection>& c, std::string payload);
+    void onOversize(const std::shared_ptr<Connection>& c, uint64_t length);
+    void onClosed(const std::shared_ptr<Connection>& c);
 
 private:
     struct Queued {

@@ -29,7 +29,8 @@ void Router::sessionStart(const std::shared_ptr<Connection>& c, const RpcMessage
         r.session = c->state.sessionId;
     }
     // Option 4: the session's "rm.*" requests span the management domain.
-    setDomainSession(*c, (p.options & 4u) != 0);
+    // Never for another host's service: what it asks for stays here.
+    setDomainSession(*c, (p.options & 4u) != 0 && peerHostOf(*c).empty());
     replyResult(c, m.id, proto::encodeSessionStarted(r));
 }
 
