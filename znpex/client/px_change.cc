@@ -1,6 +1,7 @@
 // Changes: define, undefine (by handles or selection) and attribute changes
 // (resource and class).
 #include "znpex/client/ClientErrors.h"
+#include "znpex/client/HostErrors.h"
 #include "znpex/client/Requests.h"
 
 using namespace znpex::client;
@@ -47,6 +48,7 @@ int undefine(px_session& s, const char* className, std::vector<zn_resource_handl
             }
         }
     }
+    attachHostErrors(out->hdr);
     *rsp = out.release();
     return PX_OK;
 }
@@ -160,6 +162,7 @@ int px_undefine_select(px_session_t session, const char* class_name, const char*
         if (chosen.error) {
             RspPtr<px_resources_rsp_t> out = makeResources(0);
             out->hdr.pr_error = chosen.error.release();
+            attachHostErrors(out->hdr);
             *rsp = out.release();
             return PX_OK;
         }
