@@ -165,6 +165,32 @@ TEST_F(PeerDomainTest, UntrustedGreetingsAndPeerOnlyMethodsAreRefused) {
     ASSERT_EQ(r.kind, Kind::Result) << r.errorMessage;
     EXPECT_EQ(r.result["delivered"], false) << "no such manager on host 2";
     EXPECT_GE(peerCounter(status(1), "refusedGreetings"), 2u);
+
+    // Tables from a peer: malformed ones change nothing; a copy is taken
+    // once, and not again with the same stamp.
+    Json whole{{"op", 1},
+               {"clearNodes", true},
+               {"clearGroups", true},
+               {"nodes", Json::array()},
+               {"groups", Json::array()}};
+    Json part = whole;
+    part["clearGroups"] = false;
+    Json removal = whole;
+    removal["op"] = 4;
+    for (const Json& bad :
+         {Json{{"stamp", "x"}, {"tables", whole}}, Json{{"stamp", "5"}, {"tables", part}},
+          Json{{"stamp", "5"}, {"tables", removal}}, Json{{"stamp", "5"}}}) {
+        r = plain.call("di.replicate", bad);
+        EXPECT_EQ(r.kind, Kind::Error) << bad.dump();
+        EXPECT_EQ(r.errorCode, proto::kInvalidParams) << bad.dump();
+    }
+    r = plain.call("di.replicate", Json{{"stamp", "5"}, {"tables", whole}});
+    ASSERT_EQ(r.kind, Kind::Result) << r.errorMessage;
+    EXPECT_EQ(r.result["code"], 0);
+    EXPECT_EQ(r.result["applied"], true);
+    r = plain.call("di.replicate", Json{{"stamp", "5"}, {"tables", whole}});
+    ASSERT_EQ(r.kind, Kind::Result) << r.errorMessage;
+    EXPECT_EQ(r.result["applied"], false) << "not newer than what host 2 has";
 }
 
 }  // namespace

@@ -272,8 +272,9 @@ void Router::diReplicate(const std::shared_ptr<Connection>& c, const RpcMessage&
     uint64_t stamp =
         proto::asDecimalUInt64(proto::requireField(m.params, "stamp", w), w + ".stamp");
     di::Transaction t = di::decodeTransaction(proto::requireField(m.params, "tables", w));
-    if (!t.clearNodes || !t.clearGroups) {
-        throw proto::ProtocolError(w + ".tables: expected whole tables (both cleared first)");
+    if (!t.clearNodes || !t.clearGroups || t.op == DI_TABLE_REMOVE) {
+        throw proto::ProtocolError(
+            w + ".tables: expected whole tables (both cleared first, rows added)");
     }
     std::lock_guard<std::mutex> g(diStampMu_);
     if (stamp <= diStamp_) {
