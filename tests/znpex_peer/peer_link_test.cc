@@ -154,7 +154,7 @@ TEST_F(PeerLinkTest, AHostThatNeverGreetsBackIsDownAndCostsNothingAfterwards) {
     ASSERT_EQ(first.wait_for(kEnough), std::future_status::ready);
     auto [o1, took1] = first.get();
     EXPECT_EQ(o1, Outcome::TimedOut);
-    EXPECT_LT(took1, std::chrono::milliseconds(400));
+    EXPECT_LT(took1, std::chrono::milliseconds(1500)) << "its own deadline, not the link's";
     // Longer: lost when the greeting times out.
     auto second = ask(3000);
     ASSERT_EQ(second.wait_for(kEnough), std::future_status::ready);
