@@ -174,6 +174,25 @@ TEST_F(DomainSessionTest, AnswersOfEveryHostAreGatheredAndHandlesGoToTheirOwners
     EXPECT_FALSE(r.result.contains("hosts"));
 }
 
+TEST_F(DomainSessionTest, EachHostChecksTheCallerAgainstItsOwnAccessList) {
+    HostManager m1(hosts_[0]), m2(hosts_[1]), m3(hosts_[2]);
+    ASSERT_TRUE(m1.registered() && m2.registered() && m3.registered());
+    // Host 3 no longer lets the first host's callers in.
+    writeAcl(2, "");
+    RpcMessage reload = hosts_[2].root_client()->call("service.refreshAcl");
+    ASSERT_EQ(reload.kind, Kind::Result) << reload.errorMessage;
+
+    auto c = domainSession();
+    RpcMessage r = c->call("rm.enumerateResources", Json{{"class", "Test.Widget"}}, 15000);
+    ASSERT_EQ(r.kind, Kind::Result) << r.errorMessage;
+    EXPECT_EQ(r.result["handles"].size(), 4u) << "hosts 1 and 2";
+    const Json* refused = hostEntry(r.result, hosts_[2].name);
+    ASSERT_NE(refused, nullptr) << r.result.dump();
+    ASSERT_TRUE(refused->contains("error")) << refused->dump();
+    EXPECT_EQ((*refused)["error"]["code"], proto::kPermissionDenied) << refused->dump();
+    EXPECT_TRUE(m3.seen().empty()) << "refused before reaching host 3's manager";
+}
+
 TEST_F(DomainSessionTest, AHostThatIsDownOrSilentIsAnErrorEntryNotAHang) {
     HostManager m1(hosts_[0]), m2(hosts_[1], /*silent=*/true), m3(hosts_[2]);
     ASSERT_TRUE(m1.registered() && m2.registered() && m3.registered());
