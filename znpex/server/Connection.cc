@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "znpex/proto/Frame.h"
+#include "znpex/server/ServiceLog.h"
 
 namespace znpex::server {
 namespace {
@@ -112,7 +113,12 @@ void Connection::enqueue(std::string payload, bool last) {
         frame.append(payload);
         self->outBytes_ += frame.size();
         if (self->outBytes_ > kMaxQueuedBytes) {
-            self->shutdown();  // the peer does not read what it asked for
+            // The peer does not read what it asked for: it alone is dropped,
+            // so the others' messages keep flowing.
+            serviceLog("connection %llu (%s) closed: more than %zu MiB sent to it are unread",
+                       static_cast<unsigned long long>(self->id_), self->identity_.c_str(),
+                       kMaxQueuedBytes >> 20);
+            self->shutdown();
             return;
         }
         self->out_.push_back(std::move(frame));
