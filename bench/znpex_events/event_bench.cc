@@ -6,8 +6,9 @@
 // Figures: events per second delivered to 1, 100 and 1,000 watching sessions
 // while the manager reports changes with at most a window of reports not yet
 // delivered everywhere, each run bounded to a few seconds (first argument,
-// default 2); and the time from a manager's report to the callback of one
-// session (median and p99, one report at a time).
+// default 2; further arguments: other session counts), with how many events
+// arrived of how many were due; and the time from a manager's report to the
+// callback of one session (median and p99, one report at a time).
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
