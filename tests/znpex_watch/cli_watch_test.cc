@@ -69,6 +69,24 @@ TEST_F(WatchCli, PrintsEventsUntilTheCount) {
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2) << text;
 }
 
+// --class watches the class's own attributes: only the class's reports fire.
+TEST_F(WatchCli, ClassFlagWatchesTheClassItself) {
+    auto p = znpex("-o json watch Test.Power --class -e 'PoweredOn==1' --count 1");
+    ASSERT_TRUE(testsupport::waitFor([&] { return manager_.classMonitored(); },
+                                     std::chrono::seconds(10)))
+        << err();
+    manager_.setPower(0, 1);  // a resource's report: not this watch's
+    manager_.setPoweredOn(1);
+    int st = p->wait();
+    ASSERT_TRUE(WIFEXITED(st)) << st;
+    EXPECT_EQ(WEXITSTATUS(st), 0) << err();
+    std::string text = out();
+    EXPECT_NE(text.find("\"PoweredOn\""), std::string::npos) << text;
+    EXPECT_NE(text.find("\"Site\""), std::string::npos) << text;
+    EXPECT_EQ(text.find("\"handle\""), std::string::npos) << text;
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+}
+
 TEST_F(WatchCli, SigtermEndsItCleanly) {
     auto p = znpex("watch Test.Power -e 'PowerStatus!=PowerStatus@P' -a Hostname,PowerStatus");
     ASSERT_TRUE(

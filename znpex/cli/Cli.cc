@@ -93,6 +93,8 @@ int runCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
         ->delimiter(',')
         ->allow_extra_args(false)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    watchCmd->add_flag("--class", watch.classLevel,
+                       "Watch the class's own attributes instead of its resources'");
     watchCmd->add_option("--count", watch.count, "Stop after this many events")
         ->check(CLI::PositiveNumber);
     watchCmd->add_option("--timeout", watch.timeoutS, "Stop after this many seconds")

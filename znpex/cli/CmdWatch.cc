@@ -84,7 +84,12 @@ int cmdWatch(CliSession& cli, const WatchArgs& args) {
     }
     std::vector<std::string> names = args.attrs;
     if (names.empty()) {
-        for (const auto* list : {&def.persistent, &def.dynamic}) {
+        const std::vector<tarn_rmf2v::RMAttrDef>* lists[2] = {&def.persistent, &def.dynamic};
+        if (args.classLevel) {
+            lists[0] = &def.classPersistent;
+            lists[1] = &def.classDynamic;
+        }
+        for (const auto* list : lists) {
             for (const auto& a : *list) {
                 names.push_back(a.name);
             }
@@ -103,9 +108,11 @@ int cmdWatch(CliSession& cli, const WatchArgs& args) {
     printer.cli = &cli;
     printer.limit = args.count;
     px_reg_event_rsp_t* rsp = nullptr;
+    uint32_t option = args.classLevel ? 2 | PX_EVENT_OPT_CLASS : 2;
     if (px_reg_event_select(
-            s, 2, args.className.c_str(), args.selection.empty() ? nullptr : args.selection.c_str(),
-            cnames.data(), static_cast<uint32_t>(cnames.size()), args.expression.c_str(),
+            s, option, args.className.c_str(),
+            args.selection.empty() ? nullptr : args.selection.c_str(), cnames.data(),
+            static_cast<uint32_t>(cnames.size()), args.expression.c_str(),
             args.rearm.empty() ? nullptr : args.rearm.c_str(), &onEvent, &printer, &rsp) != PX_OK) {
         int rc = cli.failCall();
         px_end_session(s);

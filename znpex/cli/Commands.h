@@ -50,6 +50,7 @@ struct WatchArgs {
     std::vector<std::string> attrs;  // empty: every attribute of the class
     uint64_t count = 0;              // stop after this many events (0: never)
     int timeoutS = 0;                // stop after this many seconds (0: never)
+    bool classLevel = false;         // the class's own attributes, not its resources'
 };
 
 int cmdClasses(CliSession& cli);
