@@ -2,10 +2,10 @@
 // read-only. watch prints one line per change (one JSON object per line with
 // -o json) until SIGINT/SIGTERM, --count changes or --timeout seconds.
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 
 #include "znpex/cli/Commands.h"
+#include "znpex/cli/Interrupt.h"
 #include "znpex/cli/Table.h"
 #include "znpex/client/Connection.h"
 #include "znpex/client/Session.h"
@@ -16,12 +16,6 @@ namespace znpex::cli {
 namespace {
 
 using proto::Json;
-
-volatile std::sig_atomic_t g_stop = 0;
-
-void onSignal(int) {
-    g_stop = 1;
-}
 
 std::string joined(const std::vector<std::string>& items) {
     std::string out;
@@ -116,17 +110,10 @@ int cmdTablesWatch(CliSession& cli, uint64_t count, int timeoutS) {
     if (client::call(*s, di::kDiWatch, Json::object(), result) != PX_OK) {
         return cli.failCall();
     }
-    g_stop = 0;
-    struct sigaction sa {};
-    sa.sa_handler = onSignal;
-    sigemptyset(&sa.sa_mask);
-    struct sigaction oldInt {
-    }, oldTerm{};
-    sigaction(SIGINT, &sa, &oldInt);
-    sigaction(SIGTERM, &sa, &oldTerm);
+    InterruptScope interrupt;
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutS);
     int status = kExitOk;
-    while (g_stop == 0 && (count == 0 || seen < count) &&
+    while (!interrupt.interrupted() && (count == 0 || seen < count) &&
            (timeoutS == 0 || std::chrono::steady_clock::now() < deadline)) {
         std::string why;
         std::lock_guard<std::mutex> g(s->ioMu);
@@ -136,8 +123,6 @@ int cmdTablesWatch(CliSession& cli, uint64_t count, int timeoutS) {
             break;
         }
     }
-    sigaction(SIGINT, &oldInt, nullptr);
-    sigaction(SIGTERM, &oldTerm, nullptr);
     s->conn->setNotificationSink(nullptr);
     return status;
 }

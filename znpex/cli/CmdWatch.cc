@@ -5,11 +5,11 @@
 // ends to stop the dispatch loop (signal handlers only set a flag).
 #include <atomic>
 #include <chrono>
-#include <csignal>
 #include <sstream>
 #include <thread>
 
 #include "znpex/cli/Commands.h"
+#include "znpex/cli/Interrupt.h"
 #include "znpex/cli/ValueText.h"
 #include "znpex/client/px_event.h"
 #include "znpex/proto/Json.h"
@@ -17,12 +17,6 @@
 
 namespace znpex::cli {
 namespace {
-
-volatile std::sig_atomic_t g_interrupted = 0;
-
-void onSignal(int) {
-    g_interrupted = 1;
-}
 
 struct Printer {
     CliSession* cli = nullptr;
@@ -120,14 +114,7 @@ int cmdWatch(CliSession& cli, const WatchArgs& args) {
     }
     px_free_response(rsp);
 
-    g_interrupted = 0;
-    struct sigaction sa {};
-    sa.sa_handler = onSignal;
-    sigemptyset(&sa.sa_mask);
-    struct sigaction oldInt {
-    }, oldTerm{};
-    sigaction(SIGINT, &sa, &oldInt);
-    sigaction(SIGTERM, &sa, &oldTerm);
+    InterruptScope interrupt;
 
     // Ends the session (and so the dispatch below) when it is time to stop.
     std::atomic<bool> dispatchDone{false};
@@ -135,7 +122,7 @@ int cmdWatch(CliSession& cli, const WatchArgs& args) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(args.timeoutS);
     std::thread stopper([&] {
         while (!dispatchDone.load()) {
-            bool stop = g_interrupted != 0 ||
+            bool stop = interrupt.interrupted() ||
                         (args.count > 0 && printer.printed.load() >= args.count) ||
                         (args.timeoutS > 0 && std::chrono::steady_clock::now() >= deadline);
             if (stop) {
@@ -149,8 +136,6 @@ int cmdWatch(CliSession& cli, const WatchArgs& args) {
     int rc = px_dispatch(s, 1);
     dispatchDone.store(true);
     stopper.join();
-    sigaction(SIGINT, &oldInt, nullptr);
-    sigaction(SIGTERM, &oldTerm, nullptr);
     if (rc == PX_DISPATCH_ENDED) {
         return kExitOk;
     }

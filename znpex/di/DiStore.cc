@@ -107,44 +107,11 @@ void DiStore::exec(const char* sql) const {
     }
 }
 
-int DiStore::apply(const Transaction& t, std::string* why) {
-    if (std::string bad = validate(t); !bad.empty()) {
-        if (why != nullptr) {
-            *why = bad;
-        }
-        return DI_EINVAL;
-    }
-    std::lock_guard<std::mutex> g(mu_);
+int DiStore::transact(std::string* why, const std::function<void()>& work) {
     try {
         exec("BEGIN IMMEDIATE");
         try {
-            if (t.clearNodes) {
-                exec("DELETE FROM nodes");
-            }
-            if (t.clearGroups) {
-                exec("DELETE FROM groups");
-            }
-            bool remove = t.op == DI_TABLE_REMOVE;
-            Stmt node(db_, remove ? "DELETE FROM nodes WHERE hostname=?1"
-                                  : "INSERT OR REPLACE INTO nodes VALUES (?1, ?2, ?3, ?4)");
-            for (const auto& n : t.nodes) {
-                node.text(1, n.hostname);
-                if (!remove) {
-                    sqlite3_bind_int64(node.get(), 2, static_cast<sqlite3_int64>(n.nodeId));
-                    node.text(3, join(n.names));
-                    node.text(4, join(n.addresses));
-                }
-                node.run(db_);
-            }
-            Stmt group(db_, remove ? "DELETE FROM groups WHERE name=?1"
-                                   : "INSERT OR REPLACE INTO groups VALUES (?1, ?2)");
-            for (const auto& gr : t.groups) {
-                group.text(1, gr.name);
-                if (!remove) {
-                    group.text(2, join(gr.members));
-                }
-                group.run(db_);
-            }
+            work();
             exec("COMMIT");
         } catch (...) {
             exec("ROLLBACK");
@@ -155,6 +122,49 @@ int DiStore::apply(const Transaction& t, std::string* why) {
             *why = e.what();
         }
         return DI_ESTORE;
+    }
+    return DI_OK;
+}
+
+int DiStore::apply(const Transaction& t, std::string* why) {
+    if (std::string bad = validate(t); !bad.empty()) {
+        if (why != nullptr) {
+            *why = bad;
+        }
+        return DI_EINVAL;
+    }
+    std::lock_guard<std::mutex> g(mu_);
+    int rc = transact(why, [&] {
+        if (t.clearNodes) {
+            exec("DELETE FROM nodes");
+        }
+        if (t.clearGroups) {
+            exec("DELETE FROM groups");
+        }
+        bool remove = t.op == DI_TABLE_REMOVE;
+        Stmt node(db_, remove ? "DELETE FROM nodes WHERE hostname=?1"
+                              : "INSERT OR REPLACE INTO nodes VALUES (?1, ?2, ?3, ?4)");
+        for (const auto& n : t.nodes) {
+            node.text(1, n.hostname);
+            if (!remove) {
+                sqlite3_bind_int64(node.get(), 2, static_cast<sqlite3_int64>(n.nodeId));
+                node.text(3, join(n.names));
+                node.text(4, join(n.addresses));
+            }
+            node.run(db_);
+        }
+        Stmt group(db_, remove ? "DELETE FROM groups WHERE name=?1"
+                               : "INSERT OR REPLACE INTO groups VALUES (?1, ?2)");
+        for (const auto& gr : t.groups) {
+            group.text(1, gr.name);
+            if (!remove) {
+                group.text(2, join(gr.members));
+            }
+            group.run(db_);
+        }
+    });
+    if (rc != DI_OK) {
+        return rc;
     }
     ++version_;
     return DI_OK;
@@ -199,28 +209,15 @@ Transaction DiStore::snapshot() const {
 
 int DiStore::setHeartbeat(unsigned int frequency, unsigned int sensitivity, std::string* why) {
     std::lock_guard<std::mutex> g(mu_);
-    try {
-        exec("BEGIN IMMEDIATE");
-        try {
-            Stmt put(db_, "INSERT OR REPLACE INTO settings VALUES (?1, ?2)");
-            for (auto [key, value] :
-                 {std::pair{"frequency", frequency}, std::pair{"sensitivity", sensitivity}}) {
-                put.text(1, key);
-                sqlite3_bind_int64(put.get(), 2, value);
-                put.run(db_);
-            }
-            exec("COMMIT");
-        } catch (...) {
-            exec("ROLLBACK");
-            throw;
+    return transact(why, [&] {
+        Stmt put(db_, "INSERT OR REPLACE INTO settings VALUES (?1, ?2)");
+        for (auto [key, value] :
+             {std::pair{"frequency", frequency}, std::pair{"sensitivity", sensitivity}}) {
+            put.text(1, key);
+            sqlite3_bind_int64(put.get(), 2, value);
+            put.run(db_);
         }
-    } catch (const std::exception& e) {
-        if (why != nullptr) {
-            *why = e.what();
-        }
-        return DI_ESTORE;
-    }
-    return DI_OK;
+    });
 }
 
 std::pair<unsigned int, unsigned int> DiStore::heartbeat() const {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -41,6 +42,9 @@ public:
 
 private:
     void exec(const char* sql) const;
+    // Runs `work` in one write transaction (mu_ held): DI_OK, or DI_ESTORE
+    // with `why` after rolling back.
+    int transact(std::string* why, const std::function<void()>& work);
 
     mutable std::mutex mu_;  // guards db_ and version_
     sqlite3* db_ = nullptr;

@@ -448,19 +448,10 @@ void EventService::monitoringRefused(const std::string& cls) {
     }
 }
 
-void EventService::reconcileClass(const std::string& cls) {
-    std::set<int> needed = engine_.neededDynamic(cls, true);
-    std::set<int> current;
-    {
-        std::lock_guard<std::mutex> g(mu_);
-        current = classes_[cls].classMonitoring;
-    }
-    RMRequest start;
-    start.op = RMRequestOp::StartMonitoringClassAttrs;
-    start.className = cls;
-    RMRequest stop;
-    stop.op = RMRequestOp::StopMonitoringClassAttrs;
-    stop.className = cls;
+std::set<int> EventService::moveMonitoring(RMRequest& start, RMRequest& stop,
+                                           const std::set<int>& current,
+                                           const std::set<int>& needed,
+                                           const std::function<void(const RMReply&)>& seed) {
     for (int id : needed) {
         if (current.count(id) == 0) {
             start.monitoring.push_back(rm_monitoring_data{id, 0});
@@ -478,10 +469,9 @@ void EventService::reconcileClass(const std::string& cls) {
             for (const rm_monitoring_data& m : start.monitoring) {
                 after.insert(m.rm_attribute_id);
             }
-            std::vector<rm_attribute_value> view = viewOf(r->values);
-            engine_.seed(cls, nullptr, false, view.data(), static_cast<unsigned int>(view.size()));
-        } else if (registry_.find(cls).connected) {
-            monitoringRefused(cls);
+            seed(*r);
+        } else if (registry_.find(start.className).connected) {
+            monitoringRefused(start.className);
         }
     }
     if (!stop.ids.empty()) {
@@ -491,6 +481,26 @@ void EventService::reconcileClass(const std::string& cls) {
             after.erase(id);
         }
     }
+    return after;
+}
+
+void EventService::reconcileClass(const std::string& cls) {
+    std::set<int> needed = engine_.neededDynamic(cls, true);
+    std::set<int> current;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        current = classes_[cls].classMonitoring;
+    }
+    RMRequest start;
+    start.op = RMRequestOp::StartMonitoringClassAttrs;
+    start.className = cls;
+    RMRequest stop;
+    stop.op = RMRequestOp::StopMonitoringClassAttrs;
+    stop.className = cls;
+    std::set<int> after = moveMonitoring(start, stop, current, needed, [&](const RMReply& r) {
+        std::vector<rm_attribute_value> view = viewOf(r.values);
+        engine_.seed(cls, nullptr, false, view.data(), static_cast<unsigned int>(view.size()));
+    });
     std::lock_guard<std::mutex> g(mu_);
     classes_[cls].classMonitoring = std::move(after);
 }
@@ -519,35 +529,9 @@ void EventService::reconcile(const std::string& cls) {
         stop.op = RMRequestOp::StopMonitoringResourceAttrs;
         stop.className = cls;
         stop.handle = h;
-        for (int id : needed) {
-            if (current.count(id) == 0) {
-                start.monitoring.push_back(rm_monitoring_data{id, 0});
-            }
-        }
-        for (int id : current) {
-            if (needed.count(id) == 0) {
-                stop.ids.push_back(id);
-            }
-        }
-        std::set<int> after = current;
-        if (!start.monitoring.empty()) {
-            std::optional<RMReply> r = ask(start, {});
-            if (r && r->error == nullptr) {
-                for (const rm_monitoring_data& m : start.monitoring) {
-                    after.insert(m.rm_attribute_id);
-                }
-                seedValues(cls, h, false, r->values);
-            } else if (registry_.find(cls).connected) {
-                monitoringRefused(cls);
-            }
-        }
-        if (!stop.ids.empty()) {
-            // Whatever the manager answers, nobody needs these any more.
-            ask(stop, {});
-            for (int id : stop.ids) {
-                after.erase(id);
-            }
-        }
+        std::set<int> after = moveMonitoring(start, stop, current, needed, [&](const RMReply& r) {
+            seedValues(cls, h, false, r.values);
+        });
         std::lock_guard<std::mutex> g(mu_);
         auto it = classes_.find(cls);
         if (it != classes_.end() && it->second.handles.count(hex) != 0) {

@@ -99,6 +99,12 @@ private:
     // Starts and stops monitoring so the class's manager watches what is needed.
     void reconcile(const std::string& cls);
     void reconcileClass(const std::string& cls);
+    // Asks the manager to start what `needed` has beyond `current` and to
+    // stop the rest (start/stop come with the class and handle filled in);
+    // `seed` gets a successful start's values. Returns what is monitored after.
+    std::set<int> moveMonitoring(tarn_rmf2v::RMRequest& start, tarn_rmf2v::RMRequest& stop,
+                                 const std::set<int>& current, const std::set<int>& needed,
+                                 const std::function<void(const tarn_rmf2v::RMReply&)>& seed);
     // Every watch of the class gets error event 0x4000b.
     void monitoringRefused(const std::string& cls);
     tarn_rmf2v::RMClassDef classDef(const std::string& cls) const;

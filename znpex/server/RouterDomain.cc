@@ -12,6 +12,7 @@
 
 #include "znpex/proto/ErrorCodec.h"
 #include "znpex/proto/RequestCodec.h"
+#include "znpex/proto/ValueCodec.h"
 #include "znpex/server/Router.h"
 #include "znpex/server/ServiceErrors.h"
 #include "znpex/server/ServiceLog.h"
@@ -25,33 +26,16 @@ namespace {
 
 constexpr uint64_t kNoNode = 0;
 
-int hexDigit(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
-
 // The node id a handle's hex form carries (bytes 4-11, big-endian), or 0.
 // The request decoder has checked the handles' form already.
 uint64_t nodeOfHandle(const Json& hex) {
-    if (!hex.is_string() || hex.get_ref<const std::string&>().size() != 40) {
+    zn_resource_handle h{};
+    if (!hex.is_string() || !proto::parseHandleHex(hex.get<std::string>(), h)) {
         return kNoNode;
     }
-    const std::string& s = hex.get_ref<const std::string&>();
     uint64_t id = 0;
-    for (size_t i = 8; i < 24; ++i) {
-        int d = hexDigit(s[i]);
-        if (d < 0) {
-            return kNoNode;
-        }
-        id = id << 4 | static_cast<uint64_t>(d);
+    for (size_t i = 4; i < 12; ++i) {
+        id = id << 8 | h.bytes[i];
     }
     return id;
 }
