@@ -1,7 +1,8 @@
 // Three hosts' services as one management domain: peer messages reach the
 // managers of the same name on the other hosts only, and a host that is
 // down neither blocks nor delays them; the node table reaches every host
-// and a host that missed a change catches up when it is back; greetings from
+// and a host that missed a change catches up when it is back, while a
+// restarted host keeps newer tables than a returning host's; greetings from
 // hosts that are not trusted, and peer-only methods from plain clients, are
 // refused.
 #include <gtest/gtest.h>
@@ -118,6 +119,19 @@ TEST_F(PeerDomainTest, TablesReplicateAndAHostThatMissedAChangeCatchesUp) {
         EXPECT_TRUE(hasName(nodes(i), "third")) << i;
         EXPECT_FALSE(hasName(nodes(i), "second")) << "the whole table was replaced";
     }
+
+    // Host 1 changes the tables with both others down, then restarts: it
+    // keeps the newest tables and their stamp, so when host 3 comes back
+    // with its older copy, host 1 refuses it and host 3 gets host 1's.
+    stop(1);
+    stop(2);
+    EXPECT_EQ(refreshNodeTable(0, {"fourth"}), kPartial);
+    stop(0);
+    ASSERT_TRUE(start(0)) << hosts_[0].log();
+    ASSERT_TRUE(start(2)) << hosts_[2].log();
+    EXPECT_TRUE(waitFor([&] { return hasName(nodes(2), "fourth"); })) << hosts_[2].log();
+    EXPECT_TRUE(hasName(nodes(0), "fourth"));
+    EXPECT_FALSE(hasName(nodes(0), "third")) << "an older copy replaced newer tables";
 }
 
 TEST_F(PeerDomainTest, UntrustedGreetingsAndPeerOnlyMethodsAreRefused) {

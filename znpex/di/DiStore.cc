@@ -220,6 +220,24 @@ int DiStore::setHeartbeat(unsigned int frequency, unsigned int sensitivity, std:
     });
 }
 
+int DiStore::setStamp(uint64_t stamp, std::string* why) {
+    std::lock_guard<std::mutex> g(mu_);
+    return transact(why, [&] {
+        Stmt put(db_, "INSERT OR REPLACE INTO settings VALUES ('stamp', ?1)");
+        sqlite3_bind_int64(put.get(), 1, static_cast<sqlite3_int64>(stamp));
+        put.run(db_);
+    });
+}
+
+uint64_t DiStore::stamp() const {
+    std::lock_guard<std::mutex> g(mu_);
+    Stmt q(db_, "SELECT value FROM settings WHERE key='stamp'");
+    if (sqlite3_step(q.get()) != SQLITE_ROW) {
+        return 0;
+    }
+    return static_cast<uint64_t>(sqlite3_column_int64(q.get(), 0));
+}
+
 std::pair<unsigned int, unsigned int> DiStore::heartbeat() const {
     std::lock_guard<std::mutex> g(mu_);
     std::pair<unsigned int, unsigned int> out{0, 0};

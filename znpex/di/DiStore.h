@@ -40,6 +40,11 @@ public:
     int setHeartbeat(unsigned int frequency, unsigned int sensitivity, std::string* why = nullptr);
     std::pair<unsigned int, unsigned int> heartbeat() const;
 
+    // The replication stamp of the tables (0 when never set), kept with them
+    // so that a restarted host does not take an older copy for a newer one.
+    int setStamp(uint64_t stamp, std::string* why = nullptr);
+    uint64_t stamp() const;
+
 private:
     void exec(const char* sql) const;
     // Runs `work` in one write transaction (mu_ held): DI_OK, or DI_ESTORE

@@ -124,6 +124,8 @@ private:
     void peerSend(const std::string& rmName, const proto::RpcMessage& m);
     void replicate(const di::Transaction& t, std::function<void(int code)> done);
     void peerUp(const std::string& host);
+    // Keeps the stamp with the tables (logged when it cannot be).
+    void storeStamp(uint64_t stamp);
     // The node table's hosts to the peer directory (after every change).
     void refreshPeers();
     // The host a connection speaks for after its "peer.hello", or "".

@@ -7,8 +7,9 @@
 // only when its stamp is newer than the newest it has, so copies may arrive
 // in any order and a host that missed changes catches up from the first
 // copy it gets: after every local change, and whenever a link to a host
-// comes up (again). A restarted host starts at stamp 0 and so takes what
-// the running hosts have.
+// comes up (again). The stamp is stored with the tables, so a restarted host
+// neither takes an older copy over the newer tables it kept nor is ignored
+// when it sends them.
 #include <unistd.h>
 
 #include <algorithm>
@@ -73,6 +74,10 @@ int replicateCode(const PeerReply& r) {
 }  // namespace
 
 void Router::startPeers(const std::string& listenAddress, uint16_t port) {
+    {
+        std::lock_guard<std::mutex> g(diStampMu_);
+        diStamp_ = di_.stamp();
+    }
     PeerDirectory::Self self;
     self.host = options_.hostName.empty() ? systemHostName() : options_.hostName;
     self.nodeId = options_.nodeId;
@@ -103,6 +108,12 @@ void Router::startPeers(const std::string& listenAddress, uint16_t port) {
     setDiReplicator([this](const di::Transaction& t, std::function<void(int)> done) {
         replicate(t, std::move(done));
     });
+    // A restarted host offers what it kept; hosts with newer tables answer
+    // with theirs (see diReplicate), so both sides catch up without waiting
+    // for the next change.
+    for (const PeerHost& h : peers_->hosts()) {
+        peerUp(h.host);
+    }
 }
 
 void Router::refreshPeers() {
@@ -219,6 +230,15 @@ void Router::peerSend(const std::string& rmName, const RpcMessage& m) {
                    });
 }
 
+void Router::storeStamp(uint64_t stamp) {
+    std::string why;
+    if (di_.setStamp(stamp, &why) != DI_OK) {
+        // The tables are right; only a restart before the next change could
+        // take an older copy for newer.
+        serviceLog("table stamp not stored: %s", why.c_str());
+    }
+}
+
 void Router::replicate(const di::Transaction&, std::function<void(int code)> done) {
     uint64_t stamp = 0;
     di::Transaction snapshot;
@@ -227,6 +247,7 @@ void Router::replicate(const di::Transaction&, std::function<void(int code)> don
         stamp = std::max(nowMillis(), diStamp_ + 1);
         diStamp_ = stamp;
         snapshot = di_.snapshot();
+        storeStamp(stamp);
     }
     std::vector<std::string> hosts;
     if (peers_ != nullptr) {
@@ -276,10 +297,16 @@ void Router::diReplicate(const std::shared_ptr<Connection>& c, const RpcMessage&
         throw proto::ProtocolError(
             w + ".tables: expected whole tables (both cleared first, rows added)");
     }
-    std::lock_guard<std::mutex> g(diStampMu_);
+    std::unique_lock<std::mutex> g(diStampMu_);
     if (stamp <= diStamp_) {
-        // What we have is as new: nothing to take, and nothing missing.
+        // What we have is as new: nothing to take. When it is newer, the
+        // sender missed changes: it gets ours back.
+        bool newer = stamp < diStamp_;
+        g.unlock();
         replyResult(c, m.id, Json{{"code", DI_OK}, {"applied", false}, {"version", di_.version()}});
+        if (std::string host = peerHostOf(*c); newer && !host.empty()) {
+            peerUp(host);
+        }
         return;
     }
     std::string why;
@@ -290,6 +317,7 @@ void Router::diReplicate(const std::shared_ptr<Connection>& c, const RpcMessage&
         return;
     }
     diStamp_ = stamp;
+    storeStamp(stamp);
     replyResult(c, m.id, Json{{"code", DI_OK}, {"applied", true}, {"version", di_.version()}});
 }
 
