@@ -164,6 +164,23 @@ int perSelected(px_session& s, const std::string& className, const char* selecti
     return perResource(s, make, &chosen.handles, defs, rsp);
 }
 
+int perTarget(px_session& s, Target target, const std::string& className,
+              const zn_resource_handle* handles, uint32_t handleCount, const char* selection,
+              const RequestMaker& make, const std::vector<tarn_rmf2v::RMAttrDef>* defs,
+              px_resources_rsp_t** rsp) {
+    switch (target) {
+        case Target::Class:
+            return perResource(s, make, nullptr, defs, rsp);
+        case Target::Handles: {
+            std::vector<zn_resource_handle> hs(handles, handles + handleCount);
+            return perResource(s, make, &hs, defs, rsp);
+        }
+        case Target::Selection:
+            return perSelected(s, className, selection, make, defs, rsp);
+    }
+    return PX_OK;
+}
+
 int guarded(const char* fn, const std::function<int()>& body) {
     try {
         return body();

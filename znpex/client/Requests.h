@@ -52,6 +52,15 @@ int perSelected(px_session& s, const std::string& className, const char* selecti
                 const RequestMaker& make, const std::vector<tarn_rmf2v::RMAttrDef>* defs,
                 px_resources_rsp_t** rsp);
 
+// What a px_ call addresses: the class itself, given handles, or the
+// resources a selection picks.
+enum class Target { Class, Handles, Selection };
+// perResource or perSelected, as `target` says.
+int perTarget(px_session& s, Target target, const std::string& className,
+              const zn_resource_handle* handles, uint32_t handleCount, const char* selection,
+              const RequestMaker& make, const std::vector<tarn_rmf2v::RMAttrDef>* defs,
+              px_resources_rsp_t** rsp);
+
 // Maps an escaping allocation failure to PX_ENOMEM.
 int guarded(const char* fn, const std::function<int()>& body);
 

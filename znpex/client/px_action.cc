@@ -9,8 +9,6 @@ using tarn_rmf2v::RMRequestOp;
 
 namespace {
 
-enum class Target { Class, Handles, Selection };
-
 int invoke(const char* fn, px_session_t s, const char* className, Target target,
            const zn_resource_handle* handles, uint32_t handleCount, const char* selection,
            const char* action, const zn_structured_data* input, px_resources_rsp_t** rsp) {
@@ -39,17 +37,8 @@ int invoke(const char* fn, px_session_t s, const char* className, Target target,
             r.input = zn::copySd(input);
             return r;
         };
-        switch (target) {
-            case Target::Class:
-                return perResource(*s, make, nullptr, nullptr, rsp);
-            case Target::Handles: {
-                std::vector<zn_resource_handle> hs(handles, handles + handleCount);
-                return perResource(*s, make, &hs, nullptr, rsp);
-            }
-            case Target::Selection:
-                return perSelected(*s, className, selection, make, nullptr, rsp);
-        }
-        return PX_OK;
+        return perTarget(*s, target, className, handles, handleCount, selection, make, nullptr,
+                         rsp);
     });
 }
 

@@ -53,8 +53,6 @@ int undefine(px_session& s, const char* className, std::vector<zn_resource_handl
     return PX_OK;
 }
 
-enum class Target { Class, Handles, Selection };
-
 int setAttrs(const char* fn, px_session_t s, const char* className, Target target,
              const zn_resource_handle* handles, uint32_t handleCount, const char* selection,
              const px_attr_t* attrs, uint32_t attrCount, px_resources_rsp_t** rsp) {
@@ -85,17 +83,7 @@ int setAttrs(const char* fn, px_session_t s, const char* className, Target targe
             return r;
         };
         const auto* defs = &attrList(def, scope);
-        switch (target) {
-            case Target::Class:
-                return perResource(*s, make, nullptr, defs, rsp);
-            case Target::Handles: {
-                std::vector<zn_resource_handle> hs(handles, handles + handleCount);
-                return perResource(*s, make, &hs, defs, rsp);
-            }
-            case Target::Selection:
-                return perSelected(*s, className, selection, make, defs, rsp);
-        }
-        return PX_OK;
+        return perTarget(*s, target, className, handles, handleCount, selection, make, defs, rsp);
     });
 }
 

@@ -24,8 +24,6 @@ RMRequestOp queryOp(AttrScope scope) {
     return RMRequestOp::GetAttributeValues;
 }
 
-enum class Target { Class, Handles, Selection };
-
 // Every query form: names to ids, then one request per resource addressed.
 int query(const char* fn, px_session_t s, const char* className, AttrScope scope, Target target,
           const zn_resource_handle* handles, uint32_t handleCount, const char* selection,
@@ -57,17 +55,7 @@ int query(const char* fn, px_session_t s, const char* className, AttrScope scope
             return r;
         };
         const auto* defs = &attrList(def, scope);
-        switch (target) {
-            case Target::Class:
-                return perResource(*s, make, nullptr, defs, rsp);
-            case Target::Handles: {
-                std::vector<zn_resource_handle> hs(handles, handles + handleCount);
-                return perResource(*s, make, &hs, defs, rsp);
-            }
-            case Target::Selection:
-                return perSelected(*s, className, selection, make, defs, rsp);
-        }
-        return PX_OK;
+        return perTarget(*s, target, className, handles, handleCount, selection, make, defs, rsp);
     });
 }
 
