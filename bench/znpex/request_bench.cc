@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "bench/znpex/BenchManager.h"
+#include "bench/znpex/SpawnService.h"
 #include "platform/paths.h"
 #include "znpex/client/px_client.h"
 
@@ -55,24 +56,10 @@ void writeAcl() {
 }
 
 pid_t startService(const std::string& root, int port) {
-    std::string portText = std::to_string(port);
-    std::vector<std::string> args = {ZNPEXD_PATH, "--state-root", root,    "--address",
-                                     "127.0.0.1", "--port",       portText};
-    std::vector<char*> argv;
-    for (auto& a : args) {
-        argv.push_back(a.data());
-    }
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    std::string log = root + "/znpexd.log";
-    posix_spawn_file_actions_addopen(&fa, 2, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    pid_t pid = -1;
-    if (posix_spawn(&pid, ZNPEXD_PATH, &fa, nullptr, argv.data(), environ) != 0) {
-        pid = -1;
-    }
-    posix_spawn_file_actions_destroy(&fa);
-    return pid;
+    return benchsupport::spawnService(
+        ZNPEXD_PATH,
+        {"--state-root", root, "--address", "127.0.0.1", "--port", std::to_string(port)},
+        root + "/znpexd.log");
 }
 
 // Runs `clients` threads for `seconds`; returns requests per second (-1 when

@@ -28,6 +28,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/znpex/SpawnService.h"
 #include "platform/paths.h"
 #include "tests/znpex_watch/PowerManager.h"
 #include "znpex/client/px_event.h"
@@ -55,22 +56,8 @@ void onEvent(void*, px_event_2_t* e, void*) {
 }
 
 pid_t startService(const std::string& root) {
-    std::vector<std::string> args = {ZNPEXD_PATH, "--state-root", root, "--no-tcp"};
-    std::vector<char*> argv;
-    for (auto& a : args) {
-        argv.push_back(a.data());
-    }
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    std::string log = root + "/znpexd.log";
-    posix_spawn_file_actions_addopen(&fa, 2, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    pid_t pid = -1;
-    if (posix_spawn(&pid, ZNPEXD_PATH, &fa, nullptr, argv.data(), environ) != 0) {
-        pid = -1;
-    }
-    posix_spawn_file_actions_destroy(&fa);
-    return pid;
+    return benchsupport::spawnService(ZNPEXD_PATH, {"--state-root", root, "--no-tcp"},
+                                      root + "/znpexd.log");
 }
 
 struct Watcher {
