@@ -148,9 +148,34 @@ int sec__record_hostid_token(int selector, sec_buffer_t token) {
     return rc;
 }
 
+namespace {
+
+// The key generator takes a byte source that cannot report failure: this one
+// notes it, so a key made while the system's source failed is thrown away.
+thread_local bool t_randomFailed = false;
+
+int checkedRandomByte() {
+    int b = sec__randnum();
+    if (b < 0) {
+        t_randomFailed = true;
+        return 0;
+    }
+    return b;
+}
+
+}  // namespace
+
 int sec__create_rsa_private_key(int bits, unsigned char* privkey) {
-    if (Vok_rsaKeyGen(bits, kPrimeRounds, Vok_RSA_PUB_EXP_3, privkey, sec__randnum) == 0) {
-        return znhas::secInternal("sec__create_rsa_private_key", "Vok_rsaKeyGen", Vok_errno);
+    static const char fn[] = "sec__create_rsa_private_key";
+    t_randomFailed = false;
+    int ok = Vok_rsaKeyGen(bits, kPrimeRounds, Vok_RSA_PUB_EXP_3, privkey, checkedRandomByte);
+    if (t_randomFailed) {
+        int err = errno;
+        std::memset(privkey, 0, Vok_rsaPrivateKeySize(bits));
+        return znhas::secInternal(fn, "getrandom", err);
+    }
+    if (ok == 0) {
+        return znhas::secInternal(fn, "Vok_rsaKeyGen", Vok_errno);
     }
     return 0;
 }

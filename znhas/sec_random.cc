@@ -1,48 +1,56 @@
 #include "znhas/sec_random.h"
 
+#include <errno.h>
 #include <pthread.h>
-#include <sys/time.h>
-#include <unistd.h>
+#include <sys/random.h>
 
-#include <cstdlib>
+#include <cstring>
 #include <mutex>
 
 namespace {
 
-std::mutex g_randMutex;
-bool g_seeded = false;
-struct drand48_data g_randState;
+constexpr size_t kBlock = 256;
 
-// A forked child seeds afresh (with its own pid) rather than repeating its
-// parent's sequence.
-void reseedInChild() {
-    g_seeded = false;
+std::mutex g_randMutex;
+unsigned char g_block[kBlock];
+size_t g_left = 0;
+
+// A forked child must not hand out the bytes its parent still holds.
+void dropBlockInChild() {
+    std::memset(g_block, 0, sizeof(g_block));
+    g_left = 0;
 }
 
 }  // namespace
 
-long sec__randseed(long pid, long seconds, long microseconds, long minuteswest, long dsttime) {
-    using U = unsigned long;
-    U t = U(pid) * U(seconds) + U(minuteswest) - U(dsttime);
-    U u = microseconds == 0 ? 1 : U(microseconds);
-    U q = t / u;
-    U r = t % u;
-    return static_cast<long>(q * r + 17);
+bool sec__random_bytes(void* out, size_t n) {
+    auto* p = static_cast<unsigned char*>(out);
+    while (n > 0) {
+        ssize_t got = ::getrandom(p, n, 0);
+        if (got < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return false;
+        }
+        p += got;
+        n -= static_cast<size_t>(got);
+    }
+    return true;
 }
 
 int sec__randnum() {
     std::lock_guard<std::mutex> lock(g_randMutex);
-    static const int atforkRegistered = pthread_atfork(nullptr, nullptr, reseedInChild);
+    static const int atforkRegistered = pthread_atfork(nullptr, nullptr, dropBlockInChild);
     (void)atforkRegistered;
-    if (!g_seeded) {
-        struct timeval tv = {};
-        struct timezone tz = {};
-        gettimeofday(&tv, &tz);
-        srand48_r(sec__randseed(getpid(), tv.tv_sec, tv.tv_usec, tz.tz_minuteswest, tz.tz_dsttime),
-                  &g_randState);
-        g_seeded = true;
+    if (g_left == 0) {
+        if (!sec__random_bytes(g_block, kBlock)) {
+            return -1;
+        }
+        g_left = kBlock;
     }
-    long v = 0;
-    lrand48_r(&g_randState, &v);
-    return static_cast<int>(v & 0xFF);
+    --g_left;
+    int b = g_block[g_left];
+    g_block[g_left] = 0;  // a byte handed out is not kept
+    return b;
 }

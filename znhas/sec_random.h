@@ -1,14 +1,15 @@
-// The random byte source of host key generation. Seeded once per process from
-// the process id and the time of day, then one byte per call from the 48-bit
-// linear congruential generator. This seeding is weak; it is kept because the
-// system's host keys have always been made this way, and must not be reused
-// for new designs. Thread safe (the generator state is behind a mutex).
+// The random byte source of host key generation: bytes from the operating
+// system's secure source (getrandom), read in blocks and handed out one per
+// call. A key made from guessable bytes is a guessable key, so there is no
+// fallback to a seeded generator: when the system has no randomness to give,
+// the caller learns it. Thread safe.
 #pragma once
 
-// The low byte of the next generator value (0..255).
+#include <cstddef>
+
+// The next random byte (0..255), or -1 when the system's source failed.
 int sec__randnum();
 
-// The seed the first call uses, from its inputs: t = pid * seconds + minutes
-// west of UTC - daylight flag, u = microseconds (1 if 0), seed = (t / u) *
-// (t % u) + 17, computed with wrap-around.
-long sec__randseed(long pid, long seconds, long microseconds, long minuteswest, long dsttime);
+// Fills `out` with `n` bytes from the system's secure source. False (errno
+// set) when it could not; `out` then holds nothing of use.
+bool sec__random_bytes(void* out, size_t n);

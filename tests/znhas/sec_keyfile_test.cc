@@ -4,6 +4,9 @@
 #include <cstring>
 #include <set>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include "tests/znhas/znhas_fixture.h"
 #include "znhas/sec_keyfile.h"
 #include "znhas/sec_random.h"
@@ -195,23 +198,7 @@ TEST_F(KeyFileTest, SelectorsMissingFilesAndEnvironmentOverrides) {
     EXPECT_EQ(name, pvt_);
 }
 
-TEST(SecRandom, SeedFormulaAndByteRange) {
-    struct Case {
-        long pid, sec, usec, west, dst, seed;
-    };
-    const Case cases[] = {
-        // t = 10*100 + 0 - 0 = 1000, u = 7: q = 142, r = 6 -> 852 + 17
-        {10, 100, 7, 0, 0, 869},
-        // microseconds of 0 count as 1: q = t, r = 0 -> 17
-        {3, 5, 0, 0, 0, 17},
-        // t = 2*50 + 60 - 1 = 159, u = 1000: q = 0 -> 17
-        {2, 50, 1000, 60, 1, 17},
-        // t = 1*1000 - 0 = 1000, u = 300: q = 3, r = 100 -> 317
-        {1, 1000, 300, 0, 0, 317},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(sec__randseed(c.pid, c.sec, c.usec, c.west, c.dst), c.seed) << c.pid;
-    }
+TEST(SecRandom, BytesCoverTheRangeAndAreNotSharedWithAForkedChild) {
     std::set<int> seen;
     for (int i = 0; i < 4096; ++i) {
         int b = sec__randnum();
@@ -220,6 +207,37 @@ TEST(SecRandom, SeedFormulaAndByteRange) {
         seen.insert(b);
     }
     EXPECT_GT(seen.size(), 200U);
+
+    // The parent holds part of a block now; a child must not hand out the
+    // same bytes (keys made on both sides of a fork would match).
+    ASSERT_GE(sec__randnum(), 0);
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        unsigned char out[32];
+        for (auto& b : out) {
+            b = static_cast<unsigned char>(sec__randnum());
+        }
+        _exit(write(fds[1], out, sizeof out) == sizeof out ? 0 : 1);
+    }
+    close(fds[1]);
+    unsigned char theirs[32] = {};
+    ASSERT_EQ(read(fds[0], theirs, sizeof theirs), static_cast<ssize_t>(sizeof theirs));
+    close(fds[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    unsigned char ours[32];
+    for (auto& b : ours) {
+        b = static_cast<unsigned char>(sec__randnum());
+    }
+    EXPECT_NE(std::memcmp(ours, theirs, sizeof ours), 0);
+
+    unsigned char big[4096] = {};
+    ASSERT_TRUE(sec__random_bytes(big, sizeof big));
+    std::set<unsigned char> kinds(std::begin(big), std::end(big));
+    EXPECT_GT(kinds.size(), 200U);
 }
 
 }  // namespace
