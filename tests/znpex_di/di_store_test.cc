@@ -41,6 +41,10 @@ TEST(DiStore, TablesSurviveReopening) {
     auto groups = again.groups();
     ASSERT_EQ(groups.size(), 1u);
     EXPECT_EQ(groups[0].members, (std::vector<std::string>{"n1.example", "n2.example"}));
+    // Watchers compare versions: a restart must not send the count back.
+    EXPECT_EQ(again.version(), 2u);
+    ASSERT_EQ(again.apply(addNodes({{3, "n3.example", {}, {}}})), DI_OK);
+    EXPECT_EQ(again.version(), 3u);
 }
 
 TEST(DiStore, UpdateReplacesRemoveDeletesNullTableEmpties) {
@@ -73,15 +77,18 @@ TEST(DiStore, BadTransactionsAreRefusedWhole) {
         Transaction t;
         const char* reason;
     } cases[] = {
-        {"empty host name", addNodes({{2, "fine", {}, {}}, {3, "", {}, {}}}), "without a host name"},
+        {"empty host name", addNodes({{2, "fine", {}, {}}, {3, "", {}, {}}}),
+         "without a host name"},
         {"newline in a name", addNodes({{2, "x", {"a\nb"}, {}}}), "newline"},
         {"empty address", addNodes({{2, "x", {}, {""}}}), "empty item"},
         {"huge host name", addNodes({{2, std::string(2000, 'h'), {}, {}}}), "longer than"},
-        {"bad op", [] {
+        {"bad op",
+         [] {
              Transaction t;
              t.op = static_cast<di_table_op_t>(42);
              return t;
-         }(), "unknown table operation"},
+         }(),
+         "unknown table operation"},
     };
     for (auto& c : cases) {
         c.t.clearNodes = true;  // would wipe the table if applied

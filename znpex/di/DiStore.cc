@@ -87,6 +87,11 @@ DiStore::DiStore(const std::string& path) {
             " names TEXT, addresses TEXT)");
         exec("CREATE TABLE IF NOT EXISTS groups (name TEXT PRIMARY KEY, members TEXT)");
         exec("CREATE TABLE IF NOT EXISTS settings (key TEXT PRIMARY KEY, value INTEGER)");
+        // Watchers compare versions: the count goes on across restarts.
+        Stmt q(db_, "SELECT value FROM settings WHERE key='version'");
+        if (sqlite3_step(q.get()) == SQLITE_ROW) {
+            version_ = static_cast<uint64_t>(sqlite3_column_int64(q.get(), 0));
+        }
     } catch (const std::exception& e) {
         sqlite3_close(db_);
         db_ = nullptr;
@@ -162,6 +167,9 @@ int DiStore::apply(const Transaction& t, std::string* why) {
             }
             group.run(db_);
         }
+        Stmt ver(db_, "INSERT OR REPLACE INTO settings VALUES ('version', ?1)");
+        sqlite3_bind_int64(ver.get(), 1, static_cast<sqlite3_int64>(version_ + 1));
+        ver.run(db_);
     });
     if (rc != DI_OK) {
         return rc;
