@@ -1,8 +1,8 @@
 // Peer-message rate between two hosts' services on one machine: two
 // in-process services on 127.0.0.1 and 127.0.0.2 (one port, one state root
-// whose trusted host list names both), a manager "Bench.RM" on each; the
-// first manager sends peer messages as fast as it can, and the figure is how
-// many per second reach the second manager, for a fixed time.
+// whose key pair both prove and whose trusted host list names both), a manager "Bench.RM" on each;
+// the first manager sends peer messages as fast as it can, and the figure is how many per second
+// reach the second manager, for a fixed time.
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "platform/paths.h"
+#include "znhas/sec_keyfile.h"
 #include "znhas/znhas.h"
 #include "znpex/proto/FrameIo.h"
 #include "znpex/proto/JsonRpc.h"
@@ -69,13 +70,21 @@ int main(int argc, char** argv) {
     std::string thl = zn::paths::resolve(zn::paths::kThlFile);
     zn::paths::ensureParentDir(thl);
     std::fclose(std::fopen(thl.c_str(), "w"));
-    unsigned char key[64] = {1};
-    for (const char* host : {"127.0.0.1", "127.0.0.2"}) {
-        sec_buffer_t t = nullptr;
-        sec_create_host_token(host, sizeof(key), key, SEC_KEYTYPE_RSA512, &t);
-        sec_store_host_token(host, t);
-        sec_release_host_token(&t);
+    // Both "hosts" share the state root, so they share one key pair, which
+    // each one's greeting proves to the other.
+    sec_buffer_t pvt = nullptr;
+    sec_buffer_t pub = nullptr;
+    if (sec_generate_rsa_localhost_token(SEC_KEYTYPE_RSA1024, &pvt, &pub) != 0 ||
+        sec__record_hostid_token(SEC_PRIVATE_KEYFILE, pvt) != 0 ||
+        sec__record_hostid_token(SEC_PUBLIC_KEYFILE, pub) != 0) {
+        std::fprintf(stderr, "no host key could be made\n");
+        return 1;
     }
+    for (const char* host : {"127.0.0.1", "127.0.0.2"}) {
+        sec_store_host_token(host, pub);
+    }
+    sec_release_host_token(&pvt);
+    sec_release_host_token(&pub);
     srv::Service a(optionsFor(root, 1, 0));
     a.start();
     srv::Service b(optionsFor(root, 2, a.tcpPort()));

@@ -6,8 +6,11 @@
 #include <fstream>
 
 #include "platform/paths.h"
+#include "znhas/sec_keyfile.h"
+#include "znhas/sec_proof.h"
 #include "znhas/znhas.h"
 #include "znpex/di/DiCodec.h"
+#include "znpex/server/PeerMessages.h"
 
 namespace peertest {
 
@@ -96,23 +99,40 @@ std::unique_ptr<TestClient> Host::root_client() const {
     return TestClient::local(socketPath());
 }
 
+const KeyPair& hostKey(size_t i) {
+    static const std::vector<KeyPair> keys = [] {
+        std::vector<KeyPair> k(4);
+        for (KeyPair& p : k) {
+            if (sec_generate_rsa_localhost_token(SEC_KEYTYPE_RSA1024, &p.pvt, &p.pub) != 0) {
+                ADD_FAILURE() << "no host key could be made";
+            }
+        }
+        return k;  // kept for the whole process
+    }();
+    return keys.at(i);
+}
+
 namespace {
 
-// Writes `key` for each of `names` into the trusted host list at `path`.
-void trustHosts(const std::string& path, const std::vector<std::string>& names) {
+// Records a host's key files under its state root.
+void writeHostKeys(const std::string& root, const KeyPair& key) {
+    std::string pvt = root + zn::paths::kPrivateKeyFile;
+    std::string pub = root + zn::paths::kPublicKeyFile;
+    ::setenv("ZNSEC_TESTING_PVTK_FILE", pvt.c_str(), 1);
+    ::setenv("ZNSEC_TESTING_PUBK_FILE", pub.c_str(), 1);
+    EXPECT_EQ(sec__record_hostid_token(SEC_PRIVATE_KEYFILE, key.pvt), 0);
+    EXPECT_EQ(sec__record_hostid_token(SEC_PUBLIC_KEYFILE, key.pub), 0);
+    ::unsetenv("ZNSEC_TESTING_PVTK_FILE");
+    ::unsetenv("ZNSEC_TESTING_PUBK_FILE");
+}
+
+// Writes the public key of each named host into the trusted host list at `path`.
+void trustHosts(const std::string& path,
+                const std::vector<std::pair<std::string, const KeyPair*>>& hosts) {
     znpextest::writeText(path, "");
     ::setenv("ZNSEC_TESTING_THL_FILE", path.c_str(), 1);
-    std::vector<unsigned char> key(64);
-    for (size_t i = 0; i < key.size(); ++i) {
-        key[i] = static_cast<unsigned char>(0x5A ^ i);
-    }
-    for (const std::string& name : names) {
-        sec_buffer_t t = nullptr;
-        ASSERT_EQ(sec_create_host_token(name.c_str(), static_cast<int>(key.size()), key.data(),
-                                        SEC_KEYTYPE_RSA512, &t),
-                  0);
-        EXPECT_EQ(sec_store_host_token(name.c_str(), t), 0) << name;
-        sec_release_host_token(&t);
+    for (const auto& [name, key] : hosts) {
+        EXPECT_EQ(sec_store_host_token(name.c_str(), key->pub), 0) << name;
     }
     ::unsetenv("ZNSEC_TESTING_THL_FILE");  // the children find their own lists
 }
@@ -129,14 +149,58 @@ PeerDomainTest::PeerDomainTest() {
         hosts_.push_back(std::move(h));
     }
     for (size_t i = 0; i < hosts_.size(); ++i) {
-        std::vector<std::string> others;
+        writeHostKeys(hosts_[i].root, hostKey(i));
+        std::vector<std::pair<std::string, const KeyPair*>> others;
         for (size_t j = 0; j < hosts_.size(); ++j) {
             if (j != i) {
-                others.push_back(hosts_[j].name);
+                others.emplace_back(hosts_[j].name, &hostKey(j));
             }
         }
         trustHosts(hosts_[i].root + zn::paths::kThlFile, others);
     }
+}
+
+RpcMessage PeerDomainTest::greet(TestClient& c, const std::string& as, const KeyPair& key,
+                                 size_t to, bool* answerProved) {
+    namespace srv = znpex::server;
+    if (answerProved != nullptr) {
+        *answerProved = false;
+    }
+    srv::PeerHello hello;
+    hello.host = as;
+    hello.nodeId = 99;
+    hello.to = hosts_[to].name;
+    hello.nonce = znhas::newProofNonce();
+    RpcMessage r = c.call(srv::kPeerHello, srv::encodePeerHello(hello));
+    if (r.kind != RpcMessage::Kind::Result) {
+        return r;
+    }
+    srv::PeerChallenge challenge = srv::decodePeerChallenge(r.result);
+    srv::PeerProve prove;
+    std::string why;
+    EXPECT_TRUE(znhas::signWithKeyToken(
+        key.pvt,
+        znhas::proofMessage({srv::kProofOfCaller, as, hosts_[to].name, challenge.challenge}),
+        &prove.signature, &why))
+        << why;
+    r = c.call(srv::kPeerProve, srv::encodePeerProve(prove));
+    if (r.kind == RpcMessage::Kind::Result && answerProved != nullptr) {
+        srv::PeerHelloResult result = srv::decodePeerHelloResult(r.result);
+        *answerProved = znhas::verifyWithKeyToken(
+            hostKey(to).pub,
+            znhas::proofMessage({srv::kProofOfAnswerer, hosts_[to].name, as, hello.nonce}),
+            result.signature, &why);
+    }
+    return r;
+}
+
+std::unique_ptr<TestClient> PeerDomainTest::peerOf(size_t to, size_t as) {
+    auto c = std::make_unique<TestClient>(znpextest::connectTcp(port_, hosts_[to].name.c_str()));
+    bool proved = false;
+    RpcMessage r = greet(*c, hosts_[as].name, hostKey(as), to, &proved);
+    EXPECT_EQ(r.kind, RpcMessage::Kind::Result) << r.errorMessage;
+    EXPECT_TRUE(proved);
+    return c;
 }
 
 PeerDomainTest::~PeerDomainTest() {

@@ -1,9 +1,11 @@
 // Test fixture for a management domain of three hosts on one machine: three
 // znpexd children listening on 127.0.0.1, .2 and .3 on one common port, each
-// under its own state root with its own node id and a trusted host list
-// naming the other two (hosts are named by their addresses). Plus a scripted
-// resource manager that records the notifications it gets and answers
-// "rm.*" requests through a callback.
+// under its own state root with its own node id, its own host key pair and a
+// trusted host list holding the other two's public keys (hosts are named by
+// their addresses). The test process can greet a host as any of them (it
+// holds every key), or as a stranger with a key nobody trusts. Plus a
+// scripted resource manager that records the notifications it gets and
+// answers "rm.*" requests through a callback.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -19,6 +21,7 @@
 #include "tests/support/Subprocess.h"
 #include "tests/support/TempDir.h"
 #include "tests/znpex_server/ServiceHarness.h"
+#include "znhas/sec_buffer.h"
 
 namespace peertest {
 
@@ -51,6 +54,14 @@ private:
     std::atomic<bool> stop_{false};
     std::thread thread_;
 };
+
+// A host key pair as the host-authentication library makes it.
+struct KeyPair {
+    sec_buffer_t pvt = nullptr;
+    sec_buffer_t pub = nullptr;
+};
+// The keys of the three hosts (0..2) and of a stranger (3); made once per process.
+const KeyPair& hostKey(size_t i);
 
 struct Host {
     std::string name;  // its address, which is also its host name
@@ -87,6 +98,14 @@ protected:
     Json nodes(size_t i);
     // The "service.status" result of host `i`.
     Json status(size_t i);
+    // Greets host `to` over `c` as the host named `as`, proving with `key`:
+    // "peer.hello" then "peer.prove". Returns the first refusal or the
+    // proof's reply; `answerProved` says whether the answering host's own
+    // proof checked out against hostKey(to).
+    RpcMessage greet(znpextest::TestClient& c, const std::string& as, const KeyPair& key, size_t to,
+                     bool* answerProved = nullptr);
+    // A new TCP connection to host `to`, greeted as host `as` (0..2) with its own key.
+    std::unique_ptr<znpextest::TestClient> peerOf(size_t to, size_t as);
 
     testsupport::TempDir dir_;
     std::vector<Host> hosts_;

@@ -2,9 +2,8 @@
 // managers of the same name on the other hosts only, and a host that is
 // down neither blocks nor delays them; the node table reaches every host
 // and a host that missed a change catches up when it is back, while a
-// restarted host keeps newer tables than a returning host's; greetings from
-// hosts that are not trusted, and peer-only methods from plain clients, are
-// refused.
+// restarted host keeps newer tables than a returning host's; a peer's table
+// copies must be whole and newer.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -134,54 +133,13 @@ TEST_F(PeerDomainTest, TablesReplicateAndAHostThatMissedAChangeCatchesUp) {
     EXPECT_FALSE(hasName(nodes(0), "third")) << "an older copy replaced newer tables";
 }
 
-TEST_F(PeerDomainTest, UntrustedGreetingsAndPeerOnlyMethodsAreRefused) {
+TEST_F(PeerDomainTest, TablesFromAPeerMustBeWholeAndNewer) {
     ASSERT_TRUE(startAll());
-    // Connections from this process come from 127.0.0.1.
-    znpextest::TestClient plain(znpextest::connectTcp(port_, "127.0.0.2"));
-    Json deliver = peerMessage(1, "x");
-    deliver["rm"] = "Test.RM";
-    for (const char* method : {"peer.deliver", "di.replicate"}) {
-        RpcMessage r = plain.call(method, deliver);
-        EXPECT_EQ(r.kind, Kind::Error) << method;
-        EXPECT_EQ(r.errorCode, proto::kMethodNotFound) << method;
-    }
-    struct Case {
-        Json params;
-        int code;
-        const char* why;
-    };
-    const Case refused[] = {
-        {Json{{"host", "127.0.0.9"}, {"nodeId", "1"}}, proto::kPermissionDenied,
-         "trusted host list"},
-        {Json{{"host", "127.0.0.3"}, {"nodeId", "1"}}, proto::kPermissionDenied, "address"},
-        {Json{{"host", 5}, {"nodeId", "1"}}, proto::kInvalidParams, "params.host"},
-        {Json{{"host", "127.0.0.1"}, {"nodeId", -1}}, proto::kInvalidParams, "params.nodeId"},
-    };
-    for (const Case& c : refused) {
-        RpcMessage r = plain.call("peer.hello", c.params);
-        ASSERT_EQ(r.kind, Kind::Error) << c.params.dump();
-        EXPECT_EQ(r.errorCode, c.code) << c.params.dump();
-        EXPECT_NE(r.errorMessage.find(c.why), std::string::npos) << r.errorMessage;
-        EXPECT_EQ(plain.call("peer.deliver", deliver).errorCode, proto::kMethodNotFound);
-    }
-    // Not over the local socket either: a peer is a host, reached over TCP.
-    auto local = hosts_[1].root_client();
-    RpcMessage r = local->call("peer.hello", Json{{"host", "127.0.0.1"}, {"nodeId", "1"}});
-    EXPECT_EQ(r.kind, Kind::Error);
-    EXPECT_EQ(r.errorCode, proto::kPermissionDenied);
-
-    // A trusted host from its own address is a peer from then on.
-    r = plain.call("peer.hello", Json{{"host", "127.0.0.1"}, {"nodeId", "1"}});
-    ASSERT_EQ(r.kind, Kind::Result) << r.errorMessage;
-    EXPECT_EQ(r.result["identity"], "127.0.0.1@PEER");
-    EXPECT_EQ(r.result["host"], "127.0.0.2");
-    r = plain.call("peer.deliver", deliver);
-    ASSERT_EQ(r.kind, Kind::Result) << r.errorMessage;
-    EXPECT_EQ(r.result["delivered"], false) << "no such manager on host 2";
-    EXPECT_GE(peerCounter(status(1), "refusedGreetings"), 2u);
-
-    // Tables from a peer: malformed ones change nothing; a copy is taken
-    // once, and not again with the same stamp.
+    auto peer = peerOf(1, 0);
+    auto& plain = *peer;
+    RpcMessage r;
+    // Malformed copies change nothing; a copy is taken once, and not again
+    // with the same stamp.
     Json whole{{"op", 1},
                {"clearNodes", true},
                {"clearGroups", true},

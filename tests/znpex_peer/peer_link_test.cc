@@ -1,8 +1,9 @@
 // One peer link against scripted far ends on loopback: a host that accepts
 // but never greets back, one that greets and then answers nothing, one that
-// greets and then closes, and one where nothing listens. Every request must
-// end exactly once, by its deadline at the latest, and a host that is down
-// must cost its callers nothing.
+// greets and then closes, one that answers the greeting without holding the
+// host's key, and one where nothing listens. Every request must end exactly
+// once, by its deadline at the latest, a host that is down must cost its
+// callers nothing, and a far end that cannot prove its key is never used.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -11,6 +12,11 @@
 #include <thread>
 
 #include "tests/support/Subprocess.h"
+#include "tests/support/TempDir.h"
+#include "znhas/sec_keyfile.h"
+#include "znhas/sec_proof.h"
+#include "znhas/sec_thl.h"
+#include "znhas/znhas.h"
 #include "znpex/proto/FrameIo.h"
 #include "znpex/proto/JsonRpc.h"
 #include "znpex/server/PeerLink.h"
@@ -23,7 +29,26 @@ using znpex::proto::Json;
 using Outcome = srv::PeerLink::Outcome;
 using Clock = std::chrono::steady_clock;
 
-enum class FarEnd { Silent, GreetsThenSilent, GreetsThenCloses };
+enum class FarEnd { Silent, GreetsThenSilent, GreetsThenCloses, Impostor };
+
+// The keys of this host ("near") and of the far host ("far"), and one nobody trusts.
+struct Keys {
+    sec_buffer_t pvt = nullptr;
+    sec_buffer_t pub = nullptr;
+    Keys() { EXPECT_EQ(sec_generate_rsa_localhost_token(SEC_KEYTYPE_RSA1024, &pvt, &pub), 0); }
+};
+const Keys& nearKey() {
+    static Keys k;
+    return k;
+}
+const Keys& farKey() {
+    static Keys k;
+    return k;
+}
+const Keys& strangerKey() {
+    static Keys k;
+    return k;
+}
 
 // A far end on 127.0.0.1 serving one connection at a time on its own thread.
 class FarHost {
@@ -74,11 +99,26 @@ private:
                     if (mode_ == FarEnd::Silent) {
                         continue;
                     }
-                    srv::PeerHelloResult r{"127.0.0.9@PEER", "far", 2};
-                    znpex::proto::writeFrame(s.native_handle(),
-                                             znpex::proto::dumpJson(znpex::proto::makeResult(
-                                                 m.id, srv::encodePeerHelloResult(r))),
-                                             1000);
+                    nonce_ = srv::decodePeerHello(m.params).nonce;
+                    srv::PeerChallenge c;
+                    c.challenge.assign(32, 7);
+                    c.host = "far";
+                    c.nodeId = 2;
+                    reply(s, m.id, srv::encodePeerChallenge(c));
+                    continue;
+                }
+                if (m.method == srv::kPeerProve) {
+                    srv::PeerHelloResult r;
+                    r.identity = "near@PEER";
+                    r.host = "far";
+                    r.nodeId = 2;
+                    const Keys& key = mode_ == FarEnd::Impostor ? strangerKey() : farKey();
+                    std::string why;
+                    EXPECT_TRUE(znhas::signWithKeyToken(
+                        key.pvt,
+                        znhas::proofMessage({srv::kProofOfAnswerer, "far", "near", nonce_}),
+                        &r.signature, &why));
+                    reply(s, m.id, srv::encodePeerHelloResult(r));
                     continue;
                 }
                 if (mode_ == FarEnd::GreetsThenCloses) {
@@ -88,7 +128,14 @@ private:
         }
     }
 
+    static void reply(asio::ip::tcp::socket& s, const Json& id, Json result) {
+        znpex::proto::writeFrame(
+            s.native_handle(),
+            znpex::proto::dumpJson(znpex::proto::makeResult(id, std::move(result))), 1000);
+    }
+
     FarEnd mode_;
+    std::vector<uint8_t> nonce_;
     asio::io_context io_;
     asio::ip::tcp::acceptor acceptor_;
     uint16_t port_ = 0;
@@ -100,6 +147,11 @@ private:
 class PeerLinkTest : public ::testing::Test {
 protected:
     PeerLinkTest() : work_(asio::make_work_guard(io_)) {
+        // This host's key files and a list that trusts "far" under its key.
+        EXPECT_EQ(sec__record_hostid_token(SEC_PRIVATE_KEYFILE, nearKey().pvt), 0);
+        EXPECT_EQ(sec__record_hostid_token(SEC_PUBLIC_KEYFILE, nearKey().pub), 0);
+        EXPECT_EQ(sec__init_thl(), 0);
+        EXPECT_EQ(sec_store_host_token("far", farKey().pub), 0);
         for (int i = 0; i < 2; ++i) {
             threads_.emplace_back([this] { io_.run(); });
         }
@@ -121,8 +173,10 @@ protected:
         o.helloTimeout = std::chrono::milliseconds(400);
         o.backoffMin = std::chrono::milliseconds(2000);  // no retry while the test runs
         o.maxQueued = 4;
-        link_ = std::make_shared<srv::PeerLink>(io_.get_executor(), "far",
-                                                srv::PeerHello{"near", 1}, o, nullptr);
+        srv::PeerHello self;
+        self.host = "near";
+        self.nodeId = 1;
+        link_ = std::make_shared<srv::PeerLink>(io_.get_executor(), "far", self, o, nullptr);
         link_->setAddresses({"not-an-address", "127.0.0.1"});
     }
     // Sends one request; the future gets how it ended, and how long it took.
@@ -138,6 +192,7 @@ protected:
         return p->get_future();
     }
 
+    testsupport::TempDir root_{/*asRoot=*/true};
     asio::io_context io_;
     asio::executor_work_guard<asio::io_context::executor_type> work_;
     std::vector<std::thread> threads_;
@@ -183,6 +238,17 @@ TEST_F(PeerLinkTest, RequestsEndByTheirDeadlineOrWhenTheLinkCloses) {
     auto r = ask(5000);
     ASSERT_EQ(r.wait_for(kEnough), std::future_status::ready);
     EXPECT_EQ(r.get().first, Outcome::Lost);
+}
+
+TEST_F(PeerLinkTest, AFarEndWithoutTheHostsKeyIsNeverUsed) {
+    FarHost impostor(FarEnd::Impostor);
+    makeLink(impostor.port());
+    auto r = ask(3000);
+    ASSERT_EQ(r.wait_for(kEnough), std::future_status::ready);
+    EXPECT_EQ(r.get().first, Outcome::Lost) << "nothing may reach a far end that did not prove";
+    EXPECT_EQ(link_->state(), srv::PeerLink::State::Down);
+    std::string error = link_->status().value("lastError", "");
+    EXPECT_NE(error.find("did not prove it is far"), std::string::npos) << error;
 }
 
 TEST_F(PeerLinkTest, NobodyListeningAndAFullQueueLoseRequestsAtOnce) {

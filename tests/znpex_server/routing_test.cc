@@ -211,7 +211,10 @@ TEST_F(RoutingTest, ServiceMethodsAndWhoMayUseThem) {
     EXPECT_EQ(s.result["identity"], "root@LOCALHOST");
     EXPECT_GT(s.result["session"].get<uint64_t>(), 0u);
     EXPECT_EQ(local->call("session.end").kind, Kind::Result);
+    // Domain scope is for callers the kernel vouches for.
     RpcMessage t = remote->call("session.start", Json{{"options", 4}, {"client", "remote"}});
+    EXPECT_EQ(t.errorCode, proto::kPermissionDenied);
+    t = remote->call("session.start", Json{{"options", 1025}, {"client", "remote"}});
     EXPECT_EQ(t.result["identity"], "UNAUTHENT");
     EXPECT_NE(t.result["session"], s.result["session"]);
 

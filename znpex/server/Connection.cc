@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "znpex/proto/Frame.h"
-#include "znpex/server/ServiceLog.h"
+#include "znpex/server/BufferBudget.h"
 
 namespace znpex::server {
 namespace {
@@ -25,23 +25,89 @@ constexpr size_t kDrainChunk = 4096;
 
 }  // namespace
 
+const char* closeReasonText(CloseReason r) {
+    switch (r) {
+        case CloseReason::None:
+            return "closed";
+        case CloseReason::ReadTimeout:
+            return "a frame did not arrive whole in time";
+        case CloseReason::IdleTimeout:
+            return "idle too long";
+        case CloseReason::WriteTimeout:
+            return "does not read what it is sent";
+        case CloseReason::QueueFull:
+            return "too much sent to it is unread";
+        case CloseReason::Budget:
+            return "the service's buffers are full and it held the oldest";
+    }
+    return "closed";
+}
+
 Connection::Connection(Socket socket, Transport transport, std::string identity, uid_t uid,
-                       ConnectionHandler& handler)
+                       ConnectionHandler& handler, ConnectionLimits limits, BufferBudget* budget)
     : socket_(std::move(socket)),
       strand_(asio::make_strand(socket_.get_executor())),
       id_(gNextConnectionId.fetch_add(1)),
       transport_(transport),
       identity_(std::move(identity)),
       uid_(uid),
-      handler_(handler) {}
+      handler_(handler),
+      budget_(budget),
+      limits_(limits),
+      authenticated_(transport == Transport::Local) {}
 
 Connection::~Connection() = default;
 
 void Connection::start() {
-    asio::dispatch(strand_, [self = shared_from_this()] { self->readHeader(); });
+    asio::dispatch(strand_, [self = shared_from_this()] {
+        self->applySocketLimits(0);
+        self->lastFrame_ = Clock::now();
+        self->armWatchdog();
+        self->readHeader();
+    });
+}
+
+Connection::Clock::time_point Connection::heldSince() const {
+    return Clock::time_point(Clock::duration(heldSince_.load(std::memory_order_relaxed)));
+}
+
+bool Connection::readingPaused() const {
+    return limits_.pauseReadingAbove != 0 && outBytes_ > limits_.pauseReadingAbove;
+}
+
+void Connection::hold(size_t bytes) {
+    size_t old = held_.exchange(bytes, std::memory_order_relaxed);
+    if (old == 0 && bytes != 0) {
+        heldSince_.store(Clock::now().time_since_epoch().count(), std::memory_order_relaxed);
+    }
+    if (budget_ == nullptr || old == bytes) {
+        return;
+    }
+    if (bytes > old) {
+        budget_->charge(bytes - old);
+    } else {
+        budget_->release(old - bytes);
+    }
+}
+
+void Connection::applySocketLimits(size_t previousSendBuffer) {
+    size_t want = limits_.kernelSendBuffer;
+    if (want == previousSendBuffer || closed_ || (want == 0 && previousSendBuffer == 0)) {
+        return;
+    }
+    // Once fixed, the kernel no longer sizes the buffer itself: a caller
+    // that authenticated gets a large one instead.
+    asio::error_code ignored;
+    socket_.set_option(
+        asio::socket_base::send_buffer_size(static_cast<int>(want != 0 ? want : (4u << 20))),
+        ignored);
 }
 
 void Connection::readHeader() {
+    if (readingPaused()) {
+        readParked_ = true;  // resumed when the peer has read enough
+        return;
+    }
     auto self = shared_from_this();
     asio::async_read(socket_, asio::buffer(header_),
                      asio::bind_executor(strand_, [self](const asio::error_code& ec, size_t) {
@@ -53,13 +119,16 @@ void Connection::readHeader() {
                              return;
                          }
                          uint32_t n = proto::frameLength(self->header_);
-                         if (n > proto::kMaxFrame) {
+                         if (n > self->limits_.maxFrame) {
                              self->reading_ = false;
                              self->handler_.onOversize(self, n);
                              return;
                          }
                          self->want_ = n;
                          self->body_.clear();
+                         self->inFrame_ = true;
+                         self->frameStarted_ = Clock::now();
+                         self->armWatchdog();
                          self->readBody(0);
                      }));
 }
@@ -67,8 +136,11 @@ void Connection::readHeader() {
 void Connection::readBody(size_t have) {
     auto self = shared_from_this();
     if (have == want_) {
+        inFrame_ = false;
+        lastFrame_ = Clock::now();
         std::string payload;
         payload.swap(body_);
+        hold(outBytes_);
         handler_.onMessage(self, std::move(payload));
         if (reading_ && !closed_) {
             readHeader();
@@ -77,6 +149,10 @@ void Connection::readBody(size_t have) {
     }
     size_t chunk = std::min(kReadChunk, want_ - have);
     body_.resize(have + chunk);
+    hold(outBytes_ + body_.size());
+    if (closed_) {
+        return;  // the budget closed it (possibly this one)
+    }
     asio::async_read(
         socket_, asio::buffer(body_.data() + have, chunk),
         asio::bind_executor(strand_, [self, have, chunk](const asio::error_code& ec, size_t) {
@@ -102,6 +178,43 @@ void Connection::close() {
     asio::dispatch(strand_, [self = shared_from_this()] { self->shutdown(); });
 }
 
+void Connection::closeFor(CloseReason reason) {
+    CloseReason none = CloseReason::None;
+    closeReason_.compare_exchange_strong(none, reason);
+    close();
+}
+
+bool Connection::condemn() {
+    if (closed_ || condemned_.exchange(true)) {
+        return false;
+    }
+    size_t n = held_.load(std::memory_order_relaxed);
+    condemnedBytes_.store(n);
+    if (budget_ != nullptr) {
+        budget_->releasing(n);
+    }
+    closeFor(CloseReason::Budget);
+    return true;
+}
+
+void Connection::setLimits(const ConnectionLimits& limits) {
+    asio::dispatch(strand_, [self = shared_from_this(), limits] {
+        size_t previous = self->limits_.kernelSendBuffer;
+        self->limits_ = limits;
+        self->applySocketLimits(previous);
+        self->armWatchdog();
+        if (self->readParked_ && !self->readingPaused() && self->reading_ && !self->closed_) {
+            self->readParked_ = false;
+            self->readHeader();
+        }
+    });
+}
+
+void Connection::authenticate(const ConnectionLimits& limits) {
+    authenticated_ = true;
+    setLimits(limits);
+}
+
 void Connection::enqueue(std::string payload, bool last) {
     asio::dispatch(strand_, [self = shared_from_this(), payload = std::move(payload), last] {
         if (self->closed_ || self->closeAfterWrite_) {
@@ -111,21 +224,23 @@ void Connection::enqueue(std::string payload, bool last) {
         frame.reserve(proto::kFrameHeader + payload.size());
         proto::appendFrameHeader(frame, payload.size());
         frame.append(payload);
+        if (self->outBytes_ == 0) {
+            self->lastWrite_ = Clock::now();  // the write deadline counts from here
+        }
         self->outBytes_ += frame.size();
-        if (self->outBytes_ > kMaxQueuedBytes) {
+        if (self->outBytes_ > self->limits_.maxQueued) {
             // The peer does not read what it asked for: it alone is dropped,
             // so the others' messages keep flowing.
-            serviceLog("connection %llu (%s) closed: more than %zu MiB sent to it are unread",
-                       static_cast<unsigned long long>(self->id_), self->identity_.c_str(),
-                       kMaxQueuedBytes >> 20);
-            self->shutdown();
+            self->closeFor(CloseReason::QueueFull);
             return;
         }
         self->out_.push_back(std::move(frame));
+        self->hold(self->outBytes_ + self->body_.size());
         if (last) {
             self->closeAfterWrite_ = true;
             self->reading_ = false;
         }
+        self->armWatchdog();
         self->writeNext();
     });
 }
@@ -160,8 +275,66 @@ void Connection::writeNext() {
                 self->shutdown();
                 return;
             }
+            self->lastWrite_ = Clock::now();
+            self->hold(self->outBytes_ + self->body_.size());
+            if (self->readParked_ && self->reading_ &&
+                self->outBytes_ <= self->limits_.pauseReadingAbove / 2) {
+                self->readParked_ = false;
+                self->readHeader();
+            }
             self->writeNext();
         }));
+}
+
+void Connection::armWatchdog() {
+    if (closed_) {
+        return;
+    }
+    const ConnectionLimits& l = limits_;
+    Clock::time_point at = Clock::time_point::max();
+    if (inFrame_ && l.readTimeout.count() > 0) {
+        at = std::min(at, frameStarted_ + l.readTimeout);
+    }
+    if (!inFrame_ && l.idleTimeout.count() > 0) {
+        at = std::min(at, lastFrame_ + l.idleTimeout);
+    }
+    if (outBytes_ > 0 && l.writeTimeout.count() > 0) {
+        at = std::min(at, lastWrite_ + l.writeTimeout);
+    }
+    if (at == Clock::time_point::max() || (watchdog_ != nullptr && watchdogAt_ <= at)) {
+        return;  // no deadline, or the timer fires first and looks again
+    }
+    if (watchdog_ == nullptr) {
+        watchdog_ = std::make_unique<asio::steady_timer>(strand_);
+    }
+    watchdogAt_ = at;
+    watchdog_->expires_at(at);
+    std::weak_ptr<Connection> weak = weak_from_this();
+    watchdog_->async_wait([weak, at](const asio::error_code& ec) {
+        auto self = weak.lock();
+        if (ec || self == nullptr || self->watchdogAt_ != at) {
+            return;  // cancelled or re-armed meanwhile
+        }
+        self->watchdog();
+    });
+}
+
+void Connection::watchdog() {
+    watchdog_.reset();
+    if (closed_) {
+        return;
+    }
+    const ConnectionLimits& l = limits_;
+    auto now = Clock::now();
+    if (inFrame_ && l.readTimeout.count() > 0 && now >= frameStarted_ + l.readTimeout) {
+        closeFor(CloseReason::ReadTimeout);
+    } else if (!inFrame_ && l.idleTimeout.count() > 0 && now >= lastFrame_ + l.idleTimeout) {
+        closeFor(CloseReason::IdleTimeout);
+    } else if (outBytes_ > 0 && l.writeTimeout.count() > 0 && now >= lastWrite_ + l.writeTimeout) {
+        closeFor(CloseReason::WriteTimeout);
+    } else {
+        armWatchdog();
+    }
 }
 
 void Connection::lingerThenClose() {
@@ -197,8 +370,16 @@ void Connection::shutdown() {
     if (lingerTimer_) {
         lingerTimer_->cancel();
     }
+    if (watchdog_) {
+        watchdog_->cancel();
+        watchdog_.reset();
+    }
     out_.clear();
     outBytes_ = 0;
+    hold(0);
+    if (budget_ != nullptr && condemned_) {
+        budget_->released(condemnedBytes_.load());
+    }
     handler_.onClosed(shared_from_this());
 }
 

@@ -66,10 +66,10 @@ void Router::eventRegister(const std::shared_ptr<Connection>& c, const proto::Rp
     const std::string& cls = spec.className;
     auto rules = acl_.rules();
     OpTarget target = spec.classLevel ? OpTarget::Class : OpTarget::Resource;
-    if (!isAllowed(*rules, c->identity(), cls, target, OpAccess::Read)) {
+    const std::string identity = identityOf(*c);
+    if (!isAllowed(*rules, identity, cls, target, OpAccess::Read)) {
         denied_.fetch_add(1);
-        replyFailure(c, m.id, proto::kPermissionDenied,
-                     *permissionDenied(c->identity(), m.method, cls));
+        replyFailure(c, m.id, proto::kPermissionDenied, *permissionDenied(identity, m.method, cls));
         return;
     }
     const ClassEntry* entry = nullptr;
@@ -85,7 +85,7 @@ void Router::eventRegister(const std::shared_ptr<Connection>& c, const proto::Rp
     }
     uint64_t id = 0;
     try {
-        id = events_->add(c, c->identity(), spec, entry->def);
+        id = events_->add(c, identity, spec, entry->def);
     } catch (const tarn_rmf::RMTableError& e) {
         if (e.getError() != nullptr) {
             replyFailure(c, m.id, proto::kInvalidParams, *e.getError());

@@ -94,6 +94,7 @@ struct Table {
             service(name, kind).authenticated = true;
         }
         service(kPeerHello, MethodKind::PeerHello);
+        service(kPeerProve, MethodKind::PeerProve);
         service(kPeerDeliver, MethodKind::PeerDeliver).peerOnly = true;
         service(kDiReplicate, MethodKind::DiReplicate).peerOnly = true;
         MethodInfo& reg = service(proto::kRmRegister, MethodKind::Register);

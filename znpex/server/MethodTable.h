@@ -35,6 +35,7 @@ enum class MethodKind {
     DiWatch,   // be told of every change of the tables
     // Between hosts' services.
     PeerHello,    // a link from another host's service greets this one
+    PeerProve,    // and proves its host key
     PeerDeliver,  // a peer message for a manager on this host
     DiReplicate,  // another host's table change (or its whole tables)
 };

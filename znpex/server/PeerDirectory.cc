@@ -82,7 +82,9 @@ std::shared_ptr<PeerLink> PeerDirectory::linkLocked(const PeerHost& h) {
     if (it != links_.end()) {
         return it->second;
     }
-    PeerHello hello{self_.host, self_.nodeId};
+    PeerHello hello;
+    hello.host = self_.host;
+    hello.nodeId = self_.nodeId;
     auto link = std::make_shared<PeerLink>(executor_, h.host, hello, options_, onUp_);
     link->setAddresses(h.addresses);
     links_.emplace(h.host, link);

@@ -3,6 +3,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 
+#include "znhas/sec_proof.h"
 #include "znpex/proto/JsonRpc.h"
 #include "znpex/server/ServiceLog.h"
 
@@ -216,11 +217,15 @@ void PeerLink::tryAddress(uint64_t gen, size_t index) {
 void PeerLink::connected(uint64_t gen, asio::ip::tcp::socket socket) {
     int one = 1;
     ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
-    auto conn =
-        std::make_shared<Connection>(Connection::Socket(std::move(socket)), Transport::Tcp,
-                                     "PEER:" + host_, static_cast<uid_t>(-1), linkHandlers());
+    ::setsockopt(socket.native_handle(), SOL_SOCKET, SO_KEEPALIVE, &one, sizeof(one));
+    auto conn = std::make_shared<Connection>(Connection::Socket(std::move(socket)), Transport::Tcp,
+                                             "PEER:" + host_, static_cast<uid_t>(-1),
+                                             linkHandlers(), options_.greetingLimits);
     linkHandlers().add(*conn, weak_from_this());
     auto session = std::make_shared<ManagerSession>(conn, host_, executor_);
+    PeerHello hello = self_;
+    hello.to = host_;
+    hello.nonce = znhas::newProofNonce();
     {
         std::lock_guard<std::mutex> g(mu_);
         if (gen != gen_ || stopped_) {
@@ -229,10 +234,15 @@ void PeerLink::connected(uint64_t gen, asio::ip::tcp::socket socket) {
         }
         conn_ = conn;
         session_ = session;
+        nonce_ = hello.nonce;
     }
     conn->start();
+    if (hello.nonce.empty()) {
+        failed(gen, "no random challenge could be made");
+        return;
+    }
     std::weak_ptr<PeerLink> weak = weak_from_this();
-    bool sent = session->forward(kPeerHello, encodePeerHello(self_), options_.helloTimeout,
+    bool sent = session->forward(kPeerHello, encodePeerHello(hello), options_.helloTimeout,
                                  [weak, gen](Outcome o, Json response) {
                                      if (auto self = weak.lock()) {
                                          self->helloDone(gen, o, response);
@@ -243,23 +253,89 @@ void PeerLink::connected(uint64_t gen, asio::ip::tcp::socket socket) {
     }
 }
 
+namespace {
+
+// Why a greeting step did not give a result, or "" when `response` holds one.
+std::string greetingFailure(PeerLink::Outcome outcome, const Json& response) {
+    if (outcome == PeerLink::Outcome::TimedOut) {
+        return "no answer to the greeting";
+    }
+    if (outcome == PeerLink::Outcome::Lost) {
+        return "the link closed during the greeting";
+    }
+    if (const Json* err = proto::findField(response, "error")) {
+        return "greeting refused: " +
+               (err->is_object() && err->contains("message") && (*err)["message"].is_string()
+                    ? (*err)["message"].get<std::string>()
+                    : std::string("no reason given"));
+    }
+    return {};
+}
+
+}  // namespace
+
 void PeerLink::helloDone(uint64_t gen, Outcome outcome, const Json& response) {
-    std::string why;
-    if (outcome == Outcome::TimedOut) {
-        why = "no answer to the greeting";
-    } else if (outcome == Outcome::Lost) {
-        why = "the link closed during the greeting";
-    } else if (const Json* err = proto::findField(response, "error")) {
-        why = "greeting refused: " +
-              (err->is_object() && err->contains("message") && (*err)["message"].is_string()
-                   ? (*err)["message"].get<std::string>()
-                   : std::string("no reason given"));
-    } else {
+    std::string why = greetingFailure(outcome, response);
+    PeerChallenge challenge;
+    if (why.empty()) {
         try {
-            decodePeerHelloResult(proto::requireField(response, "result", "response"));
+            challenge = decodePeerChallenge(proto::requireField(response, "result", "response"));
         } catch (const std::exception& e) {
             why = std::string("greeting answered wrongly: ") + e.what();
         }
+    }
+    PeerProve prove;
+    if (why.empty() &&
+        !znhas::signHostProof({kProofOfCaller, self_.host, host_, challenge.challenge},
+                              &prove.signature, &why)) {
+        why = "this host cannot prove its key: " + why;
+    }
+    std::shared_ptr<ManagerSession> session;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        if (gen == gen_ && !stopped_) {
+            session = session_;
+        }
+    }
+    if (why.empty() && session == nullptr) {
+        return;  // a stale attempt
+    }
+    if (!why.empty()) {
+        failed(gen, why);
+        return;
+    }
+    std::weak_ptr<PeerLink> weak = weak_from_this();
+    bool sent = session->forward(kPeerProve, encodePeerProve(prove), options_.helloTimeout,
+                                 [weak, gen](Outcome o, Json answer) {
+                                     if (auto self = weak.lock()) {
+                                         self->proveDone(gen, o, answer);
+                                     }
+                                 });
+    if (!sent) {
+        failed(gen, "the link closed during the greeting");
+    }
+}
+
+void PeerLink::proveDone(uint64_t gen, Outcome outcome, const Json& response) {
+    std::string why = greetingFailure(outcome, response);
+    PeerHelloResult result;
+    if (why.empty()) {
+        try {
+            result = decodePeerHelloResult(proto::requireField(response, "result", "response"));
+        } catch (const std::exception& e) {
+            why = std::string("greeting answered wrongly: ") + e.what();
+        }
+    }
+    std::vector<uint8_t> nonce;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        nonce = nonce_;
+    }
+    // The far end must prove it is the host this link is for: anyone may
+    // listen on an address, only that host holds its key.
+    if (why.empty() && !znhas::verifyHostProof({kProofOfAnswerer, host_, self_.host, nonce},
+                                               result.signature, &why)) {
+        why = "the far end did not prove it is " + host_ + ": " + why;
     }
     if (!why.empty()) {
         failed(gen, why);
@@ -267,6 +343,7 @@ void PeerLink::helloDone(uint64_t gen, Outcome outcome, const Json& response) {
     }
     std::map<uint64_t, Queued> queued;
     std::shared_ptr<ManagerSession> session;
+    std::shared_ptr<Connection> conn;
     bool wasOut = false;
     {
         std::lock_guard<std::mutex> g(mu_);
@@ -281,7 +358,9 @@ void PeerLink::helloDone(uint64_t gen, Outcome outcome, const Json& response) {
         ++ups_;
         queued.swap(queued_);
         session = session_;
+        conn = conn_;
     }
+    conn->authenticate(options_.peerLimits);
     if (wasOut) {
         serviceLog("peer link to %s is up again", host_.c_str());
     }

@@ -1,7 +1,10 @@
 // One outbound link from this service to another host's service: a TCP
 // connection made on demand (each listed address in turn, each attempt
-// bounded by the connect time), opened with "peer.hello", reused by later
-// requests, and re-made after a failure with growing pauses. Every request
+// bounded by the connect time), opened with a greeting in which each host
+// proves its host key to the other ("peer.hello", "peer.prove"), reused by
+// later requests, and re-made after a failure with growing pauses. A far
+// end that cannot prove the key this host's trusted host list holds for the
+// link's host is not spoken to. Every request
 // ends exactly once: answered, timed out, or lost (no link, link gone, queue
 // full). While a host is down its requests are dropped at once, so it never
 // delays anyone; the outage is logged once. Nothing here blocks the caller
@@ -35,6 +38,9 @@ struct PeerLinkOptions {
     std::string sourceAddress;
     // Requests waiting for the link to come up.
     size_t maxQueued = 1024;
+    // The link's connection until the far end proved its key, and after.
+    ConnectionLimits greetingLimits;
+    ConnectionLimits peerLimits;
 };
 
 class PeerLink : public std::enable_shared_from_this<PeerLink> {
@@ -83,6 +89,7 @@ private:
     void tryAddress(uint64_t gen, size_t index);
     void connected(uint64_t gen, asio::ip::tcp::socket socket);
     void helloDone(uint64_t gen, Outcome outcome, const proto::Json& response);
+    void proveDone(uint64_t gen, Outcome outcome, const proto::Json& response);
     void failed(uint64_t gen, const std::string& why);
     void expireQueued(uint64_t id);
     void scheduleRetryLocked();
@@ -102,6 +109,7 @@ private:
     uint64_t gen_ = 0;  // the connect attempt in progress; stale callbacks compare it
     std::shared_ptr<Connection> conn_;
     std::shared_ptr<ManagerSession> session_;
+    std::vector<uint8_t> nonce_;  // this attempt's challenge for the far end
     std::map<uint64_t, Queued> queued_;
     uint64_t nextQueued_ = 1;
     std::chrono::milliseconds backoff_;

@@ -53,7 +53,10 @@ Router::Router(AclStore& acl, RmRegistry& registry, di::DiStore& di, asio::any_i
       events_(std::make_unique<EventService>(
           registry_,
           std::min<std::chrono::milliseconds>(options.requestTimeout, std::chrono::seconds(10)))),
-      di_(di) {}
+      di_(di),
+      budget_(options.bufferBudget) {
+    budget_.setReclaim([this](size_t over) { reclaim(over); });
+}
 
 Router::~Router() = default;
 
@@ -68,6 +71,7 @@ void Router::accept(Connection::Socket socket, Transport transport) {
     }
     std::string identity = proto::kUnauthenticated;
     uid_t uid = static_cast<uid_t>(-1);
+    bool authenticated = transport == Transport::Local;
     if (transport == Transport::Local) {
         auto cred = peerCredentials(socket.native_handle());
         if (!cred) {
@@ -79,10 +83,13 @@ void Router::accept(Connection::Socket socket, Transport transport) {
     } else {
         int one = 1;
         ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+        // Peers that vanish without a word are noticed by the kernel too.
+        ::setsockopt(socket.native_handle(), SOL_SOCKET, SO_KEEPALIVE, &one, sizeof(one));
     }
     std::string remote = transport == Transport::Tcp ? remoteAddress(socket.native_handle()) : "";
     auto c =
-        std::make_shared<Connection>(std::move(socket), transport, std::move(identity), uid, *this);
+        std::make_shared<Connection>(std::move(socket), transport, std::move(identity), uid, *this,
+                                     limitsFor(transport, authenticated, false), &budget_);
     {
         std::lock_guard<std::mutex> g(connMu_);
         connections_.emplace(c->id(), c);
@@ -102,6 +109,10 @@ size_t Router::connectionCount() const {
 void Router::closeAll() {
     if (peers_ != nullptr) {
         peers_->shutdown();
+    }
+    {
+        std::lock_guard<std::mutex> g(housekeepingMu_);
+        housekeeping_.reset();
     }
     std::vector<std::shared_ptr<Connection>> all;
     {
@@ -162,13 +173,17 @@ void Router::onMessage(const std::shared_ptr<Connection>& c, std::string payload
 
 void Router::onOversize(const std::shared_ptr<Connection>& c, uint64_t length) {
     malformed_.fetch_add(1);
-    c->sendThenClose(proto::dumpJson(proto::makeError(nullptr, proto::kInvalidRequest,
-                                                      "a frame of " + std::to_string(length) +
-                                                          " bytes is over the limit of " +
-                                                          std::to_string(proto::kMaxFrame))));
+    size_t cap = c->authenticated() ? proto::kMaxFrame : options_.unauthenticatedMaxFrame;
+    std::string why = "a frame of " + std::to_string(length) + " bytes is over the limit of " +
+                      std::to_string(cap);
+    if (!c->authenticated()) {
+        why += " for callers that have not authenticated";
+    }
+    c->sendThenClose(proto::dumpJson(proto::makeError(nullptr, proto::kInvalidRequest, why)));
 }
 
 void Router::onClosed(const std::shared_ptr<Connection>& c) {
+    noteClosed(*c);
     std::shared_ptr<ManagerSession> manager;
     std::set<std::string> watched;
     {
@@ -209,6 +224,7 @@ void Router::onClosed(const std::shared_ptr<Connection>& c) {
         std::lock_guard<std::mutex> g(peerMu_);
         tcpAddresses_.erase(c->id());
         peerHosts_.erase(c->id());
+        hellos_.erase(c->id());
         domainSessions_.erase(c->id());
         if (manager != nullptr) {
             auto it = managersByName_.find(manager->rmName());
@@ -253,6 +269,10 @@ void Router::handleRequest(const std::shared_ptr<Connection>& c, RpcMessage& m) 
     }
     if (std::string why = refusal(*c, *info); !why.empty()) {
         replyError(c, m.id, proto::kMethodNotFound, why);
+        return;
+    }
+    if (!m.params.is_null() && !m.params.is_object()) {
+        replyError(c, m.id, proto::kInvalidParams, "params: expected an object");
         return;
     }
     switch (info->kind) {
@@ -304,6 +324,9 @@ void Router::handleRequest(const std::shared_ptr<Connection>& c, RpcMessage& m) 
         case MethodKind::PeerHello:
             peerHello(c, m);
             break;
+        case MethodKind::PeerProve:
+            peerProve(c, m);
+            break;
         case MethodKind::PeerDeliver:
             peerDeliver(c, m);
             break;
@@ -320,7 +343,8 @@ void Router::handleRequest(const std::shared_ptr<Connection>& c, RpcMessage& m) 
 void Router::handleNotification(const std::shared_ptr<Connection>& c, RpcMessage& m) {
     const MethodInfo* info = findMethod(m.method);
     // A notification gets no answer, so what cannot be taken is dropped.
-    if (info == nullptr || !info->notification || !refusal(*c, *info).empty()) {
+    if (info == nullptr || !info->notification || !refusal(*c, *info).empty() ||
+        (!m.params.is_null() && !m.params.is_object())) {
         return;
     }
     managerNotification(c, m, *info);

@@ -24,6 +24,7 @@
 #include "znpex/di/DiStore.h"
 #include "znpex/proto/JsonRpc.h"
 #include "znpex/server/AclStore.h"
+#include "znpex/server/BufferBudget.h"
 #include "znpex/server/Connection.h"
 #include "znpex/server/EventService.h"
 #include "znpex/server/ManagerSession.h"
@@ -51,6 +52,24 @@ struct RouterOptions {
     std::chrono::milliseconds peerTimeout{std::chrono::seconds(3)};
     // Longest pause between attempts to reach a host that is down.
     std::chrono::milliseconds peerBackoffMax{std::chrono::seconds(30)};
+
+    // What a caller that has not authenticated (TCP, before a host proof)
+    // may cost: the largest frame it may send, how long it may stay silent,
+    // and how much of its output may wait before its requests stop being read.
+    size_t unauthenticatedMaxFrame = 64u << 10;
+    std::chrono::milliseconds unauthenticatedIdle{std::chrono::seconds(120)};
+    size_t unauthenticatedPause = 32u << 10;
+    size_t unauthenticatedMaxQueued = 8u << 20;
+    // A frame once begun must arrive whole within this (authenticated
+    // callers, whose frames may be large, get four times as long).
+    std::chrono::milliseconds readTimeout{std::chrono::seconds(30)};
+    // Output to an unauthenticated caller that makes no progress for this long closes it.
+    std::chrono::milliseconds writeTimeout{std::chrono::seconds(60)};
+    // What all connections together may hold in their buffers; past it the
+    // oldest holders are closed, unauthenticated callers first.
+    size_t bufferBudget = 96u << 20;
+    // How far ahead of this host's clock another host's table stamp may be.
+    std::chrono::milliseconds maxStampSkew{std::chrono::minutes(5)};
 };
 
 // Hands an applied table transaction on to the other hosts of the domain and
@@ -91,6 +110,14 @@ public:
     void setDiReplicator(DiReplicator r) { diReplicator_ = std::move(r); }
     di::DiStore& diStore() { return di_; }
 
+    // Starts the periodic housekeeping (returning freed memory). Call once,
+    // before the I/O threads run; closeAll() stops it.
+    void startHousekeeping();
+    // The limits of a connection (RouterLimits.cc): by transport, whether it
+    // authenticated, and whether it registered as a resource manager.
+    ConnectionLimits limitsFor(Transport transport, bool authenticated, bool manager) const;
+    const BufferBudget& budget() const { return budget_; }
+
     // Starts the links to the other hosts of the domain (RouterPeer.cc):
     // `listenAddress` and `port` are this service's own TCP address and
     // port. Call once, before the I/O threads run; without it this service
@@ -119,11 +146,19 @@ private:
 
     // Links with the other hosts' services (RouterPeer.cc).
     void peerHello(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
+    void peerProve(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
+    // Why `name` may not be taken by a greeting host, or "": names of this
+    // host are never another's.
+    std::string ownName(const std::string& name) const;
+    void refuseGreeting(const std::shared_ptr<Connection>& c, const proto::Json& id,
+                        const std::string& remote, const std::string& why, bool close);
     void peerDeliver(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
     void diReplicate(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
     void peerSend(const std::string& rmName, const proto::RpcMessage& m);
     void replicate(const di::Transaction& t, std::function<void(int code)> done);
     void peerUp(const std::string& host);
+    // The newest stamp another host may send: this clock plus the allowed skew.
+    uint64_t latestStamp() const;
     // Keeps the stamp with the tables (logged when it cannot be).
     void storeStamp(uint64_t stamp);
     // The node table's hosts to the peer directory (after every change).
@@ -154,6 +189,12 @@ private:
     static proto::Json gatherAnswers(const proto::Json& id, const std::vector<DomainPart>& parts,
                                      const proto::Json& unknownHosts,
                                      const proto::Json& unknownItems);
+
+    // Connection limits (RouterLimits.cc).
+    void reclaim(size_t over);
+    void housekeeping();
+    proto::Json limitsStatus() const;
+    void noteClosed(const Connection& c);
 
     // Event watches (EventMethods.cc).
     void eventRegister(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
@@ -210,7 +251,16 @@ private:
     std::unique_ptr<PeerDirectory> peers_;
     mutable std::mutex peerMu_;                     // guards the maps below
     std::map<uint64_t, std::string> tcpAddresses_;  // TCP connection -> remote address
-    std::map<uint64_t, std::string> peerHosts_;     // greeted connection -> host
+    std::map<uint64_t, std::string> peerHosts_;     // proven connection -> host
+    // A greeting waiting for its proof: who the caller says it is, the name
+    // it reached this host by, and both challenges.
+    struct PendingHello {
+        std::string host;
+        std::string to;
+        std::vector<uint8_t> ourNonce;
+        std::vector<uint8_t> theirNonce;
+    };
+    std::map<uint64_t, PendingHello> hellos_;  // connection -> its greeting
     std::map<std::string, std::weak_ptr<Connection>> managersByName_;
     std::set<uint64_t> domainSessions_;  // connections whose session is domain-scoped
     // The time stamp (ms) of the newest tables this host has: a copy from
@@ -219,7 +269,14 @@ private:
     std::mutex diStampMu_;  // guards diStamp_; held while a copy is made or taken
     uint64_t diStamp_ = 0;
     std::atomic<uint64_t> peerDelivered_{0}, peerFailed_{0}, peerUnclaimed_{0}, peerReceived_{0},
-        replicated_{0}, replicationsPartial_{0}, refusedPeers_{0};
+        replicated_{0}, replicationsPartial_{0}, refusedPeers_{0}, refusedStamps_{0};
+
+    // Connection limits (RouterLimits.cc).
+    BufferBudget budget_;
+    std::mutex housekeepingMu_;  // guards housekeeping_
+    std::unique_ptr<asio::steady_timer> housekeeping_;
+    std::atomic<uint64_t> closedForReadTimeout_{0}, closedForIdle_{0}, closedForWriteTimeout_{0},
+        closedForQueue_{0}, closedForBudget_{0};
 
     std::atomic<uint64_t> nextSession_{1};
     // Counters for "service.status".

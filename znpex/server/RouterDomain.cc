@@ -124,6 +124,13 @@ void Router::forwardLocal(const std::string& identity, const RpcMessage& m, cons
 void Router::domainForward(const std::shared_ptr<Connection>& c, const RpcMessage& m,
                            const MethodInfo& info, const std::string& cls) {
     std::string identity = identityOf(*c);
+    if (!c->isLocal()) {
+        // Sessions are made domain-scoped only on the local socket; this
+        // keeps any other caller's requests from being vouched for elsewhere.
+        replyError(c, m.id, proto::kPermissionDenied,
+                   "domain-scoped requests are only for callers on this host's local socket");
+        return;
+    }
     std::string user = identity.substr(0, identity.find('@'));
     const std::string selfHost = peers_->self().host;
 

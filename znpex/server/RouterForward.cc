@@ -16,6 +16,25 @@ namespace znpex::server {
 using proto::Json;
 using proto::RpcMessage;
 
+namespace {
+
+// A user name another host's service may forward: what its local socket
+// could have given, never an identity of its own.
+bool validForwardedUser(const std::string& user) {
+    if (user.empty() || user.size() > kMaxHostName || user == proto::kUnauthenticated ||
+        user == "*") {
+        return false;
+    }
+    for (unsigned char ch : user) {
+        if (ch == '@' || ch <= ' ' || ch == 0x7F) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
 void Router::registerManager(const std::shared_ptr<Connection>& c, const RpcMessage& m) {
     proto::RegisterParams p = proto::decodeRegister(m.params);
     std::shared_ptr<ManagerSession> session;
@@ -46,6 +65,7 @@ void Router::registerManager(const std::shared_ptr<Connection>& c, const RpcMess
         std::lock_guard<std::mutex> g(c->stateMu);
         c->state.manager = session;
     }
+    c->setLimits(limitsFor(c->transport(), true, true));
     {
         std::lock_guard<std::mutex> g(peerMu_);
         managersByName_[p.rm] = c;  // where peer messages for this name go
@@ -73,13 +93,14 @@ void Router::forward(const std::shared_ptr<Connection>& c, const RpcMessage& m,
     }
     std::string identity = identityOf(*c);
     if (std::string host = peerHostOf(*c); !host.empty()) {
-        // Another host's service asks for its caller: "<user>@<that host>".
+        // Another host's service asks for its caller, a user the kernel
+        // vouched for there: "<user>@<that host>", under this host's rules.
         const Json* user = proto::findField(m.params, "user");
-        if (user == nullptr || !user->is_string() || user->get_ref<const std::string&>().empty() ||
-            user->get_ref<const std::string&>().size() > kMaxHostName ||
-            user->get_ref<const std::string&>().find('@') != std::string::npos) {
+        if (user == nullptr || !user->is_string() ||
+            !validForwardedUser(user->get_ref<const std::string&>())) {
             replyError(c, m.id, proto::kInvalidParams,
-                       "params.user: expected the caller's user name (no '@')");
+                       "params.user: expected the caller's user name (no '@', blank or control "
+                       "character; not UNAUTHENT)");
             return;
         }
         identity = user->get<std::string>() + "@" + host;
@@ -241,7 +262,7 @@ void Router::notifyWatchers(const std::string& className, OpTarget target,
     auto rules = acl_.rules();
     for (auto& w : targets) {
         // Rules may have changed since it started watching.
-        if (isAllowed(*rules, w->identity(), className, target, OpAccess::Read)) {
+        if (isAllowed(*rules, identityOf(*w), className, target, OpAccess::Read)) {
             w->send(payload);
         }
     }

@@ -12,10 +12,13 @@
 // when it sends them.
 #include <unistd.h>
 
+#include <strings.h>
+
 #include <algorithm>
 #include <climits>
 
 #include "tarn_rmf2v/RMNodeId.h"
+#include "znhas/sec_proof.h"
 #include "znhas/znhas.h"
 #include "znpex/di/DiCodec.h"
 #include "znpex/proto/ProtocolError.h"
@@ -77,6 +80,16 @@ void Router::startPeers(const std::string& listenAddress, uint16_t port) {
     {
         std::lock_guard<std::mutex> g(diStampMu_);
         diStamp_ = di_.stamp();
+        // A stamp from beyond the allowed skew was never made by a clock of
+        // the domain (an older version took any): it would freeze the tables.
+        uint64_t limit = latestStamp();
+        if (diStamp_ > limit) {
+            serviceLog("table stamp %llu is ahead of this host's clock; taken as %llu",
+                       static_cast<unsigned long long>(diStamp_),
+                       static_cast<unsigned long long>(limit));
+            diStamp_ = nowMillis();
+            storeStamp(diStamp_);
+        }
     }
     PeerDirectory::Self self;
     self.host = options_.hostName.empty() ? systemHostName() : options_.hostName;
@@ -95,6 +108,12 @@ void Router::startPeers(const std::string& listenAddress, uint16_t port) {
         std::min<std::chrono::milliseconds>(options_.peerTimeout, std::chrono::seconds(3));
     lo.helloTimeout = options_.peerTimeout;
     lo.backoffMax = options_.peerBackoffMax;
+    // Until the far end proves its key it is held like any unauthenticated
+    // caller, except that a link is idle between uses and always read.
+    lo.greetingLimits = limitsFor(Transport::Tcp, false, false);
+    lo.greetingLimits.idleTimeout = std::chrono::milliseconds(0);
+    lo.greetingLimits.pauseReadingAbove = 0;
+    lo.peerLimits = limitsFor(Transport::Tcp, true, true);
     // Outbound links leave from the address this service listens on, so the
     // other hosts see the address the node table lists for this one.
     if (listenAddress != "0.0.0.0" && listenAddress != "::") {
@@ -138,48 +157,123 @@ std::string Router::identityOf(const Connection& c) const {
     return host.empty() ? c.identity() : host + "@PEER";
 }
 
+std::string Router::ownName(const std::string& name) const {
+    auto same = [&](const std::string& mine) {
+        return !mine.empty() && mine.size() == name.size() &&
+               strncasecmp(mine.data(), name.data(), name.size()) == 0;
+    };
+    if (same(proto::kLocalHost) || same("localhost.localdomain")) {
+        return name + " names every host's own self";
+    }
+    if (peers_ != nullptr && (same(peers_->self().host) || same(peers_->self().listenAddress))) {
+        return name + " is this host's own name";
+    }
+    return {};
+}
+
+void Router::refuseGreeting(const std::shared_ptr<Connection>& c, const Json& id,
+                            const std::string& remote, const std::string& why, bool close) {
+    if (refusedPeers_.fetch_add(1) % 100 == 0) {
+        serviceLog("peer greeting from %s refused: %s", remote.c_str(), why.c_str());
+    }
+    std::string reply = proto::dumpJson(proto::makeError(id, proto::kPermissionDenied, why));
+    if (close) {
+        c->sendThenClose(std::move(reply));
+    } else {
+        c->send(std::move(reply));
+    }
+}
+
 void Router::peerHello(const std::shared_ptr<Connection>& c, const RpcMessage& m) {
     PeerHello h = decodePeerHello(m.params);
     std::string remote;
+    bool greeted = false;  // a second greeting on one connection is refused
     {
         std::lock_guard<std::mutex> g(peerMu_);
         auto it = tcpAddresses_.find(c->id());
         if (it != tcpAddresses_.end()) {
             remote = it->second;
         }
+        greeted = peerHosts_.count(c->id()) != 0 || hellos_.count(c->id()) != 0;
     }
+    // Trust rests on the key alone: where the connection comes from and what
+    // the node table says prove nothing, since any local user can bind an
+    // address and a peer can replicate any table.
     std::string why;
     if (peers_ == nullptr) {
         why = "this service takes no links from other hosts";
     } else if (remote.empty()) {
         why = "other hosts' services greet over TCP only";
+    } else if (greeted) {
+        why = "this connection has greeted already";
+    } else if (std::string own = ownName(h.host); !own.empty()) {
+        why = "a peer cannot take this host's names: " + own;
+    } else if (ownName(h.to).empty()) {
+        why = "the greeting is for " + h.to + ", not for this host (" + peers_->self().host + ")";
     } else if (!trustedHost(h.host)) {
         why = "host " + h.host + " is not in the trusted host list";
-    } else if (h.host != remote) {
-        bool listed = false;
-        for (const di::NodeEntry& n : di_.nodes()) {
-            if (n.hostname == h.host) {
-                listed = listed || std::find(n.addresses.begin(), n.addresses.end(), remote) !=
-                                       n.addresses.end();
-            }
-        }
-        if (!listed) {
-            why = "the node table does not list " + remote + " as an address of " + h.host;
-        }
     }
     if (!why.empty()) {
-        if (refusedPeers_.fetch_add(1) % 100 == 0) {
-            serviceLog("peer greeting from %s refused: %s", remote.c_str(), why.c_str());
+        refuseGreeting(c, m.id, remote, why, !remote.empty());
+        return;
+    }
+    PeerChallenge challenge;
+    challenge.challenge = znhas::newProofNonce();
+    if (challenge.challenge.empty()) {
+        replyError(c, m.id, proto::kOperationFailed, "no random challenge could be made");
+        return;
+    }
+    challenge.host = peers_->self().host;
+    challenge.nodeId = peers_->self().nodeId;
+    {
+        std::lock_guard<std::mutex> g(peerMu_);
+        hellos_[c->id()] = PendingHello{h.host, h.to, challenge.challenge, std::move(h.nonce)};
+    }
+    replyResult(c, m.id, encodePeerChallenge(challenge));
+}
+
+void Router::peerProve(const std::shared_ptr<Connection>& c, const RpcMessage& m) {
+    PeerProve p = decodePeerProve(m.params);
+    std::string remote;
+    PendingHello hello;
+    bool pending = false;
+    {
+        std::lock_guard<std::mutex> g(peerMu_);
+        auto it = tcpAddresses_.find(c->id());
+        if (it != tcpAddresses_.end()) {
+            remote = it->second;
         }
-        replyError(c, m.id, proto::kPermissionDenied, why);
+        auto h = hellos_.find(c->id());
+        if (h != hellos_.end()) {
+            hello = std::move(h->second);
+            hellos_.erase(h);  // one answer per challenge
+            pending = true;
+        }
+    }
+    if (!pending) {
+        refuseGreeting(c, m.id, remote, "peer.prove answers the challenge of a peer.hello", false);
+        return;
+    }
+    std::string why;
+    if (!znhas::verifyHostProof({kProofOfCaller, hello.host, hello.to, hello.ourNonce}, p.signature,
+                                &why)) {
+        refuseGreeting(c, m.id, remote, "no proof of host " + hello.host + "'s key: " + why, true);
+        return;
+    }
+    PeerHelloResult r;
+    if (!znhas::signHostProof({kProofOfAnswerer, hello.to, hello.host, hello.theirNonce},
+                              &r.signature, &why)) {
+        serviceLog("cannot prove this host's key to %s: %s", hello.host.c_str(), why.c_str());
+        c->sendThenClose(proto::dumpJson(proto::makeError(
+            m.id, proto::kOperationFailed, "this host cannot prove its key: " + why)));
         return;
     }
     {
         std::lock_guard<std::mutex> g(peerMu_);
-        peerHosts_[c->id()] = h.host;
+        peerHosts_[c->id()] = hello.host;
     }
-    PeerHelloResult r;
-    r.identity = h.host + "@PEER";
+    c->authenticate(limitsFor(Transport::Tcp, true, false));
+    r.identity = hello.host + "@PEER";
     r.host = peers_->self().host;
     r.nodeId = peers_->self().nodeId;
     replyResult(c, m.id, encodePeerHelloResult(r));
@@ -244,6 +338,8 @@ void Router::replicate(const di::Transaction&, std::function<void(int code)> don
     di::Transaction snapshot;
     {
         std::lock_guard<std::mutex> g(diStampMu_);
+        // Stamps stay within the allowed skew of this clock (see diReplicate),
+        // so the + 1 cannot wrap.
         stamp = std::max(nowMillis(), diStamp_ + 1);
         diStamp_ = stamp;
         snapshot = di_.snapshot();
@@ -297,6 +393,25 @@ void Router::diReplicate(const std::shared_ptr<Connection>& c, const RpcMessage&
         throw proto::ProtocolError(
             w + ".tables: expected whole tables (both cleared first, rows added)");
     }
+    if (uint64_t limit = latestStamp(); stamp > limit) {
+        // No clock of the domain could have made it: taking it would make
+        // every later, real change look older, here and on every host this
+        // one answers with its tables.
+        std::string host = peerHostOf(*c);
+        if (refusedStamps_.fetch_add(1) % 100 == 0) {
+            serviceLog(
+                "tables from %s refused: stamp %llu is more than %lld ms ahead of this "
+                "host's clock",
+                host.c_str(), static_cast<unsigned long long>(stamp),
+                static_cast<long long>(options_.maxStampSkew.count()));
+        }
+        replyResult(c, m.id,
+                    Json{{"code", DI_EINVAL},
+                         {"reason", "stamp " + std::to_string(stamp) +
+                                        " is ahead of the receiving host's clock by more than " +
+                                        std::to_string(options_.maxStampSkew.count()) + " ms"}});
+        return;
+    }
     std::unique_lock<std::mutex> g(diStampMu_);
     if (stamp <= diStamp_) {
         // What we have is as new: nothing to take. When it is newer, the
@@ -321,6 +436,10 @@ void Router::diReplicate(const std::shared_ptr<Connection>& c, const RpcMessage&
     replyResult(c, m.id, Json{{"code", DI_OK}, {"applied", true}, {"version", di_.version()}});
 }
 
+uint64_t Router::latestStamp() const {
+    return nowMillis() + static_cast<uint64_t>(options_.maxStampSkew.count());
+}
+
 Json Router::peerStatus() const {
     Json j{{"delivered", peerDelivered_.load()},
            {"failed", peerFailed_.load()},
@@ -328,7 +447,8 @@ Json Router::peerStatus() const {
            {"received", peerReceived_.load()},
            {"replicated", replicated_.load()},
            {"replicationsPartial", replicationsPartial_.load()},
-           {"refusedGreetings", refusedPeers_.load()}};
+           {"refusedGreetings", refusedPeers_.load()},
+           {"refusedStamps", refusedStamps_.load()}};
     if (peers_ != nullptr) {
         j["host"] = peers_->self().host;
         j["nodeId"] = proto::decimal(peers_->self().nodeId);

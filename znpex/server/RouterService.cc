@@ -18,6 +18,19 @@ void Router::sessionStart(const std::shared_ptr<Connection>& c, const RpcMessage
     if (!m.params.is_null()) {
         p = proto::decodeSessionStart(m.params);
     }
+    // Option 4: the session's "rm.*" requests span the management domain,
+    // where they run as this caller's user on this host. Only a caller the
+    // kernel vouches for may ask: another host would take an unauthenticated
+    // caller for a user of this one. Another host's service is never given
+    // it: what it asks for stays here.
+    bool domain = (p.options & 4u) != 0;
+    if (domain && !c->isLocal() && peerHostOf(*c).empty()) {
+        denied_.fetch_add(1);
+        replyError(c, m.id, proto::kPermissionDenied,
+                   "a domain-scoped session (option 4) is only for authenticated callers on "
+                   "this host's local socket");
+        return;
+    }
     proto::SessionStartResult r;
     r.identity = identityOf(*c);
     {
@@ -28,9 +41,7 @@ void Router::sessionStart(const std::shared_ptr<Connection>& c, const RpcMessage
         c->state.clientName = p.client;
         r.session = c->state.sessionId;
     }
-    // Option 4: the session's "rm.*" requests span the management domain.
-    // Never for another host's service: what it asks for stays here.
-    setDomainSession(*c, (p.options & 4u) != 0 && peerHostOf(*c).empty());
+    setDomainSession(*c, domain && c->isLocal());
     replyResult(c, m.id, proto::encodeSessionStarted(r));
 }
 
@@ -49,7 +60,7 @@ void Router::classList(const std::shared_ptr<Connection>& c, const RpcMessage& m
     Json out = Json::array();
     for (ClassEntry& e : registry_.classes()) {
         // Describing a class is reading it.
-        if (!isAllowed(*rules, c->identity(), e.def.name, OpTarget::Class, OpAccess::Read)) {
+        if (!isAllowed(*rules, identityOf(*c), e.def.name, OpTarget::Class, OpAccess::Read)) {
             continue;
         }
         proto::ClassInfo info;
@@ -73,7 +84,7 @@ void Router::refreshAcl(const std::shared_ptr<Connection>& c, const RpcMessage& 
 
 void Router::authHello(const std::shared_ptr<Connection>& c, const RpcMessage& m) {
     proto::HelloResult r;
-    r.identity = c->identity();  // no authentication methods are offered yet
+    r.identity = identityOf(*c);  // no methods for clients yet: hosts prove with peer.hello
     replyResult(c, m.id, proto::encodeHello(r));
 }
 
@@ -125,6 +136,7 @@ Json Router::status() const {
         {"peerMessages", peerMessages_.load()},
         {"peers", peerStatus()},
         {"refusedConnections", refused_.load()},
+        {"limits", limitsStatus()},
         {"tables", diStatus()},
     };
 }

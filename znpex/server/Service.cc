@@ -71,6 +71,7 @@ void Service::start() {
             router_.startPeers(options_.tcpAddress, listeners_.tcpPort());
         }
     }
+    router_.startHousekeeping();
     running_ = true;
     for (unsigned i = 0; i < options_.threads; ++i) {
         threads_.emplace_back([this] { io_.run(); });

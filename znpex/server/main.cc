@@ -2,6 +2,7 @@
 // TCP, routes clients' requests to the resource managers registered with it,
 // and enforces the access control list. SIGHUP re-reads the list;
 // SIGTERM/SIGINT stop it.
+#include <malloc.h>
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -68,7 +69,38 @@ int main(int argc, char** argv) {
     app.add_option("--peer-backoff-max-ms", peerBackoffMaxMs,
                    "Longest pause between attempts to reach a host that is down")
         ->capture_default_str();
+    unsigned budgetMb = static_cast<unsigned>(opts.router.bufferBudget >> 20);
+    unsigned readTimeoutMs = static_cast<unsigned>(opts.router.readTimeout.count());
+    unsigned idleTimeoutMs = static_cast<unsigned>(opts.router.unauthenticatedIdle.count());
+    unsigned writeTimeoutMs = static_cast<unsigned>(opts.router.writeTimeout.count());
+    unsigned skewMs = static_cast<unsigned>(opts.router.maxStampSkew.count());
+    app.add_option("--buffer-budget-mb", budgetMb,
+                   "What all connections together may hold in their buffers, in MiB")
+        ->capture_default_str()
+        ->check(CLI::Range(1u, 1u << 20));
+    app.add_option("--read-timeout-ms", readTimeoutMs,
+                   "How long an unauthenticated caller's frame may take to arrive whole "
+                   "(authenticated callers: four times as long)")
+        ->capture_default_str()
+        ->check(CLI::Range(1u, 3600000u));
+    app.add_option("--idle-timeout-ms", idleTimeoutMs,
+                   "How long an unauthenticated caller may send nothing")
+        ->capture_default_str()
+        ->check(CLI::Range(1u, 86400000u));
+    app.add_option("--write-timeout-ms", writeTimeoutMs,
+                   "How long output to an unauthenticated caller may make no progress")
+        ->capture_default_str()
+        ->check(CLI::Range(1u, 3600000u));
+    app.add_option("--max-stamp-skew-ms", skewMs,
+                   "How far ahead of this host's clock another host's table stamp may be")
+        ->capture_default_str()
+        ->check(CLI::Range(0u, 86400000u));
     CLI11_PARSE(app, argc, argv);
+    opts.router.bufferBudget = static_cast<size_t>(budgetMb) << 20;
+    opts.router.readTimeout = std::chrono::milliseconds(readTimeoutMs);
+    opts.router.unauthenticatedIdle = std::chrono::milliseconds(idleTimeoutMs);
+    opts.router.writeTimeout = std::chrono::milliseconds(writeTimeoutMs);
+    opts.router.maxStampSkew = std::chrono::milliseconds(skewMs);
     opts.router.peerTimeout = std::chrono::milliseconds(peerTimeoutMs);
     opts.router.peerBackoffMax = std::chrono::milliseconds(std::max(peerBackoffMaxMs, 1u));
     opts.tcp = !noTcp;
@@ -88,6 +120,10 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &control, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
     raiseDescriptorLimit();
+    // Large buffers (frames, queued output) get pages of their own, so the
+    // memory of a caller that goes is handed back rather than kept in the
+    // heap; the allocator would otherwise raise this threshold as it goes.
+    mallopt(M_MMAP_THRESHOLD, 256 * 1024);
 
     znpex::server::Service service(opts);
     try {
