@@ -18,3 +18,17 @@ if(ORVRM_SANITIZE)
   add_link_options(${ORVRM_SAN_FLAGS})
   add_compile_definitions(ORVRM_SANITIZED=1)
 endif()
+
+# The libFuzzer build instruments every library, not only the targets' own
+# files: the fuzzers are then guided by the coverage of the code they feed,
+# and the sanitizers see its memory accesses. -O1 with line tables only
+# keeps that build short while reports still name file and line.
+if(ORVRM_LIBFUZZER)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "ORVRM_LIBFUZZER needs clang (-DCMAKE_CXX_COMPILER=clang++)")
+  endif()
+  set(ORVRM_FUZZ_FLAGS -fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all
+    -fno-omit-frame-pointer -O1 -gline-tables-only)
+  add_compile_options(${ORVRM_FUZZ_FLAGS})
+  add_link_options(-fsanitize=address,undefined)
+endif()

@@ -9,7 +9,8 @@
 // as "<file>.orig" (a hard link). An object holds no file or lock between
 // edits; one object is used by one thread at a time, any number of objects
 // may edit concurrently. Asking the service to re-read the file is the
-// caller's business.
+// caller's business. The same edits run on a list held in memory
+// (inMemory); the text itself is edited by ACLText either way.
 #pragma once
 
 #include <pthread.h>
@@ -17,12 +18,14 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdio>
-#include <vector>
+#include <string>
+
+#include "orvrm/ACLText.h"
 
 class StanzaEntry;
 
 class ACLFile {
-  public:
+public:
     enum PermissionType { PERM_CLASS = 0, PERM_RESOURCE = 1, PERM_BOTH = 2 };
     enum PermissionLevel { PERM_NONE = 0, PERM_READ = 1, PERM_WRITE = 2, PERM_READ_WRITE = 3 };
 
@@ -42,6 +45,14 @@ class ACLFile {
 
     // Edits `path` (null: the system's list file). Holds no resources.
     explicit ACLFile(const char* path);
+
+    // Edits the list in `text` instead of a file, which must outlive the
+    // object: no file, lock, default copy or backup is involved. Checks and
+    // results are those of the file edits; a successful edit replaces
+    // `text`, any other leaves it as it was, and an edit that would leave an
+    // empty list is refused with ACL_SWAP_FAILED. An empty text is edited
+    // as it is (the default copy is the file's business).
+    static ACLFile inMemory(std::string& text);
     ~ACLFile();
     ACLFile(const ACLFile&) = delete;
     ACLFile& operator=(const ACLFile&) = delete;
@@ -71,32 +82,27 @@ class ACLFile {
     // unless a test shortens it. Returns the previous value.
     static std::chrono::milliseconds setLockRetryDelay(std::chrono::milliseconds delay);
 
-  private:
-    enum Mode { kDeleteEntries = 0, kAddOrUpdate = 1, kDeleteStanza = 2 };
-    using EntryList = std::vector<const StanzaEntry*>;
+private:
+    using Mode = ACLText::Mode;
+
+    struct InMemory {};  // keeps ACLFile(nullptr) naming the system's file
+    ACLFile(InMemory, std::string& text);
 
     int _processFile(const char* stanza, const StanzaEntry* entries, int count, Mode mode);
+    int _processText(const char* stanza, const StanzaEntry* entries, int count, Mode mode);
     int _aquireFileLocks();
     int _releaseFileLocks();
     int _openFiles();
     int _ensureFileExists();
     void _closeFiles();
+    int _copyFiles(const char* stanza, const StanzaEntry* entries, int count, Mode mode);
     int _SwapFiles();
-    int _readLine();
-    int _printToFile(const char* format, ...) __attribute__((format(printf, 2, 3)));
-    int _copyLine();
-    int _printEntry(const StanzaEntry& entry);
-    int _print_all_entries(const EntryList& list, bool defaults);
-    int _findStanza(const char* stanza);
-    int _copyBody(EntryList& list, Mode mode);
-    int _copyRest();
     int _fail(int rc);
 
+    std::string* _text = nullptr;  // the list edited in memory; null for a file
     FILE* _in = nullptr;
     FILE* _out = nullptr;
     int _lockFd = -1;
-    char _line[kMaxLine + 1] = {};
-    size_t _lineLen = 0;
     char _path[kMaxPath + 1] = {};
     char _newPath[kMaxPath + 1] = {};
     bool _pathUsable = true;

@@ -1,12 +1,13 @@
 // File access of the list editor: the locks, making sure a usable list file
-// exists, opening, line reading and writing, and the swap of the new file.
+// exists, opening, the list file as the text edit's reader and the new
+// file as its writer, and the swap of the new file.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
-#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -54,6 +55,29 @@ void syncDirectoryOf(const std::string& path) {
         ::close(fd);
     }
 }
+
+class FileReader : public ACLText::Reader {
+public:
+    explicit FileReader(FILE* in) : _in(in) {}
+    int get() override { return std::getc(_in); }
+    bool failed() const override { return std::ferror(_in) != 0; }
+
+private:
+    FILE* _in;
+};
+
+// Flushed after every write, so that a full disk shows at the line it hits.
+class FileWriter : public ACLText::Writer {
+public:
+    explicit FileWriter(FILE* out) : _out(out) {}
+    bool write(const char* data, size_t len) override {
+        size_t written = std::fwrite(data, 1, len, _out);
+        return std::fflush(_out) == 0 && written == len;
+    }
+
+private:
+    FILE* _out;
+};
 
 }  // namespace
 
@@ -196,49 +220,10 @@ void ACLFile::_closeFiles() {
     }
 }
 
-int ACLFile::_readLine() {
-    _lineLen = 0;
-    while (_lineLen < kMaxLine) {
-        int c = std::getc(_in);
-        if (c == EOF) {
-            break;
-        }
-        _line[_lineLen++] = static_cast<char>(c);
-        if (c == '\n') {
-            break;
-        }
-    }
-    _line[_lineLen] = '\0';
-    if (std::ferror(_in) != 0) {
-        return 2;
-    }
-    return _lineLen == 0 ? 1 : 0;
-}
-
-int ACLFile::_copyLine() {
-    size_t written = std::fwrite(_line, 1, _lineLen, _out);
-    return (std::fflush(_out) == 0 && written == _lineLen) ? 0 : 1;
-}
-
-int ACLFile::_printToFile(const char* format, ...) {
-    char buf[kMaxPath + 1];
-    va_list ap;
-    va_start(ap, format);
-    int n = std::vsnprintf(buf, sizeof buf, format, ap);
-    va_end(ap);
-    if (n < 0) {
-        return 1;
-    }
-    if (static_cast<size_t>(n) > sizeof buf) {
-        return 2;
-    }
-    size_t len = std::strlen(buf);
-    size_t written = std::fwrite(buf, 1, len, _out);
-    // A text of exactly 513 characters was cut to 512 and so fails here too.
-    if (std::fflush(_out) != 0 || written != static_cast<size_t>(n)) {
-        return 2;
-    }
-    return 0;
+int ACLFile::_copyFiles(const char* stanza, const StanzaEntry* entries, int count, Mode mode) {
+    FileReader in(_in);
+    FileWriter out(_out);
+    return ACLText::edit(in, out, stanza, entries, count, mode);
 }
 
 int ACLFile::_SwapFiles() {

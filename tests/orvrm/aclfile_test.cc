@@ -199,6 +199,39 @@ TEST(ACLFileEdits, Table) {
     }
 }
 
+// The same edits on a list held in memory: every row that starts from a
+// list (the default copy is the file's business) gives the same result and
+// text, and no file or lock is touched.
+TEST(ACLFileEdits, TableInMemory) {
+    for (const Row& r : rows()) {
+        if (!r.before || r.before->empty()) {
+            continue;
+        }
+        SCOPED_TRACE(r.name);
+        AclTestRoot root;
+        std::string text = *r.before;
+        ACLFile f = ACLFile::inMemory(text);
+        EXPECT_EQ(r.edit(f), r.rc);
+        EXPECT_EQ(text, r.after);
+        EXPECT_FALSE(testsupport::exists(root.file()));
+        EXPECT_FALSE(testsupport::exists(root.lockFile()));
+    }
+}
+
+TEST(ACLFileEdits, InMemoryEmptyTextAndRefusals) {
+    std::string text;
+    ACLFile f = ACLFile::inMemory(text);
+    EXPECT_EQ(f.DeleteStanza("OTHER"), ACLFile::ACL_SWAP_FAILED) << "never an empty list";
+    EXPECT_EQ(text, "");
+    StanzaEntry e = entry("x", ACLFile::PERM_RESOURCE, ACLFile::PERM_WRITE, "");
+    EXPECT_EQ(f.AddOrUpdateEntries("S", &e, 1), ACLFile::ACL_OK);
+    EXPECT_EQ(text, "S\n" + entryLine("x", "R", "w", "") + kLocalDefaults);
+    const std::string before = text;
+    EXPECT_EQ(f.AddOrUpdateEntries("1S", &e, 1), ACLFile::ACL_COPY_FAILED);
+    EXPECT_EQ(f.DeleteStanza(nullptr), ACLFile::ACL_COPY_FAILED);
+    EXPECT_EQ(text, before);
+}
+
 TEST(ACLFileEdits, RefusedInputsTouchNothing) {
     AclTestRoot root;
     writeFile(root.file(), kBase);

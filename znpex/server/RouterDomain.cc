@@ -258,7 +258,7 @@ void Router::domainForward(const std::shared_ptr<Connection>& c, const RpcMessag
         std::string host = p.host;
         Json id = m.id;
         peers_->send(host, m.method, std::move(params), options_.peerTimeout,
-                     [done, host, id, this](PeerLink::Outcome o, Json response) {
+                     [done, host, id](PeerLink::Outcome o, Json response) {
                          if (o == PeerLink::Outcome::Answered) {
                              done(std::move(response));
                              return;
