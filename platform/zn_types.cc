@@ -5,11 +5,19 @@
 
 namespace {
 
-bool isArrayCode(int32_t t) { return t >= ZN_INT32_ARRAY && t <= ZN_SD_PTR_ARRAY; }
+bool isArrayCode(int32_t t) {
+    return t >= ZN_INT32_ARRAY && t <= ZN_SD_PTR_ARRAY;
+}
 
 }  // namespace
 
-bool zn_is_array_type(zn_data_type_t t) { return isArrayCode(t); }
+bool zn_is_array_type(zn_data_type_t t) {
+    return isArrayCode(t);
+}
+
+bool zn_is_value_type(zn_data_type_t t) {
+    return (t >= ZN_INT32 && t <= ZN_SD_PTR) || isArrayCode(t);
+}
 
 zn_data_type_t zn_array_element_type(zn_data_type_t arrayType) {
     if (!isArrayCode(arrayType)) {
@@ -26,13 +34,29 @@ zn_data_type_t zn_array_type_of(zn_data_type_t elementType) {
 }
 
 const char* zn_data_type_name(zn_data_type_t t) {
-    static const char* const names[] = {
-        "ZN_UNKNOWN",         "ZN_NONE",           "ZN_INT32",          "ZN_UINT32",
-        "ZN_INT64",           "ZN_UINT64",         "ZN_FLOAT32",        "ZN_FLOAT64",
-        "ZN_CHAR_PTR",        "ZN_BINARY_PTR",     "ZN_RSRC_HANDLE_PTR", "ZN_SD_PTR",
-        nullptr,              "ZN_INT32_ARRAY",    "ZN_UINT32_ARRAY",   "ZN_INT64_ARRAY",
-        "ZN_UINT64_ARRAY",    "ZN_FLOAT32_ARRAY",  "ZN_FLOAT64_ARRAY",  "ZN_CHAR_PTR_ARRAY",
-        "ZN_BINARY_PTR_ARRAY", "ZN_RSRC_HANDLE_PTR_ARRAY", "ZN_SD_PTR_ARRAY"};
+    static const char* const names[] = {"ZN_UNKNOWN",
+                                        "ZN_NONE",
+                                        "ZN_INT32",
+                                        "ZN_UINT32",
+                                        "ZN_INT64",
+                                        "ZN_UINT64",
+                                        "ZN_FLOAT32",
+                                        "ZN_FLOAT64",
+                                        "ZN_CHAR_PTR",
+                                        "ZN_BINARY_PTR",
+                                        "ZN_RSRC_HANDLE_PTR",
+                                        "ZN_SD_PTR",
+                                        nullptr,
+                                        "ZN_INT32_ARRAY",
+                                        "ZN_UINT32_ARRAY",
+                                        "ZN_INT64_ARRAY",
+                                        "ZN_UINT64_ARRAY",
+                                        "ZN_FLOAT32_ARRAY",
+                                        "ZN_FLOAT64_ARRAY",
+                                        "ZN_CHAR_PTR_ARRAY",
+                                        "ZN_BINARY_PTR_ARRAY",
+                                        "ZN_RSRC_HANDLE_PTR_ARRAY",
+                                        "ZN_SD_PTR_ARRAY"};
     if (t < 0 || static_cast<size_t>(t) >= sizeof(names) / sizeof(names[0])) {
         return nullptr;
     }

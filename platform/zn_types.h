@@ -34,6 +34,15 @@ enum zn_data_type_t : int32_t {
     ZN_SD_PTR_ARRAY = 22,
 };
 
+// The types a value may have, on the wire and in the registry alike: 2..11
+// and their arrays 13..22. (The wire adds 0 and 1 for an absent value.)
+bool zn_is_value_type(zn_data_type_t t);
+
+// How deep structured data may nest, everywhere values travel or are kept:
+// a structured value counts one level, and each structured value inside it
+// one more; arrays add no level of their own.
+inline constexpr int kZnMaxSdNesting = 8;
+
 // True for the array codes; zn_array_element_type gives the element's code.
 bool zn_is_array_type(zn_data_type_t t);
 zn_data_type_t zn_array_element_type(zn_data_type_t arrayType);
@@ -93,8 +102,8 @@ struct zn_structured_data {
 // Allocation helpers (malloc; null on allocation failure).
 zn_binary* zn_binary_new(const void* data, uint32_t length);
 size_t zn_binary_size(uint32_t length);
-zn_array* zn_array_new(uint32_t count);                  // elements zeroed
-zn_structured_data* zn_sd_new(uint32_t count);           // elements ZN_UNKNOWN
+zn_array* zn_array_new(uint32_t count);         // elements zeroed
+zn_structured_data* zn_sd_new(uint32_t count);  // elements ZN_UNKNOWN
 // Deep copy of a value of type t (strings, binaries, handles, arrays, SD).
 // Returns false on allocation failure (out is then zeroed).
 bool zn_value_dup(zn_data_type_t t, const zn_value_t& in, zn_value_t& out);

@@ -67,7 +67,7 @@ RMSchema::RMSchema(const std::string& table, const RMPersAttrDefs* defs, unsigne
             badDefinition(table, "column " + std::to_string(i) + " has the name \"" + name +
                                      "\", which is not an identifier");
         }
-        if (!rmIsStorableType(d.dataType)) {
+        if (!zn_is_value_type(d.dataType)) {
             badDefinition(table, "column " + name + " has data type " +
                                      std::to_string(static_cast<int>(d.dataType)) +
                                      ", which can't be stored");
@@ -148,7 +148,7 @@ bool RMSchema::fromStored(std::string_view bytes, RMSchema& out) {
             return false;
         }
         c.type = static_cast<zn_data_type_t>(*p++);
-        if (!rmIsStorableType(c.type)) {
+        if (!zn_is_value_type(c.type)) {
             return false;
         }
         p = rmGetVarint(p, end, c.properties);

@@ -65,8 +65,9 @@ private:
     bool packed_;
 };
 
+// `depth`: the structured values around this one.
 bool packView(const RMValueView& v, std::string& out, int depth) {
-    if (depth > kRMMaxNesting || !rmIsStorableType(v.type)) {
+    if (!zn_is_value_type(v.type) || (v.type == ZN_SD_PTR && depth >= kZnMaxSdNesting)) {
         return false;
     }
     zn_data_type_t t = v.type;
@@ -120,7 +121,7 @@ bool packView(const RMValueView& v, std::string& out, int depth) {
     }
     RMArrayCursor c(v);
     while (c.next(e)) {
-        if (!packView(e, out, depth + 1)) {
+        if (!packView(e, out, depth)) {
             return false;
         }
     }
@@ -129,7 +130,7 @@ bool packView(const RMValueView& v, std::string& out, int depth) {
 
 const unsigned char* check(zn_data_type_t t, const unsigned char* p, const unsigned char* end,
                            int depth) {
-    if (p == nullptr || depth > kRMMaxNesting || !rmIsStorableType(t)) {
+    if (p == nullptr || !zn_is_value_type(t) || (t == ZN_SD_PTR && depth >= kZnMaxSdNesting)) {
         return nullptr;
     }
     auto left = static_cast<size_t>(end - p);
@@ -182,16 +183,12 @@ const unsigned char* check(zn_data_type_t t, const unsigned char* p, const unsig
     }
     zn_data_type_t et = zn_array_element_type(t);
     for (uint32_t i = 0; i < n && p != nullptr; ++i) {
-        p = check(et, p, end, depth + 1);
+        p = check(et, p, end, depth);
     }
     return p;
 }
 
 }  // namespace
-
-bool rmIsStorableType(zn_data_type_t t) {
-    return (t >= ZN_INT32 && t <= ZN_SD_PTR) || (t >= ZN_INT32_ARRAY && t <= ZN_SD_PTR_ARRAY);
-}
 
 void rmPutVarint(uint32_t v, std::string& out) {
     while (v >= 0x80) {

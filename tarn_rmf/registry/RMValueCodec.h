@@ -14,11 +14,9 @@
 
 namespace tarn_rmf {
 
-// Deepest nesting of structured data accepted, to bound recursion on input.
-inline constexpr int kRMMaxNesting = 8;
-
-// Types a column (or a structured-data element) may have.
-bool rmIsStorableType(zn_data_type_t t);
+// Structured data nests at most kZnMaxSdNesting levels here as on the wire,
+// which also bounds recursion on input. Columns (and structured-data
+// elements) may have any value type (zn_is_value_type).
 
 // Appends the encoding of v (of type t) to out. False when t can't be stored
 // or the value nests too deep; out may then hold a partial tail.

@@ -125,25 +125,28 @@ TEST(RegistryValueCodec, MalformedEncodingsAreRefused) {
 }
 
 TEST(RegistryValueCodec, NestingBeyondTheLimitIsRefusedBothWays) {
-    // kRMMaxNesting + 2 levels of structured data, each holding the next.
-    std::vector<zn_structured_data*> levels;
-    zn_structured_data* inner = zn_sd_new(1);
-    inner->elements[0].data_type = ZN_INT32;
-    levels.push_back(inner);
-    for (int i = 0; i < kRMMaxNesting + 1; ++i) {
-        zn_structured_data* outer = zn_sd_new(1);
-        outer->elements[0].data_type = ZN_SD_PTR;
-        outer->elements[0].value.ptr_sd = levels.back();
-        levels.push_back(outer);
+    // Levels of structured data, each holding the next: the limit packs, one more does not.
+    auto nested = [](int levels) {
+        zn_structured_data* sd = zn_sd_new(1);
+        sd->elements[0].data_type = ZN_INT32;
+        for (int i = 1; i < levels; ++i) {
+            zn_structured_data* outer = zn_sd_new(1);
+            outer->elements[0].data_type = ZN_SD_PTR;
+            outer->elements[0].value.ptr_sd = sd;
+            sd = outer;
+        }
+        return zn_value_t{.ptr_sd = sd};
+    };
+    for (int levels : {kZnMaxSdNesting, kZnMaxSdNesting + 1}) {
+        zn_value_t top = nested(levels);
+        std::string bytes;
+        EXPECT_EQ(rmPackValue(ZN_SD_PTR, top, bytes), levels <= kZnMaxSdNesting) << levels;
+        zn_value_free(ZN_SD_PTR, top);
     }
-    std::string bytes;
-    EXPECT_FALSE(rmPackValue(ZN_SD_PTR, zn_value_t{.ptr_sd = levels.back()}, bytes));
-    zn_value_t top{.ptr_sd = levels.back()};
-    zn_value_free(ZN_SD_PTR, top);
 
     // Hand-made bytes nested deeper than allowed: refused, not recursed into.
     std::string deep;
-    for (int i = 0; i < kRMMaxNesting + 2; ++i) {
+    for (int i = 0; i < kZnMaxSdNesting + 1; ++i) {
         deep.push_back(2);  // one element
         deep.push_back(static_cast<char>(ZN_SD_PTR));
     }

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tarn_rmf/registry/RMValueCodec.h"
 #include "tests/znpex_proto/ZnValues.h"
 #include "znpex/proto/ProtocolError.h"
 #include "znpex/proto/ValueCodec.h"
@@ -141,8 +142,40 @@ TEST(ValueCodec, StructuredDataNestsUpToTheLimit) {
         znpex::proto::decodeValue(wire, "v");
         FAIL() << "decoded structured data nested too deep";
     } catch (const ProtocolError& e) {
-        EXPECT_NE(std::string(e.what()).find("nested deeper than 32"), std::string::npos)
+        EXPECT_NE(std::string(e.what()).find("nested deeper than 8"), std::string::npos)
             << e.what();
+    }
+}
+
+TEST(ValueCodec, TheWireAndTheRegistryShareOneNestingLimitAndTypeList) {
+    // What the wire accepts, the registry can keep, and the reverse.
+    for (int levels : {1, kZnMaxSdNesting, kZnMaxSdNesting + 1}) {
+        zn::OwnedValue v = nestedSd(levels);
+        bool wire = true;
+        try {
+            znpex::proto::encodeValue(v.type(), v.value());
+        } catch (const ProtocolError&) {
+            wire = false;
+        }
+        std::string packed;
+        bool table = tarn_rmf::rmPackValue(v.type(), v.value(), packed);
+        EXPECT_EQ(wire, levels <= kZnMaxSdNesting) << levels;
+        EXPECT_EQ(table, wire) << levels;
+    }
+    // Arrays add no level: structured data in an array in structured data is two.
+    zn::OwnedValue inArray =
+        zv::sd(zv::list(zv::array(ZN_SD_PTR_ARRAY, zv::list(nestedSd(kZnMaxSdNesting - 1)))));
+    std::string packed;
+    EXPECT_TRUE(tarn_rmf::rmPackValue(inArray.type(), inArray.value(), packed));
+    EXPECT_NO_THROW(znpex::proto::encodeValue(inArray.type(), inArray.value()));
+    for (int code = -1; code <= 30; ++code) {
+        auto t = static_cast<zn_data_type_t>(code);
+        bool value = zn_is_value_type(t);
+        EXPECT_EQ(znpex::proto::isWireType(code), value || code == ZN_UNKNOWN || code == ZN_NONE)
+            << code;
+        EXPECT_EQ(value, (code >= ZN_INT32 && code <= ZN_SD_PTR) ||
+                             (code >= ZN_INT32_ARRAY && code <= ZN_SD_PTR_ARRAY))
+            << code;
     }
 }
 

@@ -247,7 +247,8 @@ zn::OwnedValue decodeTyped(const Json& j, const std::string& where, int depth) {
 }  // namespace
 
 bool isWireType(int code) {
-    return code >= ZN_UNKNOWN && code <= ZN_SD_PTR_ARRAY && code != 12;
+    return code == ZN_UNKNOWN || code == ZN_NONE ||
+           zn_is_value_type(static_cast<zn_data_type_t>(code));
 }
 
 Json encodeValue(zn_data_type_t t, const zn_value_t& v) {

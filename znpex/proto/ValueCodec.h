@@ -17,7 +17,8 @@
 
 namespace znpex::proto {
 
-inline constexpr int kMaxSdDepth = 32;
+// The one nesting limit of structured data, shared with the registry.
+inline constexpr int kMaxSdDepth = kZnMaxSdNesting;
 
 // True for the codes that travel: 0, 1 (as null), 2..11 and 13..22.
 bool isWireType(int code);
