@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "orvrm/ClassFactories.h"
+#include "orvrm/ClassList.h"
 #include "orvrm/HeartbeatReport.h"
 #include "orvrm/HeartbeatTargets.h"
 #include "orvrm/ORVRMLog.h"
@@ -43,18 +43,14 @@ void ORVRMRmcp::cleanup() {
     tree_ = nullptr;
 }
 
-tarn_rmf::RMTree* ORVRMRmcp::getTree() { return tree_; }
+tarn_rmf::RMTree* ORVRMRmcp::getTree() {
+    return tree_;
+}
 
 tarn_rmf2v::RMRccp* ORVRMRmcp::createRCCP(char* className, cu_error_t** err) {
-    orvrminfo_trace("[8] ORVRMRmcp::createRCCP entered for %s", className != nullptr ? className : "(null)");
-    const orvrm::ClassFactoryEntry* found = nullptr;
-    const orvrm::ClassFactoryEntry* table = orvrm::classFactories();
-    for (int i = 0; className != nullptr && i < orvrm::kClassFactoryCount; ++i) {
-        if (std::strcmp(table[i].className, className) == 0) {
-            found = &table[i];
-            break;
-        }
-    }
+    orvrminfo_trace("[8] ORVRMRmcp::createRCCP entered for %s",
+                    className != nullptr ? className : "(null)");
+    const orvrm::ClassEntry* found = orvrm::findClass(className);
     const char* name = className != nullptr ? className : "";
     if (found == nullptr) {
         if (err != nullptr) {
@@ -94,8 +90,9 @@ void ORVRMRmcp::asyncError(rm_async_error_level level, int code, cu_error_t* err
 void ORVRMRmcp::PEXMessageReceived(int, int, void* data, unsigned int length) {
     orvrminfo_trace("ORVRMRmcp::PEXMessageRecieved: Entered");
     auto* ifaces = dynamic_cast<orvrm::InterfaceHeartbeatTarget*>(
-        findRccpByName("Kor.MNNetworkInterface"));
-    auto* nodes = dynamic_cast<orvrm::NodeHeartbeatTarget*>(findRccpByName("Kor.ManagedNode"));
+        findRccpByName(orvrm::kNetworkInterfaceClass));
+    auto* nodes =
+        dynamic_cast<orvrm::NodeHeartbeatTarget*>(findRccpByName(orvrm::kManagedNodeClass));
     orvrm::HeartbeatReport report;
     std::string why;
     if (!orvrm::parseHeartbeatReport(data, length, report, why)) {

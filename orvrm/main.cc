@@ -7,6 +7,7 @@
 #include <string>
 
 #include "common/WexTrace.h"
+#include "orvrm/ClassList.h"
 #include "orvrm/ORVRMDaemon.h"
 #include "orvrm/ORVRMLog.h"
 #include "orvrm/ORVRMMessages.h"
@@ -22,20 +23,6 @@ constexpr char kRmName[] = "Kor.ORVRM";
 constexpr char kDefaultTraceSpec[] = "*:Errors=255,_RMF:Info=2,_OVD:Info=1";
 constexpr char kFullTraceSpec[] = "*:*=255";
 constexpr char kTraceFile[] = "/var/zn/trace/Kor.ORVRM.trace";
-
-struct ClassStep {
-    const char* className;
-    const char* failureText;
-};
-
-// The creation order of the classes and the text of each one's failure.
-constexpr ClassStep kClassSteps[] = {
-    {"Kor.OrvCtrl", "new OrvCtrl"},
-    {"Kor.NodeAuthenticate", "new NodeAuthenticate"},
-    {"Kor.MNNetworkInterface", "new MNNetworkIface"},
-    {"Kor.ManagedNode", "new ManagedNode"},
-    {"Kor.NodeGroup", "new NodeGroup"},
-};
 
 // Step 4: a daemon without a log still starts; the failure is traced.
 void openLogOrTrace() {
@@ -109,9 +96,9 @@ int main() {
         static char env[] = "SR_UNCOMMITTED_UPDATES_VISIBLE=1";
         putenv(env);
         // 6. The classes, in their fixed order.
-        for (const ClassStep& step : kClassSteps) {
+        for (const orvrm::ClassEntry& step : orvrm::classList()) {
             cu_error_t* err = nullptr;
-            std::string name = step.className;
+            std::string name = step.name;
             if (rmcp->createRCCP(name.data(), &err) == nullptr) {
                 throw tarn_rmf::RMOperError("main", __LINE__, __FILE__, step.failureText,
                                             err != nullptr ? err->cu_error_id : 0);

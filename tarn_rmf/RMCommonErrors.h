@@ -15,15 +15,18 @@ inline constexpr int kCommonSet = 2;
 
 // Ids of the common errors.
 enum : int {
-    RM_EINTERNAL = 0x10001,      // %1$s: where, or the exception's text
-    RM_ENOMEM = 0x10002,         // %1$s: where
-    RM_EINVALIDATTRID = 0x10006, // %1$s: the operation
-    RM_EINVALIDCLASS = 0x10007,  // %1$s: the class name
-    RM_EINVALIDHANDLE = 0x10008, // %1$s: the operation
-    RM_ENOTSUPPORTED = 0x1000e,  // %1$s: the operation
-    RM_EDATATYPE = 0x10014,      // %1$s: the operation
-    RM_ENOTCONNECTED = 0x10015,  // %1$s: the resource manager or class
-    RM_EINITRCCP = 0x18001,      // %1$s: the class name
+    RM_EINTERNAL = 0x10001,       // %1$s: where, or the exception's text
+    RM_ENOMEM = 0x10002,          // %1$s: where
+    RM_EINVALIDATTRID = 0x10006,  // %1$s: the operation
+    RM_EINVALIDCLASS = 0x10007,   // %1$s: the class name
+    RM_EINVALIDHANDLE = 0x10008,  // %1$s: the operation
+    RM_EREPEATEDATTR = 0x10009,   // %1$s: the attribute, %2$s: the operation
+    RM_EREADONLYATTR = 0x1000a,   // %1$s: the attribute, %2$s: the operation
+    RM_EREQUIREDATTR = 0x1000b,   // %1$s: the attribute, %2$s: the operation
+    RM_ENOTSUPPORTED = 0x1000e,   // %1$s: the operation
+    RM_EDATATYPE = 0x10014,       // %1$s: the operation
+    RM_ENOTCONNECTED = 0x10015,   // %1$s: the resource manager or class
+    RM_EINITRCCP = 0x18001,       // %1$s: the class name
 };
 
 struct rm_common_error {

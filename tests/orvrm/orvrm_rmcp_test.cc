@@ -3,7 +3,7 @@
 #include <fstream>
 #include <tuple>
 
-#include "orvrm/ClassFactories.h"
+#include "orvrm/ClassList.h"
 #include "orvrm/HeartbeatReport.h"
 #include "orvrm/HeartbeatTargets.h"
 #include "orvrm/ORVRMRmcp.h"
@@ -58,8 +58,8 @@ TEST_F(RmcpTest, CreateRccpKnowsExactlyTheTableNames) {
                   "2655-003 Class name " + name + " is not recognized by this resource manager.\n");
         cu_rel_error_1(err);
     }
-    for (std::string name : {"Kor.OrvCtrl", "Kor.MNNetworkInterface", "Kor.ManagedNode",
-                             "Kor.NodeAuthenticate", "Kor.NodeGroup"}) {
+    for (const orvrm::ClassEntry& entry : orvrm::classList()) {
+        std::string name = entry.name;
         cu_error_t* err = nullptr;
         RMRccp* c = rmcp.createRCCP(name.data(), &err);
         ASSERT_NE(c, nullptr) << name;

@@ -1,0 +1,48 @@
+#include "orvrm/ClassList.h"
+
+#include <cstring>
+
+#include "orvrm/ORVRMRmcp.h"
+#include "orvrm/PlaceholderRccp.h"
+#include "orvrm/netif/MNNetworkInterfaceRccp.h"
+#include "orvrm/orvctrl/OrvCtrlRccp.h"
+
+namespace orvrm {
+namespace {
+
+template <typename T>
+tarn_rmf2v::RMRccp* make(char* className, rm_object_type type, ORVRMRmcp* rmcp) {
+    return new T(className, type, rmcp);
+}
+
+// Until a class's own control point lands, it is a placeholder.
+tarn_rmf2v::RMRccp* placeholder(char* className, rm_object_type type, ORVRMRmcp* rmcp) {
+    return new PlaceholderRccp(className, type, rmcp);
+}
+
+}  // namespace
+
+const std::array<ClassEntry, 5>& classList() {
+    static const std::array<ClassEntry, 5> list = {{
+        {kOrvCtrlClass, make<OrvCtrlRccp>, 1, "new OrvCtrl"},
+        {kNodeAuthenticateClass, placeholder, 2, "new NodeAuthenticate"},
+        {kNetworkInterfaceClass, make<MNNetworkInterfaceRccp>, 3, "new MNNetworkIface"},
+        {kManagedNodeClass, placeholder, 4, "new ManagedNode"},
+        {kNodeGroupClass, placeholder, 5, "new NodeGroup"},
+    }};
+    return list;
+}
+
+const ClassEntry* findClass(const char* name) {
+    if (name == nullptr) {
+        return nullptr;
+    }
+    for (const ClassEntry& e : classList()) {
+        if (std::strcmp(e.name, name) == 0) {
+            return &e;
+        }
+    }
+    return nullptr;
+}
+
+}  // namespace orvrm

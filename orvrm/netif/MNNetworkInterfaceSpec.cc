@@ -1,0 +1,58 @@
+#include "orvrm/netif/MNNetworkInterfaceSpec.h"
+
+#include "orvrm/ClassList.h"
+
+namespace orvrm {
+namespace {
+
+using namespace tarn_rmf2v;
+using tarn_rmf::rmNoDefault;
+using tarn_rmf::rmStrDefault;
+using tarn_rmf::rmUintDefault;
+
+constexpr uint32_t kKept = RM_PROP_READ_ONLY | RM_PROP_SELECTABLE | RM_PROP_DETAIL;  // 0x32
+
+const RMAttrSpec kClassAttrs[] = {
+    {0, "Variety", ZN_UINT32, kKept, rmUintDefault(1)},
+};
+
+const RMAttrSpec kClassEvents[] = {
+    {0, "ResourceDefined", ZN_UINT32, 0, rmNoDefault()},
+    {1, "ResourceUndefined", ZN_UINT32, 0, rmNoDefault()},
+    {2, "ConfigChanged", ZN_UINT32, 0, rmNoDefault()},
+};
+
+const RMAttrSpec kResourceAttrs[] = {
+    {kNiResourceHandle, "ResourceHandle", ZN_RSRC_HANDLE_PTR, kKept, rmNoDefault()},
+    {kNiVariety, "Variety", ZN_UINT32, kKept, rmUintDefault(1)},
+    {kNiName, "Name", ZN_CHAR_PTR, RM_PROP_CONFIG | RM_PROP_SELECTABLE | RM_PROP_REQUIRED,
+     rmStrDefault("")},
+    {kNiUniversalId, "UniversalId", ZN_UINT64, RM_PROP_SELECTABLE | RM_PROP_SETTABLE,
+     rmNoDefault()},
+    {kNiIPAddress, "IPAddress", ZN_CHAR_PTR, RM_PROP_CONFIG | RM_PROP_SELECTABLE | RM_PROP_REQUIRED,
+     rmStrDefault("")},
+    {kNiNodeIDs, "NodeIDs", ZN_UINT64_ARRAY, RM_PROP_SELECTABLE | RM_PROP_SETTABLE | RM_PROP_DETAIL,
+     rmNoDefault()},
+};
+
+const RMAttrSpec kDynamic[] = {
+    {kNiConfigChanged, "ConfigChanged", ZN_UINT32, 0, rmNoDefault()},
+    {kNiStatus, "Status", ZN_UINT32, 0, rmNoDefault()},
+};
+
+}  // namespace
+
+const RMClassSpec& networkInterfaceSpec() {
+    static const RMClassSpec spec{
+        .name = kNetworkInterfaceClass,
+        .classTable = "/Kor/MNNetworkInterface/Class",
+        .resourceTable = "/Kor/MNNetworkInterface/Resources",
+        .classPersistent = kClassAttrs,
+        .classDynamic = kClassEvents,
+        .persistent = kResourceAttrs,
+        .dynamic = kDynamic,
+    };
+    return spec;
+}
+
+}  // namespace orvrm
