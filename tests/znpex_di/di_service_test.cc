@@ -150,7 +150,7 @@ TEST_F(DiService, CommandLineShowsAndWatchesTheTables) {
     std::string watched;
     int watchRc = -1;
     std::thread watcher([&] {
-        watchRc = run({"tables", "watch", "--count", "1", "--timeout", "20"}, &watched);
+        watchRc = run({"tables", "watch", "--count", "1", "--duration", "20"}, &watched);
     });
     // The watch counts only changes after it started: publish until it saw one.
     for (int i = 0; i < 100 && watched.find("changed") == std::string::npos; ++i) {

@@ -107,7 +107,7 @@ TEST_F(WatchCli, SigtermEndsItCleanly) {
 }
 
 TEST_F(WatchCli, BadExpressionFails) {
-    auto p = znpex("watch Test.Power -e 'PowerStatus >' --timeout 5");
+    auto p = znpex("watch Test.Power -e 'PowerStatus >' --duration 5");
     int st = p->wait();
     ASSERT_TRUE(WIFEXITED(st)) << st;
     EXPECT_EQ(WEXITSTATUS(st), 1);

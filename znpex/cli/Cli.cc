@@ -15,21 +15,41 @@ void addTarget(CLI::App* sub, Target& t, const char* selectionFlags) {
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
 }
 
+// The global options. They are added to the program and again to every
+// command and subcommand, all filling the same GlobalOptions, so they may be
+// typed before or after the command words and each command's --help lists
+// them. Given twice, the later one wins (CLI11 stores a command's options
+// after its parent's).
+void addGlobalOptions(CLI::App* app, GlobalOptions& g, const std::string& group) {
+    app->add_option("--host", g.host,
+                    "Service to talk to: host[:port] over TCP; default this host's local socket")
+        ->group(group);
+    app->add_option("-o,--output", g.output, "Output format")
+        ->check(CLI::IsMember({"table", "json"}))
+        ->capture_default_str()
+        ->group(group);
+    app->add_option("--timeout", g.timeoutMs, "Milliseconds to wait for each answer")
+        ->check(CLI::PositiveNumber)
+        ->group(group);
+    app->add_option("--connect-timeout", g.connectTimeoutMs,
+                    "Milliseconds to wait for the connection")
+        ->check(CLI::PositiveNumber)
+        ->group(group);
+}
+
+void addGlobalOptionsBelow(CLI::App* app, GlobalOptions& g) {
+    for (CLI::App* sub : app->get_subcommands(nullptr)) {
+        addGlobalOptions(sub, g, "Global options");
+        addGlobalOptionsBelow(sub, g);
+    }
+}
+
 }  // namespace
 
 int runCli(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
     CLI::App app{"znpex: talk to the monitoring service (classes, resources, actions)", "znpex"};
     GlobalOptions g;
-    app.add_option("--host", g.host,
-                   "Service to talk to: host[:port] over TCP; default this host's local socket");
-    app.add_option("-o,--output", g.output, "Output format")
-        ->check(CLI::IsMember({"table", "json"}))
-        ->capture_default_str();
-    app.add_option("--timeout", g.timeoutMs, "Milliseconds to wait for each answer")
-        ->check(CLI::PositiveNumber);
-    app.add_option("--connect-timeout", g.connectTimeoutMs,
-                   "Milliseconds to wait for the connection")
-        ->check(CLI::PositiveNumber);
+    addGlobalOptions(&app, g, "Options");
     app.require_subcommand(1, 1);
 
     auto* classes = app.add_subcommand("classes", "List the classes with attributes and actions");
@@ -84,7 +104,7 @@ int runCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
 
     WatchArgs watch;
     auto* watchCmd = app.add_subcommand(
-        "watch", "Print events of a class until interrupted, --count events or --timeout");
+        "watch", "Print events of a class until interrupted, --count events or --duration");
     watchCmd->add_option("class", watch.className, "Resource class")->required();
     watchCmd->add_option("-e,--expression", watch.expression, "Event expression")->required();
     watchCmd->add_option("-r,--rearm", watch.rearm, "Re-arm expression");
@@ -97,7 +117,7 @@ int runCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
                        "Watch the class's own attributes instead of its resources'");
     watchCmd->add_option("--count", watch.count, "Stop after this many events")
         ->check(CLI::PositiveNumber);
-    watchCmd->add_option("--timeout", watch.timeoutS, "Stop after this many seconds")
+    watchCmd->add_option("--duration", watch.durationS, "Stop after this many seconds")
         ->check(CLI::PositiveNumber);
 
     auto* tables = app.add_subcommand(
@@ -106,13 +126,15 @@ int runCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
     auto* tablesNodes = tables->add_subcommand("nodes", "The node table");
     auto* tablesGroups = tables->add_subcommand("groups", "The node-group table");
     uint64_t tablesCount = 0;
-    int tablesTimeout = 0;
+    int tablesDuration = 0;
     auto* tablesWatch = tables->add_subcommand(
-        "watch", "Print each change of the tables until interrupted, --count or --timeout");
+        "watch", "Print each change of the tables until interrupted, --count or --duration");
     tablesWatch->add_option("--count", tablesCount, "Stop after this many changes")
         ->check(CLI::PositiveNumber);
-    tablesWatch->add_option("--timeout", tablesTimeout, "Stop after this many seconds")
+    tablesWatch->add_option("--duration", tablesDuration, "Stop after this many seconds")
         ->check(CLI::PositiveNumber);
+
+    addGlobalOptionsBelow(&app, g);
 
     try {
         app.parse(argc, argv);
@@ -152,7 +174,7 @@ int runCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
         return cmdTablesGroups(cli);
     }
     if (tablesWatch->parsed()) {
-        return cmdTablesWatch(cli, tablesCount, tablesTimeout);
+        return cmdTablesWatch(cli, tablesCount, tablesDuration);
     }
     return kExitUsage;
 }

@@ -1,6 +1,7 @@
 #include "znpex/cli/CliSession.h"
 
 #include "znpex/client/Session.h"
+#include "znpex/proto/ErrorCodec.h"
 
 namespace znpex::cli {
 namespace {
@@ -48,12 +49,24 @@ bool CliSession::classDef(const std::string& name, tarn_rmf2v::RMClassDef& out) 
     return true;
 }
 
+int CliSession::fail(const cu_error_t* e) {
+    printError(e);
+    if (opts_.json()) {
+        // One line, so that a watch's one-object-per-line output stays so.
+        out_ << proto::dumpJson(proto::Json{{"error", errorJson(e)}}) << '\n';
+    }
+    return kExitFailed;
+}
+
 int CliSession::failCall() {
     cu_error_t* e = nullptr;
     cu_get_error(&e);
-    printError(e);
-    cu_rel_error_1(e);
-    return kExitFailed;
+    zn::ErrorPtr owned(e);
+    return fail(e);
+}
+
+proto::Json CliSession::errorJson(const cu_error_t* e) {
+    return e != nullptr ? proto::encodeError(*e) : proto::Json{{"id", 0}, {"text", ""}};
 }
 
 void CliSession::printError(const cu_error_t* e, const std::string& what) {

@@ -1,7 +1,8 @@
 // What every command shares: the global options, the session (opened on
 // first use, ended on destruction), the class definitions, printing a
-// failure with its catalogue text on standard error, and the exit status.
-// One per process run, single-threaded.
+// failure with its catalogue text on standard error (and, with -o json, as
+// an error object on standard output, so scripts see it too), and the exit
+// status. One per process run, single-threaded.
 #pragma once
 
 #include <iostream>
@@ -9,6 +10,7 @@
 
 #include "tarn_rmf2v/RMClassDef.h"
 #include "znpex/client/px_client.h"
+#include "znpex/proto/Json.h"
 
 namespace znpex::cli {
 
@@ -38,11 +40,18 @@ public:
     // The class's definition; false after printing why.
     bool classDef(const std::string& name, tarn_rmf2v::RMClassDef& out);
 
-    // Prints the thread's error for a failed call ("znpex: <text>") and
+    // The command failed as a whole with `e`: prints "znpex: <text>" and,
+    // with -o json, {"error": <error object>} as the command's output;
     // returns kExitFailed.
+    int fail(const cu_error_t* e);
+    // fail() with the thread's error, for a call that returned a failure.
     int failCall();
-    // Prints an error object's text (prefixed with `what` when not empty).
+    // Prints an error object's text on standard error (prefixed with `what`
+    // when not empty), for one part of a command's result.
     void printError(const cu_error_t* e, const std::string& what = {});
+    // The error as -o json shows it: the protocol's error object, whose
+    // "id" scripts test and whose "text" is the catalogue's rendering.
+    static proto::Json errorJson(const cu_error_t* e);
     // Prints a usage problem and returns kExitUsage.
     int usage(const std::string& message);
 

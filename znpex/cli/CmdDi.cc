@@ -1,6 +1,6 @@
 // "znpex tables nodes|groups|watch": the service's node and node-group tables,
 // read-only. watch prints one line per change (one JSON object per line with
-// -o json) until SIGINT/SIGTERM, --count changes or --timeout seconds.
+// -o json) until SIGINT/SIGTERM, --count changes or --duration seconds.
 #include <chrono>
 #include <cstdio>
 
@@ -83,7 +83,7 @@ int cmdTablesGroups(CliSession& cli) {
     return kExitOk;
 }
 
-int cmdTablesWatch(CliSession& cli, uint64_t count, int timeoutS) {
+int cmdTablesWatch(CliSession& cli, uint64_t count, int durationS) {
     px_session_t s = cli.session();
     if (s == nullptr) {
         return kExitFailed;
@@ -111,10 +111,10 @@ int cmdTablesWatch(CliSession& cli, uint64_t count, int timeoutS) {
         return cli.failCall();
     }
     InterruptScope interrupt;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutS);
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(durationS);
     int status = kExitOk;
     while (!interrupt.interrupted() && (count == 0 || seen < count) &&
-           (timeoutS == 0 || std::chrono::steady_clock::now() < deadline)) {
+           (durationS == 0 || std::chrono::steady_clock::now() < deadline)) {
         std::string why;
         std::lock_guard<std::mutex> g(s->ioMu);
         if (s->conn->pump(200, &why) == client::Connection::Status::Failed) {

@@ -129,8 +129,7 @@ int cmdList(CliSession& cli, const ListArgs& args) {
     }
     client::RspPtr<px_enumerate_rsp_t> enumerated(found);
     if (found->hdr.pr_error != nullptr) {
-        cli.printError(found->hdr.pr_error);
-        return kExitFailed;
+        return cli.fail(found->hdr.pr_error);
     }
     auto query = [&](auto fn, const std::vector<std::string>& names,
                      client::RspPtr<px_resources_rsp_t>& out) {
@@ -152,6 +151,11 @@ int cmdList(CliSession& cli, const ListArgs& args) {
         query(px_query_dynamic_attrs, dyn, dynRsp) != PX_OK) {
         return cli.failCall();
     }
+    for (const auto* rsp : {persRsp.get(), dynRsp.get()}) {
+        if (rsp != nullptr && rsp->hdr.pr_error != nullptr) {
+            return cli.fail(rsp->hdr.pr_error);
+        }
+    }
     int status = kExitOk;
     std::vector<std::string> columns = pers;
     columns.insert(columns.end(), dyn.begin(), dyn.end());
@@ -162,10 +166,12 @@ int cmdList(CliSession& cli, const ListArgs& args) {
     for (uint32_t i = 0; i < found->handle_count; ++i) {
         std::string handle = proto::handleToHex(found->handles[i]);
         std::vector<std::string> row{handle};
+        Json entry{{"handle", handle}};
         Json attrs = Json::object();
         for (const auto* rsp : {persRsp.get(), dynRsp.get()}) {
             if (rsp != nullptr && i < rsp->resource_count && rsp->resources[i].error != nullptr) {
                 cli.printError(rsp->resources[i].error, handle);
+                entry["error"] = CliSession::errorJson(rsp->resources[i].error);
                 status = kExitFailed;
             }
         }
@@ -180,6 +186,7 @@ int cmdList(CliSession& cli, const ListArgs& args) {
             }
             if (v->pv_error != nullptr) {
                 cli.printError(v->pv_error, handle + " " + name);
+                entry["errors"][name] = CliSession::errorJson(v->pv_error);
                 status = kExitFailed;
                 row.push_back("(error)");
                 continue;
@@ -188,7 +195,8 @@ int cmdList(CliSession& cli, const ListArgs& args) {
             attrs[name] = proto::encodeBareValue(v->pv_type, v->pv_value);
         }
         table.add(std::move(row));
-        json.push_back(Json{{"handle", handle}, {"attributes", std::move(attrs)}});
+        entry["attributes"] = std::move(attrs);
+        json.push_back(std::move(entry));
     }
     if (cli.opts().json()) {
         cli.out() << json.dump(2) << '\n';

@@ -1,6 +1,6 @@
 // znpex watch: registers one event watch and prints each event as it comes,
 // one line per event (table) or one JSON object per line, until SIGINT or
-// SIGTERM, --count events or --timeout seconds; each of these ends it with
+// SIGTERM, --count events or --duration seconds; each of these ends it with
 // status 0. The watch runs on a session of its own, which a helper thread
 // ends to stop the dispatch loop (signal handlers only set a flag).
 #include <atomic>
@@ -119,12 +119,12 @@ int cmdWatch(CliSession& cli, const WatchArgs& args) {
     // Ends the session (and so the dispatch below) when it is time to stop.
     std::atomic<bool> dispatchDone{false};
     std::atomic<bool> ended{false};
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(args.timeoutS);
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(args.durationS);
     std::thread stopper([&] {
         while (!dispatchDone.load()) {
             bool stop = interrupt.interrupted() ||
                         (args.count > 0 && printer.printed.load() >= args.count) ||
-                        (args.timeoutS > 0 && std::chrono::steady_clock::now() >= deadline);
+                        (args.durationS > 0 && std::chrono::steady_clock::now() >= deadline);
             if (stop) {
                 ended.store(true);
                 px_end_session(s);

@@ -1,4 +1,5 @@
 // The changing commands: define, set, undefine and action.
+#include <algorithm>
 #include <optional>
 
 #include "znpex/cli/Commands.h"
@@ -96,29 +97,40 @@ std::string targetName(const px_resource_rsp_t& e) {
     return e.is_class ? std::string("class") : proto::handleToHex(e.handle);
 }
 
-// Prints a per-resource response (doneWord before each resource that went
-// through and returned no data); returns the exit status.
-int report(CliSession& cli, const px_resources_rsp_t* rsp, const char* doneWord) {
-    int status = kExitOk;
+// Prints a per-resource response and returns the exit status. A request
+// refused as a whole did nothing. Otherwise each resource that went through
+// gets doneWord; when some attributes of a change were refused, it names the
+// ones that were applied (the manager applies the rest) and each refusal
+// names its attribute. `sent`: the attribute names of a change, else null.
+int report(CliSession& cli, const px_resources_rsp_t* rsp, const char* doneWord,
+           const std::vector<std::string>* sent = nullptr) {
     if (rsp->hdr.pr_error != nullptr) {
-        cli.printError(rsp->hdr.pr_error);
-        status = kExitFailed;
+        for (uint32_t i = 0; i < rsp->resource_count; ++i) {
+            if (rsp->resources[i].error != nullptr) {
+                cli.printError(rsp->resources[i].error, targetName(rsp->resources[i]));
+            }
+        }
+        return cli.fail(rsp->hdr.pr_error);
     }
+    int status = kExitOk;
     Json json = Json::array();
     for (uint32_t i = 0; i < rsp->resource_count; ++i) {
         const px_resource_rsp_t& e = rsp->resources[i];
         std::string who = targetName(e);
         Json entry = e.is_class ? Json{{"class", true}} : Json{{"handle", who}};
-        bool ok = e.error == nullptr;
-        if (!ok) {
+        if (e.error != nullptr) {
             cli.printError(e.error, who);
-            entry["error"] = cu_error_text(e.error);
+            entry["error"] = CliSession::errorJson(e.error);
+            status = kExitFailed;
+            json.push_back(std::move(entry));
+            continue;
         }
+        std::vector<std::string> refused;
         for (uint32_t k = 0; k < e.attr_count; ++k) {
             if (e.attrs[k].pv_error != nullptr) {
-                ok = false;
+                refused.emplace_back(e.attrs[k].pv_name);
                 cli.printError(e.attrs[k].pv_error, who + " " + e.attrs[k].pv_name);
-                entry["errors"][e.attrs[k].pv_name] = cu_error_text(e.attrs[k].pv_error);
+                entry["errors"][e.attrs[k].pv_name] = CliSession::errorJson(e.attrs[k].pv_error);
             }
         }
         Json data = Json::array();
@@ -133,10 +145,22 @@ int report(CliSession& cli, const px_resources_rsp_t* rsp, const char* doneWord)
         if (e.data_count > 0) {
             entry["data"] = std::move(data);
         }
-        if (!ok) {
+        if (refused.empty()) {
+            if (!cli.opts().json() && e.data_count == 0) {
+                cli.out() << doneWord << ' ' << who << '\n';
+            }
+        } else {
             status = kExitFailed;
-        } else if (!cli.opts().json() && e.data_count == 0) {
-            cli.out() << doneWord << ' ' << who << '\n';
+            std::string applied;
+            for (size_t k = 0; sent != nullptr && k < sent->size(); ++k) {
+                const std::string& name = (*sent)[k];
+                if (std::find(refused.begin(), refused.end(), name) == refused.end()) {
+                    applied += (applied.empty() ? "" : ", ") + name;
+                }
+            }
+            if (!applied.empty() && !cli.opts().json()) {
+                cli.out() << doneWord << ' ' << who << ": " << applied << '\n';
+            }
         }
         json.push_back(std::move(entry));
     }
@@ -176,8 +200,7 @@ int cmdDefine(CliSession& cli, const ChangeArgs& args) {
     }
     client::RspPtr<px_define_rsp_t> rsp(r);
     if (r->hdr.pr_error != nullptr) {
-        cli.printError(r->hdr.pr_error);
-        return kExitFailed;
+        return cli.fail(r->hdr.pr_error);
     }
     std::string handle = r->has_handle ? proto::handleToHex(r->handle) : "";
     if (cli.opts().json()) {
@@ -222,7 +245,7 @@ int cmdSet(CliSession& cli, const ChangeArgs& args) {
         return cli.failCall();
     }
     client::RspPtr<px_resources_rsp_t> rsp(r);
-    return report(cli, r, "Changed");
+    return report(cli, r, "Changed", &a.names);
 }
 
 int cmdUndefine(CliSession& cli, const ChangeArgs& args) {

@@ -49,7 +49,7 @@ struct WatchArgs {
     std::string selection;           // "": all resources
     std::vector<std::string> attrs;  // empty: every attribute of the class
     uint64_t count = 0;              // stop after this many events (0: never)
-    int timeoutS = 0;                // stop after this many seconds (0: never)
+    int durationS = 0;               // stop after this many seconds (0: never)
     bool classLevel = false;         // the class's own attributes, not its resources'
 };
 
@@ -64,7 +64,7 @@ int cmdWatch(CliSession& cli, const WatchArgs& args);
 // The service's node and node-group tables.
 int cmdTablesNodes(CliSession& cli);
 int cmdTablesGroups(CliSession& cli);
-int cmdTablesWatch(CliSession& cli, uint64_t count, int timeoutS);
+int cmdTablesWatch(CliSession& cli, uint64_t count, int durationS);
 
 int runCli(int argc, const char* const* argv, std::ostream& out, std::ostream& err);
 
