@@ -45,18 +45,6 @@ using Clock = std::chrono::steady_clock;
 // What an unauthenticated caller may send in one frame (the service's default).
 constexpr size_t kUnauthenticatedFrame = 64u << 10;
 
-int freeLoopbackPort() {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in in{};
-    in.sin_family = AF_INET;
-    in.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof in;
-    ::bind(fd, reinterpret_cast<sockaddr*>(&in), sizeof in);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&in), &len);
-    ::close(fd);
-    return ntohs(in.sin_port);
-}
-
 int connectTcp(int port) {
     int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in in{};
@@ -237,7 +225,7 @@ int main(int argc, char** argv) {
     std::string acl = zn::paths::resolve(zn::paths::kAclFile);
     zn::paths::ensureParentDir(acl);
     std::ofstream(acl) << "OTHER\n\troot@LOCALHOST\t* rw\n\tLOCALHOST\t* r\n\tUNAUTHENT\t* r\n";
-    int port = freeLoopbackPort();
+    int port = benchsupport::freeLoopbackPort();
     pid_t service = benchsupport::spawnService(
         ZNPEXD_PATH,
         {"--state-root", root, "--address", "127.0.0.1", "--port", std::to_string(port)},

@@ -33,18 +33,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-int freeLoopbackPort() {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in in{};
-    in.sin_family = AF_INET;
-    in.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof in;
-    ::bind(fd, reinterpret_cast<sockaddr*>(&in), sizeof in);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&in), &len);
-    ::close(fd);
-    return ntohs(in.sin_port);
-}
-
 // Everyone may read: TCP clients are unauthenticated.
 void writeAcl() {
     std::string path = zn::paths::resolve(zn::paths::kAclFile);
@@ -126,7 +114,7 @@ int main(int argc, char** argv) {
     std::string root = tmpl;
     setenv(zn::paths::kRootEnv, root.c_str(), 1);
     writeAcl();
-    int port = freeLoopbackPort();
+    int port = benchsupport::freeLoopbackPort();
     pid_t service = startService(root, port);
     int rc = 0;
     {
