@@ -124,7 +124,7 @@ std::string renderOne(const Spec& s, const MsgArg* a) {
             return buf;
         }
         if (want != MsgArg::Kind::String) {
-            spec = "%";  // numeric flags make no sense on text
+            spec.resize(1);  // keep the "%": numeric flags make no sense on text
         }
         const char* str = a->nullString ? "(null)" : a->s.c_str();
         int n = std::snprintf(nullptr, 0, (spec + "s").c_str(), str);

@@ -1,12 +1,17 @@
 #include "tarn_rmf2v/RMMonitor.h"
 
+#include <algorithm>
+#include <iterator>
+
 namespace tarn_rmf2v {
 
 RMMonitor::Key RMMonitor::key(const zn_resource_handle* handle) {
-    if (handle == nullptr) {
-        return {};
+    Key k{};
+    if (handle != nullptr) {
+        k[0] = 1;
+        std::copy(std::begin(handle->bytes), std::end(handle->bytes), k.begin() + 1);
     }
-    return Key(handle->bytes, handle->bytes + sizeof handle->bytes);
+    return k;
 }
 
 void RMMonitor::enablePersistent(const zn_resource_handle* handle, int id) {

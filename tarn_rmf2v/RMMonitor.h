@@ -4,6 +4,7 @@
 // it so that only watched changes leave the daemon. Thread-safe.
 #pragma once
 
+#include <array>
 #include <map>
 #include <mutex>
 #include <set>
@@ -27,7 +28,8 @@ public:
     void forget(const zn_resource_handle* handle);
 
 private:
-    using Key = std::vector<unsigned char>;  // empty for the class
+    // A leading 0 for the class itself, 1 and the handle's bytes for a resource.
+    using Key = std::array<unsigned char, 1 + sizeof(zn_resource_handle::bytes)>;
     static Key key(const zn_resource_handle* handle);
 
     mutable std::mutex mu_;

@@ -27,7 +27,10 @@ void addActionRows(Table& t, const char* kind, const std::vector<RMActionDef>& l
     for (const auto& a : list) {
         std::string input;
         for (zn_data_type_t in : a.input) {
-            input += (input.empty() ? "" : ",") + typeLabel(in);
+            if (!input.empty()) {
+                input += ',';
+            }
+            input += typeLabel(in);
         }
         t.add({kind, a.name, std::to_string(a.id), input});
     }

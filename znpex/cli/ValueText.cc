@@ -316,7 +316,10 @@ std::string formatValue(zn_data_type_t t, const zn_value_t& v) {
     }
     std::string s = "{";
     for (uint32_t i = 0; i < v.ptr_array->array_cnt; ++i) {
-        s += (i > 0 ? "," : "") + formatValue(zn_array_element_type(t), v.ptr_array->elements[i]);
+        if (i > 0) {
+            s += ',';
+        }
+        s += formatValue(zn_array_element_type(t), v.ptr_array->elements[i]);
     }
     return s + "}";
 }
