@@ -73,7 +73,7 @@ std::vector<tarn_rmf::RMPersAttrDefs> RMAttrTable::tableColumns() const {
     for (const RMAttrSpec& a : *this) {
         while (static_cast<int>(out.size()) < a.id) {
             out.push_back({reservedName(static_cast<int>(out.size())), ZN_UINT32,
-                           tarn_rmf::rmNoDefault(), RM_PROP_READ_ONLY | RM_PROP_DETAIL});
+                           tarn_rmf::rmNoDefault(), RM_PROP_NOT_AT_DEFINE | RM_PROP_READ_ONLY});
         }
         out.push_back({a.name, a.type, a.defaultValue, a.props});
     }

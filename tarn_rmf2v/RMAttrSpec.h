@@ -5,7 +5,7 @@
 // RMClassSpec:
 //
 //   const RMAttrSpec kResource[] = {
-//       {0, "ResourceHandle", ZN_RSRC_HANDLE_PTR, RM_PROP_READ_ONLY | RM_PROP_DETAIL,
+//       {0, "ResourceHandle", ZN_RSRC_HANDLE_PTR, RM_PROP_NOT_AT_DEFINE | RM_PROP_READ_ONLY,
 //       rmNoDefault()}, {1, "Name", ZN_CHAR_PTR, RM_PROP_REQUIRED | RM_PROP_SELECTABLE,
 //       rmStrDefault("")},
 //   };
@@ -30,12 +30,12 @@ namespace tarn_rmf2v {
 
 // The property word of an attribute, as the service shows it to clients.
 enum RMAttrProp : uint32_t {
-    RM_PROP_CONFIG = 0x01,      // a change of it is a change of the resource's configuration
-    RM_PROP_SELECTABLE = 0x02,  // may be named in selection strings
-    RM_PROP_REQUIRED = 0x04,    // must be given when a resource is defined
-    RM_PROP_SETTABLE = 0x08,    // may be changed after the resource is defined
-    RM_PROP_READ_ONLY = 0x10,   // kept by the resource manager: clients never give it
-    RM_PROP_DETAIL = 0x20,      // left out of short listings
+    RM_PROP_CONFIG = 0x01,         // a change of it is a change of the resource's configuration
+    RM_PROP_SELECTABLE = 0x02,     // may be named in selection strings
+    RM_PROP_REQUIRED = 0x04,       // must be given when a resource is defined
+    RM_PROP_OPTIONAL = 0x08,       // may be given when a resource is defined
+    RM_PROP_NOT_AT_DEFINE = 0x10,  // kept by the resource manager: never given at define
+    RM_PROP_READ_ONLY = 0x20,      // cannot be changed once the resource exists
 };
 
 struct RMAttrSpec {
@@ -46,6 +46,7 @@ struct RMAttrSpec {
     zn_value_t defaultValue;  // of `type`; tarn_rmf::rmNoDefault() for none
 
     bool readOnly() const { return (props & RM_PROP_READ_ONLY) != 0; }
+    bool notAtDefine() const { return (props & RM_PROP_NOT_AT_DEFINE) != 0; }
     bool required() const { return (props & RM_PROP_REQUIRED) != 0; }
 };
 

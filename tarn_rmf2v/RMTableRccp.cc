@@ -471,7 +471,7 @@ RMTableRccp::DefineResult RMTableRccp::defineRow(const rm_attribute_value* value
             // came before it is kept and the request goes on with that.
             break;
         }
-        if (a->readOnly()) {
+        if (a->notAtDefine()) {
             out.error = notAtDefineError(op, *a);
             return out;
         }

@@ -125,7 +125,7 @@ void RMTableRcp::setAttributeValues(RMAttributeIdResponse* rsp, rm_attribute_val
             rsp->result(a->id, common(tarn_rmf::RM_EREPEATEDATTR, a->name, op).get());
             continue;
         }
-        if (a->readOnly() || (a->props & RM_PROP_SETTABLE) == 0) {
+        if (a->readOnly()) {
             rsp->result(a->id, common(tarn_rmf::RM_EREADONLYATTR, a->name, op).get());
             continue;
         }

@@ -10,7 +10,7 @@ using tarn_rmf::rmNoDefault;
 using tarn_rmf::rmStrDefault;
 using tarn_rmf::rmUintDefault;
 
-constexpr uint32_t kKept = RM_PROP_READ_ONLY | RM_PROP_SELECTABLE | RM_PROP_DETAIL;  // 0x32
+constexpr uint32_t kKept = RM_PROP_NOT_AT_DEFINE | RM_PROP_SELECTABLE | RM_PROP_READ_ONLY;  // 0x32
 
 const RMAttrSpec kClassAttrs[] = {
     {0, "Variety", ZN_UINT32, kKept, rmUintDefault(1)},
@@ -27,11 +27,11 @@ const RMAttrSpec kResourceAttrs[] = {
     {kNiVariety, "Variety", ZN_UINT32, kKept, rmUintDefault(1)},
     {kNiName, "Name", ZN_CHAR_PTR, RM_PROP_CONFIG | RM_PROP_SELECTABLE | RM_PROP_REQUIRED,
      rmStrDefault("")},
-    {kNiUniversalId, "UniversalId", ZN_UINT64, RM_PROP_SELECTABLE | RM_PROP_SETTABLE,
+    {kNiUniversalId, "UniversalId", ZN_UINT64, RM_PROP_SELECTABLE | RM_PROP_OPTIONAL,
      rmNoDefault()},
     {kNiIPAddress, "IPAddress", ZN_CHAR_PTR, RM_PROP_CONFIG | RM_PROP_SELECTABLE | RM_PROP_REQUIRED,
      rmStrDefault("")},
-    {kNiNodeIDs, "NodeIDs", ZN_UINT64_ARRAY, RM_PROP_SELECTABLE | RM_PROP_SETTABLE | RM_PROP_DETAIL,
+    {kNiNodeIDs, "NodeIDs", ZN_UINT64_ARRAY, RM_PROP_SELECTABLE | RM_PROP_OPTIONAL | RM_PROP_READ_ONLY,
      rmNoDefault()},
 };
 

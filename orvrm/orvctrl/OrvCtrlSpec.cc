@@ -11,9 +11,9 @@ using tarn_rmf::rmStrDefault;
 using tarn_rmf::rmUintDefault;
 
 // Kept by the daemon.
-constexpr uint32_t kKept = RM_PROP_READ_ONLY | RM_PROP_SELECTABLE | RM_PROP_DETAIL;
+constexpr uint32_t kKept = RM_PROP_NOT_AT_DEFINE | RM_PROP_SELECTABLE | RM_PROP_READ_ONLY;
 // A setting the administrator changes.
-constexpr uint32_t kSetting = RM_PROP_SELECTABLE | RM_PROP_SETTABLE | RM_PROP_CONFIG;
+constexpr uint32_t kSetting = RM_PROP_SELECTABLE | RM_PROP_OPTIONAL | RM_PROP_CONFIG;
 
 const RMAttrSpec kClassAttrs[] = {
     {0, "Variety", ZN_UINT32, kKept, rmUintDefault(1)},

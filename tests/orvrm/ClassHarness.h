@@ -23,6 +23,7 @@ namespace classtest {
 
 using tarn_rmf2v::RMReply;
 using tarn_rmf2v::RMReplyAttr;
+using tarn_rmf2v::RMReplyItem;
 using tarn_rmf2v::RMRequest;
 using tarn_rmf2v::RMRequestOp;
 

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <set>
 
 #include "orvrm/ClassList.h"
@@ -187,6 +188,29 @@ TEST_F(NetifTest, DefinedAndUndefinedAreReportedWhileMonitoredAndUndefineBatches
     EXPECT_EQ(all().size(), 1u);
     // A handle that is gone is gone.
     EXPECT_EQ(errorId(get(kCls, handles[0], {kNiName}).error), tarn_rmf::RM_EINVALIDHANDLE);
+}
+
+// The property word decides a set: 0x20 (read-only) refuses it, whatever
+// else the word holds; a value that was given at define may change.
+TEST_F(NetifTest, ReadOnlyAttributesRefuseASetAndOthersMayChange) {
+    RMReply d = defineOne("node", 1, "10.0.0.1");
+    ASSERT_TRUE(d.hasNewHandle);
+    zn_array* ids = zn_array_new(1);
+    ids->elements[0].val_uint64 = 7;
+    zn_value_t idsValue{};
+    idsValue.ptr_array = ids;
+    RMReplyAttr nodeIds{kNiNodeIDs, zn::OwnedValue(ZN_UINT64_ARRAY, idsValue)};
+    RMReply s = set(kCls, d.newHandle,
+                    attrs(std::move(nodeIds), str(kNiIPAddress, "10.0.0.2"), u32(kNiVariety, 3)));
+    std::map<int, int> result;  // attribute id -> error id
+    for (const RMReplyItem& item : s.items) {
+        result[item.id] = errorId(item.error);
+    }
+    EXPECT_EQ((std::map<int, int>{{kNiVariety, tarn_rmf::RM_EREADONLYATTR},  // 0x32
+                                  {kNiIPAddress, 0},                          // 0x07
+                                  {kNiNodeIDs, tarn_rmf::RM_EREADONLYATTR}}),  // 0x2A
+              result);
+    EXPECT_EQ((std::multiset<Iface>{{"node", 1, "10.0.0.2"}}), all());
 }
 
 TEST_F(NetifTest, UpdateResourcesFollowsEachKindOfNodeChange) {
