@@ -62,9 +62,12 @@ public:
     int setPingTimeOut(int ms);
 
     // One poll: runs the program once over the list file and updates every
-    // entry. Returns a new list of the names whose status changed, in list
-    // order, which the caller frees with freestrlst; null when nothing changed
-    // or the list is empty (then nothing runs).
+    // entry. After exit status 0, 1 or 2 a host named by a line of the report
+    // (see FpingReport.h) is unreachable and any other reachable; a missing
+    // program, any other status, a run past the deadline or above the output
+    // ceiling make every host unknown. Returns a new list of the names whose
+    // status changed, in list order, which the caller frees with freestrlst;
+    // null when nothing changed or the list is empty (then nothing runs).
     strent* updateStatusAndRetChanges();
 
     // The command line a poll runs now, paths resolved: program, two blanks,
