@@ -52,16 +52,25 @@ void append(char*& buf, uint32_t& capacity, uint32_t& length, const char* bytes,
 }
 
 // A malloc'ed copy of a captured text, stored only when there is one.
-void handOver(const char* text, uint32_t length, char** to) {
+// Returns how many bytes were handed over.
+uint32_t handOver(const char* text, uint32_t length, char** to) {
     if (text == nullptr || to == nullptr) {
-        return;
+        return 0;
     }
     auto* copy = static_cast<char*>(std::malloc(uint64_t{length} + 1));
-    if (copy != nullptr) {
-        std::memcpy(copy, text, length + 1);
-        *to = copy;
+    if (copy == nullptr) {
+        return 0;
     }
+    std::memcpy(copy, text, length + 1);
+    *to = copy;
+    return length;
 }
+
+// Thrown from outputCapture to have the runner stop a command that wrote too much.
+class OutputLimitExceeded : public tarn_base::CException {
+public:
+    OutputLimitExceeded() : CException("CmdExec: the command wrote more than its output limit") {}
+};
 
 }  // namespace
 
@@ -75,6 +84,9 @@ CmdExec::~CmdExec() {
 int CmdExec::Execute(const char* cmdline, char* const* argv, unsigned int flags, char** out,
                      char** err) {
     int status = 0;
+    m_outputLimitHit = false;
+    m_lastStdoutLen = 0;
+    m_lastStderrLen = 0;
     try {
         runUserCommandWait(cmdline, argv, "root", &status, flags);
     } catch (...) {
@@ -82,8 +94,8 @@ int CmdExec::Execute(const char* cmdline, char* const* argv, unsigned int flags,
         freeStderr();
         return status;
     }
-    handOver(m_stdout, m_stdoutLen, out);
-    handOver(m_stderr, m_stderrLen, err);
+    m_lastStdoutLen = handOver(m_stdout, m_stdoutLen, out);
+    m_lastStderrLen = handOver(m_stderr, m_stderrLen, err);
     freeStdout();
     freeStderr();
     return status;
@@ -91,6 +103,12 @@ int CmdExec::Execute(const char* cmdline, char* const* argv, unsigned int flags,
 
 void CmdExec::outputCapture(const char* out, unsigned int outCount, const char* err,
                             unsigned int errCount) {
+    // Checked before anything grows, so a run never holds more than the ceiling.
+    if (m_outputLimit != 0 &&
+        uint64_t{m_stdoutLen} + m_stderrLen + outCount + errCount > m_outputLimit) {
+        m_outputLimitHit = true;
+        throw OutputLimitExceeded();
+    }
     append(m_stdout, m_stdoutSize, m_stdoutLen, out, outCount, false);
     append(m_stderr, m_stderrSize, m_stderrLen, err, errCount, true);
 }

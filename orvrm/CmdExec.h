@@ -8,7 +8,7 @@
 #include "tarn_base/CCommand.h"
 
 class CmdExec : public tarn_base::CCommand {
-  public:
+public:
     // The chunk size given to the command runner; every user takes this one.
     static constexpr unsigned int kBufferSize = 2048;
 
@@ -34,6 +34,19 @@ class CmdExec : public tarn_base::CCommand {
     void freeStdout();
     void freeStderr();
 
+    // An optional ceiling on what one run may write, both streams together: a
+    // chunk that would take the captured bytes above it stops the command (its
+    // process group is killed), Execute returns as for a failed capture, and
+    // outputLimitHit() tells. 0, the default, means no ceiling.
+    void setOutputLimit(uint64_t bytes) { m_outputLimit = bytes; }
+    uint64_t outputLimit() const { return m_outputLimit; }
+    bool outputLimitHit() const { return m_outputLimitHit; }
+
+    // How many bytes the last Execute handed over on each stream: the texts may
+    // hold NUL bytes of their own, so their ends are not always where strlen says.
+    uint32_t lastStdoutLength() const { return m_lastStdoutLen; }
+    uint32_t lastStderrLength() const { return m_lastStderrLen; }
+
     const char* stdoutText() const { return m_stdout; }
     uint32_t stdoutCapacity() const { return m_stdoutSize; }
     uint32_t stdoutLength() const { return m_stdoutLen; }
@@ -41,11 +54,15 @@ class CmdExec : public tarn_base::CCommand {
     uint32_t stderrCapacity() const { return m_stderrSize; }
     uint32_t stderrLength() const { return m_stderrLen; }
 
-  private:
+private:
     char* m_stdout = nullptr;  // NUL-terminated while non-empty
     uint32_t m_stdoutSize = 0;
     uint32_t m_stdoutLen = 0;
     char* m_stderr = nullptr;  // allocated one byte beyond m_stderrSize
     uint32_t m_stderrSize = 0;
     uint32_t m_stderrLen = 0;
+    uint64_t m_outputLimit = 0;
+    bool m_outputLimitHit = false;
+    uint32_t m_lastStdoutLen = 0;
+    uint32_t m_lastStderrLen = 0;
 };

@@ -204,4 +204,66 @@ TEST_F(CmdExecTest, MissingProgramAndDeadline) {
     EXPECT_EQ(e, nullptr);
 }
 
+TEST_F(CmdExecTest, OutputLimitStopsACommandThatWritesTooMuch) {
+    struct Case {
+        const char* name;
+        std::string body;
+        uint64_t limit;
+        bool hit;
+        std::string out;  // when not hit
+    };
+    const Case cases[] = {
+        {"stdout flood", "exec yes", 4096, true, ""},
+        {"stderr flood", "exec yes >&2", 4096, true, ""},
+        {"both streams count together", "printf %02048d 0; printf %02049d 0 >&2", 4096, true, ""},
+        {"exactly the limit", "printf %04096d 0", 4096, false, std::string(4096, '0')},
+        {"no limit by default", "printf %0200000d 0", 0, false, std::string(200000, '0')},
+    };
+    for (const Case& c : cases) {
+        CmdExec exec;
+        exec.setOutputLimit(c.limit);
+        EXPECT_EQ(exec.outputLimit(), c.limit);
+        int status = execute(exec, script("s", c.body));
+        EXPECT_EQ(exec.outputLimitHit(), c.hit) << c.name;
+        EXPECT_EQ(exec.stdoutText(), nullptr) << c.name;
+        EXPECT_EQ(exec.stderrText(), nullptr) << c.name;
+        if (c.hit) {
+            // Output is dropped as for any failed capture; a flood is killed.
+            EXPECT_EQ(out(), "(null)") << c.name;
+            EXPECT_EQ(err(), "(null)") << c.name;
+            if (c.body.rfind("exec yes", 0) == 0) {
+                EXPECT_EQ(status, 128 + SIGKILL) << c.name;
+            }
+        } else {
+            EXPECT_EQ(status, 0) << c.name;
+            EXPECT_EQ(out(), c.out) << c.name;
+            EXPECT_EQ(exec.lastStdoutLength(), c.out.size()) << c.name;
+        }
+        free(out_);
+        free(err_);
+        out_ = err_ = nullptr;
+        // The next run starts afresh.
+        exec.setOutputLimit(0);
+        EXPECT_EQ(execute(exec, "true"), 0);
+        EXPECT_FALSE(exec.outputLimitHit()) << c.name;
+    }
+}
+
+TEST_F(CmdExecTest, LengthsOfTheLastRunCountBytesPastANul) {
+    CmdExec exec;
+    EXPECT_EQ(execute(exec, script("nul", "printf 'a\\000b'; printf 'cd\\000' >&2")), 0);
+    ASSERT_NE(out_, nullptr);
+    ASSERT_NE(err_, nullptr);
+    EXPECT_EQ(exec.lastStdoutLength(), 3U);
+    EXPECT_EQ(exec.lastStderrLength(), 3U);
+    EXPECT_EQ(std::string(out_, 3), std::string("a\0b", 3));
+    EXPECT_EQ(std::string(err_, 3), std::string("cd\0", 3));
+    free(out_);
+    free(err_);
+    out_ = err_ = nullptr;
+    EXPECT_EQ(execute(exec, "true"), 0);
+    EXPECT_EQ(exec.lastStdoutLength(), 0U);
+    EXPECT_EQ(exec.lastStderrLength(), 0U);
+}
+
 }  // namespace
