@@ -4,6 +4,7 @@
 
 #include "orvrm/ORVRMRmcp.h"
 #include "orvrm/PlaceholderRccp.h"
+#include "orvrm/managednode/ManagedNodeRccp.h"
 #include "orvrm/netif/MNNetworkInterfaceRccp.h"
 #include "orvrm/orvctrl/OrvCtrlRccp.h"
 
@@ -27,7 +28,7 @@ const std::array<ClassEntry, 5>& classList() {
         {kOrvCtrlClass, make<OrvCtrlRccp>, 1, "new OrvCtrl"},
         {kNodeAuthenticateClass, placeholder, 2, "new NodeAuthenticate"},
         {kNetworkInterfaceClass, make<MNNetworkInterfaceRccp>, 3, "new MNNetworkIface"},
-        {kManagedNodeClass, placeholder, 4, "new ManagedNode"},
+        {kManagedNodeClass, make<ManagedNodeRccp>, 4, "new ManagedNode"},
         {kNodeGroupClass, placeholder, 5, "new NodeGroup"},
     }};
     return list;

@@ -2,87 +2,12 @@
 // znpexd and orvrmd under one state root, the znpex command line against
 // them. Refusals carry the catalogue's message and a non-zero exit status;
 // an acknowledged change survives kill -9 of the daemon.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/wait.h>
-
-#include <filesystem>
-#include <fstream>
-
-#include "platform/paths.h"
-#include "tests/support/Subprocess.h"
-#include "tests/support/TempDir.h"
+#include "tests/orvrm/DaemonsFixture.h"
 
 namespace {
 
-using testsupport::readFile;
-using testsupport::Subprocess;
-using testsupport::waitFor;
-
-struct CliRun {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
-class Daemons : public ::testing::Test {
-protected:
-    void SetUp() override {
-        std::string acl = root_ / "usr/sbin/tarn/cfg/znpex.acls";
-        std::filesystem::create_directories(std::filesystem::path(acl).parent_path());
-        std::ifstream shipped(std::string(ORVRM_SOURCE_DIR) + "/etc/znpex.acls");
-        std::ofstream(acl) << shipped.rdbuf();
-        service_ = std::make_unique<Subprocess>(
-            testsupport::binPath("znpex/server/znpexd"),
-            std::vector<std::string>{"--state-root", root_.path(), "--no-tcp"},
-            std::vector<std::string>{}, root_ / "znpexd.stderr");
-        ASSERT_TRUE(
-            waitFor([&] { return std::filesystem::exists(root_.path() + zn::paths::kPexSocket); }));
-        startDaemon();
-    }
-    void startDaemon() {
-        daemon_ = std::make_unique<Subprocess>(
-            testsupport::binPath("orvrm/orvrmd"), std::vector<std::string>{},
-            std::vector<std::string>{"ZN_ROOT=" + root_.path()}, root_ / "orvrmd.stderr");
-        // Ready when the service lists the class as connected.
-        ASSERT_TRUE(waitFor([&] {
-            CliRun r = cli({"-o", "json", "classes"});
-            return r.status == 0 && r.out.find("\"connected\": true") != std::string::npos;
-        })) << readFile(root_ / "orvrmd.stderr");
-    }
-    CliRun cli(std::vector<std::string> args) {
-        args.insert(args.begin(), testsupport::binPath("znpex/cli/znpex"));
-        std::vector<char*> argv;
-        for (auto& a : args) {
-            argv.push_back(a.data());
-        }
-        argv.push_back(nullptr);
-        std::string out = root_ / "cli.out";
-        std::string err = root_ / "cli.err";
-        posix_spawn_file_actions_t fa;
-        posix_spawn_file_actions_init(&fa);
-        posix_spawn_file_actions_addopen(&fa, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        posix_spawn_file_actions_addopen(&fa, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        std::string env = "ZN_ROOT=" + root_.path();
-        char* envp[] = {env.data(), nullptr};
-        pid_t pid = -1;
-        CliRun r;
-        if (posix_spawn(&pid, argv[0], &fa, nullptr, argv.data(), envp) == 0) {
-            int status = 0;
-            waitpid(pid, &status, 0);
-            r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        }
-        posix_spawn_file_actions_destroy(&fa);
-        r.out = readFile(out);
-        r.err = readFile(err);
-        return r;
-    }
-
-    testsupport::TempDir root_;
-    std::unique_ptr<Subprocess> service_;
-    std::unique_ptr<Subprocess> daemon_;
-};
+using daemonstest::CliRun;
+using daemonstest::Daemons;
 
 TEST_F(Daemons, DomainSettingsAreListedCheckedAndApplied) {
     CliRun list = cli({"list", "Kor.OrvCtrl", "-a", "Frequency,Sensitivity,RemoteShell"});

@@ -1,0 +1,167 @@
+// The class control point of "Kor.ManagedNode": the nodes this server
+// manages, one resource per row of "/Kor/ManagedNode/Resources". It defines
+// and undefines nodes and keeps their companions in step (the node's network
+// interfaces, the node groups, the reachability poller), answers the other
+// classes' lookups by host name, universal id and selection, records the
+// management mode, and runs the reachability poll "NodeStatusUpdate" at the
+// domain's heartbeat frequency.
+//
+// Locks: the class lock is taken before a node's own lock, never after.
+// Lookups (hostnameExists, getRcpByHostname, ...) take neither: the other
+// classes call them while holding their own class locks. Lookups of one node
+// use the table's hash indexes on Hostname and UniversalId, whatever the size.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "orvrm/FpingClass.h"
+#include "orvrm/HeartbeatTargets.h"
+#include "orvrm/OrvTableRccp.h"
+#include "orvrm/strent.h"
+#include "tarn_rmf2v/RMSchedule.h"
+
+class ORVRMRmcp;
+
+namespace orvrm {
+
+class ManagedNodeRcp;
+class MNNetworkInterfaceRccp;
+class NodeGroupHooks;
+class OrvCtrlRccp;
+
+class ManagedNodeRccp : public OrvTableRccp, public NodeHeartbeatTarget {
+public:
+    ManagedNodeRccp(char* className, rm_object_type type, ORVRMRmcp* rmcp);
+    ~ManagedNodeRccp() override;
+
+    // Defines a node from the request's values (the class lock is taken).
+    // Returns a new copy of its handle (the caller frees it), or null with
+    // *err set (the caller owns it).
+    zn_resource_handle* createResource(zn_structured_data* options, rm_attribute_value* values,
+                                       unsigned int count, cu_error_t** err);
+    // Node authentication's way in: the node found by hostExists gets the
+    // values (updateAttributeValues), else a node is defined with them.
+    // 0, or -1 with *err set.
+    int createOrUpdateResource(const char* hostname, uint64_t universalId,
+                               rm_attribute_value* values, unsigned int count, cu_error_t** err);
+    // The same; returns this server's node id, or 0 with *err set.
+    uint64_t createOrUpdateResourceRetNodeId(const char* hostname, uint64_t universalId,
+                                             rm_attribute_value* values, unsigned int count,
+                                             cu_error_t** err);
+    // Undefines one node with its whole cascade (the class lock is taken).
+    // Null, or the error (the caller owns it).
+    using RMTableRccp::removeResource;
+    cu_error_t* removeResource(zn_resource_handle handle, unsigned int flags);
+    // The node's management request succeeded: its mode becomes "Managed".
+    void reqNodeMgmtSuccCB(const char* hostname);
+
+    // Reserved lookups: the caller ends the reservation with unreserve().
+    ManagedNodeRcp* getRcpByHostname(const char* hostname);
+    ManagedNodeRcp* getRcpByUniversalId(uint64_t universalId);
+    ManagedNodeRcp* getFirstRcpMatchSlctStr(const char* selectString);
+    // 1 when a node has it, 0 when none, -1 with *err set on a table error.
+    int hostnameExists(const char* hostname, cu_error_t** err);
+    int universalIdExists(uint64_t universalId, cu_error_t** err);
+    int mNodeExists(const char* hostname, cu_error_t** err);
+    // The node a request names by host name and universal id, reserved, or
+    // null: by id when a node has it (its host name is then updated by the
+    // caller), else by host name. When the node with the id has another host
+    // name and a different node has this one: null with error 268 (message 33).
+    ManagedNodeRcp* hostExists(const char* hostname, uint64_t universalId, cu_error_t** err);
+    // Host names of the nodes a selection string picks, in table order.
+    // Throws RMTableError for a selection that does not hold.
+    std::vector<std::string> selectStrMembers(const char* selectString);
+
+    // Whether a node may ask to be managed: 2 when the node exists and its
+    // AllowManageRequest is 1, 1 when it exists without it, 0 when no node
+    // is found, 127 with *err set when the lookup fails.
+    int isAllowMngReq(const char* hostname, uint64_t universalId, cu_error_t** err);
+    // 1 when the node exists and its status messages are logged (ControlFlag
+    // bit kControlStatusLogs), else 0.
+    int isAllowStatusLogs(const char* hostname);
+    // Clear the node's AllowManageRequest / status-log flag and tell the node groups.
+    void resetAllowManageReqAttr(const char* hostname);
+    void stopStatusLogging(const char* hostname);
+    static constexpr uint32_t kControlStatusLogs = 0x1;
+
+    // Host names of the nodes in table order (all, or only the minimally
+    // managed ones); *out is a new list the caller frees (null when none).
+    // Throws RMOperError when memory runs out.
+    void readHostList(strent** out, unsigned int minManagedOnly);
+    // Reports "Status" of each named node to the clients that monitor it.
+    void sendStatusChanges(strent* hosts);
+    // A node's heartbeat report (node id = its universal id; 0 is ignored).
+    void pexHearbeatMsgCB(uint64_t nodeId, int heartbeat) override;
+    // A heartbeat by host name; the caller holds the class lock.
+    void setHeartbeat(const char* hostname, unsigned int heartbeat);
+    void setPowerStatus(const char* hostname, unsigned int powerStatus);
+    // One reachability poll, then the next one scheduled a heartbeat
+    // frequency later (read anew each time).
+    static void nodeStatusUpdate(void* rccp);
+
+    // Writes the resource table back "RegSyncDelay" seconds from now.
+    void scheduleTableSync();
+    static void tableSync(void* rccp);
+
+    FpingClass& poller() { return *poller_; }
+    tarn_rmf2v::RMSchedule& statusSchedule() { return *statusSchedule_; }
+    tarn_rmf2v::RMSchedule& syncSchedule() { return *syncSchedule_; }
+
+    void defineResource(tarn_rmf2v::RMDefineResourceResponse* rsp, zn_structured_data* options,
+                        rm_attribute_value* values, unsigned int count) override;
+    void undefineResources(tarn_rmf2v::RMUndefineResourcesResponse* rsp,
+                           zn_structured_data* options, zn_resource_handle* handles,
+                           unsigned int count) override;
+    virtual void coordinatorElected(tarn_rmf2v::RMSimpleResponse* rsp);
+
+    // The classes this one keeps in step; null while absent.
+    MNNetworkInterfaceRccp* interfaces();
+    NodeGroupHooks* nodeGroups();
+    OrvCtrlRccp* domainControl();
+
+protected:
+    tarn_rmf2v::RMTableRcp* makeRcp(const zn_resource_handle& handle,
+                                    unsigned int variety) override;
+    cu_error_t* checkDefineValue(const tarn_rmf2v::RMAttrSpec& attr,
+                                 const rm_attribute_value& value) override;
+    cu_error_t* checkDefineRow(DefineRow& row) override;
+
+private:
+    // Undefines one node (class lock held): interfaces first, so that a
+    // crash part way leaves a whole node for the start-up check to keep.
+    cu_error_t* undefineOne(ManagedNodeRcp* rcp);
+    // One interface per address of a node that has a host name and a
+    // universal id, with a peer message after each.
+    void createInterfaces(const char* hostname, uint64_t universalId, const zn_array* addresses);
+    // Makes the node and interface tables agree after a crash between their
+    // commits: interfaces a node no longer has go, missing ones are made.
+    void reconcileInterfaces();
+    // One reserved node for a parametrised selection, or null.
+    ManagedNodeRcp* reserveFirst(const char* selection, const tarn_rmf::RMSelParams* params);
+    int exists(const char* selection, const tarn_rmf::RMSelParams& params, cu_error_t** err,
+               const char* op);
+    void scheduleStatusUpdate();
+
+    std::unique_ptr<FpingClass> poller_;
+    // The status schedule runs the poll; the sync schedule the write-back
+    // (each cancels by its own argument).
+    std::unique_ptr<tarn_rmf2v::RMSchedule> statusSchedule_;
+    std::unique_ptr<tarn_rmf2v::RMSchedule> syncSchedule_;
+    // What the define in progress accepted (borrowed from its request; the
+    // class lock is held from the walk to the cascade).
+    struct DefineFacts {
+        const char* hostname = nullptr;
+        uint64_t universalId = 0;
+        const zn_array* addresses = nullptr;
+        // The last of ManagementServer..Mode given: the define examines it
+        // for the minimal mode, whichever of the seven it was.
+        const char* modeToExamine = nullptr;
+        bool hasPartition = false;  // LParID, HWModel and HWSerialNum all given
+    };
+    DefineFacts facts_;
+};
+
+}  // namespace orvrm
