@@ -27,6 +27,17 @@ class ORVRMRmcp;
 
 namespace orvrm {
 
+// Two nodes serving one storage facility image, and their peer-domain states.
+struct PeerDomainInfo {
+    char* imageId = nullptr;     // the name a new domain gets
+    char* domainName = nullptr;  // of an existing domain, or null
+    char* host1 = nullptr;       // the node asked for
+    int status1 = 0;
+    char* host2 = nullptr;  // its partner
+    int status2 = 0;
+};
+void freePeerDomainInfo(PeerDomainInfo* info);
+
 class ManagedNodeRcp;
 class MNNetworkInterfaceRccp;
 class NodeGroupHooks;
@@ -101,6 +112,15 @@ public:
     // One reachability poll, then the next one scheduled a heartbeat
     // frequency later (read anew each time).
     static void nodeStatusUpdate(void* rccp);
+
+    // Pairs the node with this universal id and the node serving the same
+    // storage facility image into a two-node peer domain, as their statuses
+    // require. The result of the last operation run (0 or -1), or -1 when
+    // the pair or their statuses could not be had.
+    int setupPeerDomain(uint64_t nodeId);
+    // Finds the pair and asks each for its peer-domain status; *out is
+    // always a new record (freePeerDomainInfo). 0, or -1.
+    int getPeerNodeData(uint64_t nodeId, PeerDomainInfo** out);
 
     // Writes the resource table back "RegSyncDelay" seconds from now.
     void scheduleTableSync();

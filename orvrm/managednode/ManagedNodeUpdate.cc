@@ -1,17 +1,22 @@
 // Changing a node: the checks of a change, the one write of its row, the
 // cascade to the node's companions and the reports to watching clients; the
 // set request and the node's action.
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <set>
 #include <string>
 
+#include "common/HostNames.h"
+#include "common/NameList.h"
 #include "orvrm/NodeGroupHooks.h"
+#include "orvrm/NodePEXIface.h"
 #include "orvrm/ORVRMLog.h"
 #include "orvrm/managednode/ManagedNodeRccp.h"
 #include "orvrm/managednode/ManagedNodeRcp.h"
 #include "orvrm/managednode/ManagedNodeSpec.h"
 #include "orvrm/netif/MNNetworkInterfaceRccp.h"
+#include "orvrm/orvctrl/OrvCtrlRccp.h"
 #include "tarn_rmf/RMCommonErrors.h"
 #include "tarn_rmf2v/RMLocks.h"
 
@@ -24,6 +29,75 @@ cu_error_t* common(int id, const char* a, const char* b = nullptr) {
     cu_error_t* e = nullptr;
     tarn_rmf::RMPkgCommonError(id, nullptr, &e, a, b);
     return e;
+}
+
+// The names by which the node may know this server: the names it reaches
+// this server by, then this server's primary names.
+std::vector<std::string> namesOfThisServer(char* nodeHost) {
+    std::vector<std::string> out;
+    auto add = [&out](const zn_array* list) {
+        for (uint32_t i = 0; list != nullptr && i < list->array_cnt; ++i) {
+            const char* n = list->elements[i].ptr_char;
+            if (n != nullptr && std::find(out.begin(), out.end(), n) == out.end()) {
+                out.emplace_back(n);
+            }
+        }
+    };
+    zn_array* names = nullptr;
+    if (nodeHost != nullptr) {
+        int rc = WEX_COMMON::fetchConnectivityNames(nodeHost, &names,
+                                                    WEX_COMMON::kConnectivityHostNames);
+        if (rc != 0) {
+            orvrminfo_trace("reqNodeMgmt::fetchConnectivityNames rc=%d", rc);
+        }
+        add(names);
+        std::free(names);  // one allocation
+    }
+    names = nullptr;
+    int rc = WEX_COMMON::fetchLocalHostPrimaryHostnames(&names, 0);
+    if (rc != 0) {
+        orvrminfo_trace("syncData::fetchLocalHostPrimaryHostnames rc=%d", rc);
+    }
+    add(names);
+    std::free(names);
+    return out;
+}
+
+// The domain's identity as the node is told it: machine type-model and serial.
+zn::SdPtr domainIdentity(OrvCtrlRccp* settings) {
+    zn::SdPtr sd(zn_sd_new(2));
+    if (!sd) {
+        return sd;
+    }
+    char* tm = settings != nullptr ? settings->getClusterTM() : nullptr;
+    char* sn = settings != nullptr ? settings->getClusterSNum() : nullptr;
+    sd->elements[0].data_type = ZN_CHAR_PTR;
+    sd->elements[0].value.ptr_char = tm != nullptr ? tm : strdup("");
+    sd->elements[1].data_type = ZN_CHAR_PTR;
+    sd->elements[1].value.ptr_char = sn != nullptr ? sn : strdup("");
+    return sd;
+}
+
+// What syncData applied: a count, then (attribute id, value) pairs.
+zn::SdPtr syncResult(const std::vector<rm_attribute_value>& applied) {
+    zn::SdPtr sd(zn_sd_new(static_cast<uint32_t>(1 + 2 * applied.size())));
+    if (!sd) {
+        throw std::bad_alloc();
+    }
+    sd->elements[0].data_type = ZN_UINT32;
+    sd->elements[0].value.val_uint32 = static_cast<uint32_t>(applied.size());
+    for (size_t i = 0; i < applied.size(); ++i) {
+        zn_structured_data_element_t& id = sd->elements[1 + 2 * i];
+        id.data_type = ZN_INT32;
+        id.value.val_int32 = applied[i].rm_attribute_id;
+        zn_structured_data_element_t& v = sd->elements[2 + 2 * i];
+        v.data_type = applied[i].rm_data_type;
+        if (!zn_value_dup(v.data_type, applied[i].rm_value, v.value)) {
+            v.data_type = ZN_UNKNOWN;
+            throw std::bad_alloc();
+        }
+    }
+    return sd;
 }
 
 std::string textOf(const zn::OwnedValue& v) {
@@ -271,15 +345,66 @@ void ManagedNodeRcp::invokeAction(tarn_rmf2v::RMActionResponse* rsp, int actionI
 }
 
 void ManagedNodeRcp::syncData(tarn_rmf2v::RMActionResponse* rsp, zn_structured_data* input) {
-    tarn_rmf2v::lockRcp guard(this);
     if (input == nullptr || input->element_count != 1) {
         zn::ErrorPtr err(pkg_error(266, 50, "syncData", 0));
         rsp->done(err.get());
         return;
     }
-    // The exchange with the node needs the client of the other managers,
-    // which this daemon does not have yet.
-    zn::ErrorPtr err(pkg_common_error(tarn_rmf::RM_ENOTSUPPORTED, "syncData", 0, "syncData"));
+    std::vector<std::string> serverNames;
+    std::string primary;
+    {
+        tarn_rmf2v::lockRcp guard(this);
+        char* host = getHostName();
+        NodePEXIface iface;
+        char* p = iface.getPrimaryHostname(host);
+        primary = p != nullptr ? p : "";
+        std::free(p);
+        serverNames = namesOfThisServer(host);
+        std::free(host);
+    }
+    // The record on the node names this server by one of its names: ask
+    // under each until one answers. No lock is held while the node is asked.
+    NodePEXIface iface;
+    zn::SdPtr identity = domainIdentity(nodeRccp()->domainControl());
+    rm_attribute_value* entries = nullptr;
+    unsigned int count = 0;
+    zn::ErrorPtr err;
+    for (const std::string& name : serverNames) {
+        cu_error_t* e = nullptr;
+        entries = iface.syncNodeData(primary.c_str(), name.c_str(), identity.get(), &count, &e);
+        err.reset(e);
+        if (entries != nullptr) {
+            break;
+        }
+    }
+    if (entries == nullptr) {
+        if (!err) {
+            err.reset(pkg_error(267, 57, "syncData", 0));
+        }
+        rsp->done(err.get());
+        return;
+    }
+    // What the node may not change here is left out: kept attributes and
+    // values that are not of their column's type.
+    std::vector<rm_attribute_value> applied;
+    for (unsigned int i = 0; i < count; ++i) {
+        const tarn_rmf2v::RMAttrSpec* a = spec().persistent.byId(entries[i].rm_attribute_id);
+        if (a != nullptr && !a->readOnly() && a->type == entries[i].rm_data_type &&
+            (a->type != ZN_CHAR_PTR || entries[i].rm_value.ptr_char != nullptr)) {
+            applied.push_back(entries[i]);
+        }
+    }
+    cu_error_t* failed = nullptr;
+    {
+        tarn_rmf2v::lockRccp classGuard(getRccp());
+        updateAttributeValues(applied.data(), static_cast<unsigned int>(applied.size()), &failed);
+    }
+    err.reset(failed);
+    if (!err) {
+        zn::SdPtr result = syncResult(applied);
+        rsp->returnData(result.get());
+    }
+    NodePEXIface::freeSyncData(entries, count);
     rsp->done(err.get());
 }
 

@@ -112,6 +112,22 @@ TEST(ClientContact, ParsesHostsPortsAndBrackets) {
     std::string why;
     ASSERT_TRUE(client::parseContact("[::1]:800", v6, &why));
     EXPECT_EQ(v6.text(), "[::1]:800");
+    // The environment may name the port of every host that gives none.
+    struct Env {
+        const char* value;
+        int port;
+    };
+    for (const Env& e :
+         {Env{"7001", 7001}, Env{"0", PX_DEFAULT_PORT}, Env{"70000", PX_DEFAULT_PORT},
+          Env{"12ab", PX_DEFAULT_PORT}, Env{"", PX_DEFAULT_PORT}}) {
+        setenv("ZNPEX_PORT", e.value, 1);
+        client::Contact c;
+        ASSERT_TRUE(client::parseContact("127.0.0.2", c, &why));
+        EXPECT_EQ(c.port, e.port) << e.value;
+        ASSERT_TRUE(client::parseContact("127.0.0.2:9", c, &why));
+        EXPECT_EQ(c.port, 9) << "a port given wins";
+    }
+    unsetenv("ZNPEX_PORT");
 }
 
 class TcpClientTest : public ClientTest {

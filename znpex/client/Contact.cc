@@ -3,6 +3,8 @@
 #include <strings.h>
 
 #include <charconv>
+#include <cstdlib>
+#include <cstring>
 
 #include "platform/paths.h"
 #include "znpex/client/px_client.h"
@@ -15,6 +17,21 @@ std::string Contact::text() const {
     }
     bool v6 = host.find(':') != std::string::npos;
     return (v6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
+}
+
+uint16_t defaultPort() {
+    // The port every host's service listens on, unless the environment names
+    // another (as scripts/run and the tests' hosts do); a value that is not a
+    // port is ignored.
+    const char* env = std::getenv("ZNPEX_PORT");
+    unsigned value = 0;
+    if (env != nullptr && *env != '\0') {
+        auto r = std::from_chars(env, env + std::strlen(env), value);
+        if (r.ec == std::errc() && *r.ptr == '\0' && value > 0 && value <= 65535) {
+            return static_cast<uint16_t>(value);
+        }
+    }
+    return PX_DEFAULT_PORT;
 }
 
 bool parseContact(const char* text, Contact& out, std::string* why) {
@@ -51,7 +68,7 @@ bool parseContact(const char* text, Contact& out, std::string* why) {
         *why = "no host name in \"" + s + "\"";
         return false;
     }
-    unsigned value = PX_DEFAULT_PORT;
+    unsigned value = defaultPort();
     if (!port.empty() || s.back() == ':') {
         auto r = std::from_chars(port.data(), port.data() + port.size(), value);
         if (port.empty() || r.ec != std::errc() || r.ptr != port.data() + port.size() ||

@@ -16,6 +16,10 @@ struct Contact {
     std::string text() const;
 };
 
+// The TCP port of a contact that names none: ZNPEX_PORT from the
+// environment when it holds a port, else PX_DEFAULT_PORT.
+uint16_t defaultPort();
+
 // null or "localhost" (any letter case): the local socket. Returns false and
 // says why for an empty host, a bad port or unbalanced brackets.
 bool parseContact(const char* text, Contact& out, std::string* why);
