@@ -1,11 +1,14 @@
 // The daemons as an administrator runs them: znpexd and orvrmd under one
 // state root (exported as ZN_ROOT, so in-process clients find the service
-// too), and the znpex command line run against them as a child process.
+// too), and the znpex command line run against them as a child process, to
+// its end or left running (watch). Nodes can be made to answer the
+// reachability poll, polled every second.
 #pragma once
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <filesystem>
@@ -81,6 +84,38 @@ protected:
         r.out = readFile(out);
         r.err = readFile(err);
         return r;
+    }
+
+    // Every node answers the reachability poll (a scripted fping under the
+    // root that reports nobody unreachable), and the poll runs every second:
+    // the domain's frequency is set to 1 and the daemon restarted, so that
+    // its first poll already follows it.
+    void reachableNodesPolledEverySecond() {
+        std::string fping = zn::paths::resolve(zn::paths::kFping);
+        std::filesystem::create_directories(std::filesystem::path(fping).parent_path());
+        std::ofstream(fping) << "#!/bin/sh\nexit 0\n";
+        ::chmod(fping.c_str(), 0755);
+        CliRun set = cli({"set", "Kor.OrvCtrl", "-s", "*", "Frequency=1"});
+        ASSERT_EQ(set.status, 0) << set.err;
+        daemon_->signal(SIGTERM);
+        ASSERT_NE(daemon_->wait(), -1);
+        startDaemon();
+    }
+    // znpex with `args` left running, its standard output in the file `out`
+    // under the root and its errors beside it (`out`.err).
+    std::unique_ptr<Subprocess> cliInBackground(const std::vector<std::string>& args,
+                                                const std::string& out) {
+        std::string cmd = "exec '" + testsupport::binPath("znpex/cli/znpex") + "'";
+        for (const auto& a : args) {
+            std::string quoted;
+            for (char c : a) {
+                quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+            }
+            cmd += " '" + quoted + "'";
+        }
+        cmd += " > '" + (root_ / out) + "'";
+        return std::make_unique<Subprocess>("/bin/sh", std::vector<std::string>{"-c", cmd},
+                                            std::vector<std::string>{}, root_ / (out + ".err"));
     }
 
     testsupport::TempDir root_{/*asRoot=*/true};

@@ -1,6 +1,7 @@
 // The command line: options and subcommands (CLI11), then the command.
 #include <CLI/CLI.hpp>
 
+#include "znpex/cli/BulkDefine.h"
 #include "znpex/cli/Commands.h"
 
 namespace znpex::cli {
@@ -46,7 +47,8 @@ void addGlobalOptionsBelow(CLI::App* app, GlobalOptions& g) {
 
 }  // namespace
 
-int runCli(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
+int runCli(int argc, const char* const* argv, std::ostream& out, std::ostream& err,
+           bool errIsTerminal) {
     CLI::App app{"znpex: talk to the monitoring service (classes, resources, actions)", "znpex"};
     GlobalOptions g;
     addGlobalOptions(&app, g, "Options");
@@ -67,12 +69,28 @@ int runCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
     listCmd->add_flag("--dynamic", list.dynamic, "Without -a: show the dynamic attributes too");
 
     ChangeArgs define;
-    auto* defineCmd = app.add_subcommand("define", "Define a resource");
+    BulkDefineArgs bulk;
+    bulk.progress = errIsTerminal;
+    auto* defineCmd =
+        app.add_subcommand("define", "Define a resource, or one per row of a file (--file)");
     defineCmd->add_option("class", define.className, "Resource class")->required();
     defineCmd->add_option("assignments", define.assignments, "attr=value, typed by the class");
     defineCmd->add_option("--option", define.options, "Define option TYPE:VALUE; may repeat")
         ->allow_extra_args(false)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    auto* fileOpt = defineCmd
+                        ->add_option("--file", bulk.file,
+                                     "Define one resource per row of FILE (CSV or JSON lines); "
+                                     "refused rows are reported "
+                                     "with their line, the others stay defined")
+                        ->type_name("FILE");
+    defineCmd
+        ->add_option("--jobs", bulk.jobs,
+                     "With --file: requests in flight at once (1: one at a time)")
+        ->check(CLI::Range(1, kMaxBulkJobs))
+        ->capture_default_str()
+        ->needs(fileOpt);
+    defineCmd->footer(kBulkFileHelp);
 
     ChangeArgs set;
     auto* setCmd = app.add_subcommand("set", "Change attributes of resources or of the class");
@@ -148,6 +166,13 @@ int runCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
     }
     if (listCmd->parsed()) {
         return cmdList(cli, list);
+    }
+    if (defineCmd->parsed() && !bulk.file.empty()) {
+        if (!define.assignments.empty() || !define.options.empty()) {
+            return cli.usage("give the attributes either as attr=value or in --file, not both");
+        }
+        bulk.className = define.className;
+        return cmdDefineFile(cli, bulk);
     }
     if (defineCmd->parsed()) {
         return cmdDefine(cli, define);

@@ -26,15 +26,20 @@ px_session_t CliSession::session() {
     if (session_ != nullptr) {
         return session_;
     }
-    px_set_default_timeouts(opts_.connectTimeoutMs, opts_.timeoutMs);
-    px_contact_t contact{opts_.host.c_str()};
-    int rc = opts_.host.empty() ? px_start_session(nullptr, 0, 0x401, &session_)
-                                : px_start_session(&contact, 1, 0x401, &session_);
-    if (rc != PX_OK) {
-        session_ = nullptr;
+    session_ = openSession();
+    if (session_ == nullptr) {
         failCall();
     }
     return session_;
+}
+
+px_session_t CliSession::openSession() const {
+    px_set_default_timeouts(opts_.connectTimeoutMs, opts_.timeoutMs);
+    px_contact_t contact{opts_.host.c_str()};
+    px_session_t s = nullptr;
+    int rc = opts_.host.empty() ? px_start_session(nullptr, 0, 0x401, &s)
+                                : px_start_session(&contact, 1, 0x401, &s);
+    return rc == PX_OK ? s : nullptr;
 }
 
 bool CliSession::classDef(const std::string& name, tarn_rmf2v::RMClassDef& out) {
@@ -74,11 +79,19 @@ void CliSession::printError(const cu_error_t* e, const std::string& what) {
     if (text.empty()) {
         text = "error " + std::to_string(e != nullptr ? e->cu_error_id : 0);
     }
-    err_ << "znpex: " << (what.empty() ? "" : what + ": ") << text << '\n';
+    err_ << program_ << ": " << (what.empty() ? "" : what + ": ") << text << '\n';
+}
+
+int CliSession::failMessage(const std::string& message) {
+    err_ << program_ << ": " << message << '\n';
+    if (opts_.json()) {
+        out_ << proto::dumpJson(proto::Json{{"error", {{"id", 0}, {"text", message}}}}) << '\n';
+    }
+    return kExitFailed;
 }
 
 int CliSession::usage(const std::string& message) {
-    err_ << "znpex: " << message << '\n';
+    err_ << program_ << ": " << message << '\n';
     return kExitUsage;
 }
 

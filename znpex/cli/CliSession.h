@@ -29,14 +29,19 @@ inline constexpr int kExitUsage = 2;
 
 class CliSession {
 public:
-    CliSession(const GlobalOptions& opts, std::ostream& out, std::ostream& err)
-        : opts_(opts), out_(out), err_(err) {}
+    // `program` starts every message ("znpex: ...").
+    CliSession(const GlobalOptions& opts, std::ostream& out, std::ostream& err,
+               std::string program = "znpex")
+        : opts_(opts), out_(out), err_(err), program_(std::move(program)) {}
     ~CliSession();
     CliSession(const CliSession&) = delete;
     CliSession& operator=(const CliSession&) = delete;
 
     // The open session, or null after printing why.
     px_session_t session();
+    // Another session to the same service, for a thread of its own; the
+    // caller ends it. Null with the thread's error set (nothing printed).
+    px_session_t openSession() const;
     // The class's definition; false after printing why.
     bool classDef(const std::string& name, tarn_rmf2v::RMClassDef& out);
 
@@ -52,17 +57,23 @@ public:
     // The error as -o json shows it: the protocol's error object, whose
     // "id" scripts test and whose "text" is the catalogue's rendering.
     static proto::Json errorJson(const cu_error_t* e);
+    // The command failed for a reason of the client's own (no catalogue
+    // error): prints "<program>: <message>" and, with -o json,
+    // {"error": {"id": 0, "text": message}}; returns kExitFailed.
+    int failMessage(const std::string& message);
     // Prints a usage problem and returns kExitUsage.
     int usage(const std::string& message);
 
     const GlobalOptions& opts() const { return opts_; }
     std::ostream& out() { return out_; }
     std::ostream& err() { return err_; }
+    const std::string& program() const { return program_; }
 
 private:
     GlobalOptions opts_;
     std::ostream& out_;
     std::ostream& err_;
+    std::string program_;
     px_session_t session_ = nullptr;
 };
 

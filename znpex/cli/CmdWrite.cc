@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <optional>
 
+#include "znpex/cli/Assignments.h"
 #include "znpex/cli/Commands.h"
 #include "znpex/cli/ValueText.h"
 #include "znpex/client/Responses.h"
@@ -13,42 +14,6 @@ namespace znpex::cli {
 namespace {
 
 using proto::Json;
-using tarn_rmf2v::RMAttrDef;
-
-// attr=value pairs parsed by the types of `list`; owns the values.
-struct Assignments {
-    std::vector<zn::OwnedValue> values;
-    std::vector<std::string> names;
-    std::vector<px_attr_t> attrs;
-};
-
-std::optional<std::string> parseAssignments(const std::string& className,
-                                            const std::vector<RMAttrDef>& list,
-                                            const std::vector<std::string>& texts,
-                                            Assignments& out) {
-    for (const auto& text : texts) {
-        size_t eq = text.find('=');
-        if (eq == std::string::npos || eq == 0) {
-            return "\"" + text + "\" is not attr=value";
-        }
-        std::string name = text.substr(0, eq);
-        const RMAttrDef* a = proto::findAttr(list, name);
-        if (a == nullptr) {
-            return "the class " + className + " has no attribute named " + name;
-        }
-        std::string why;
-        auto v = parseValue(a->type, text.substr(eq + 1), &why);
-        if (!v) {
-            return name + ": " + why;
-        }
-        out.names.push_back(name);
-        out.values.push_back(std::move(*v));
-    }
-    for (size_t i = 0; i < out.values.size(); ++i) {
-        out.attrs.push_back({out.names[i].c_str(), out.values[i].type(), out.values[i].value()});
-    }
-    return std::nullopt;
-}
 
 // TYPE:VALUE arguments (or, untyped, by the given element types) as
 // structured data; null when there are none.
@@ -193,9 +158,10 @@ int cmdDefine(CliSession& cli, const ChangeArgs& args) {
     if (auto why = parseArgs(args.options, {}, options)) {
         return cli.usage("--option " + *why);
     }
+    std::vector<px_attr_t> attrs = a.attrs();
     px_define_rsp_t* r = nullptr;
-    if (px_define_resource(cli.session(), def.name.c_str(), a.attrs.data(),
-                           static_cast<uint32_t>(a.attrs.size()), options.get(), &r) != PX_OK) {
+    if (px_define_resource(cli.session(), def.name.c_str(), attrs.data(),
+                           static_cast<uint32_t>(attrs.size()), options.get(), &r) != PX_OK) {
         return cli.failCall();
     }
     client::RspPtr<px_define_rsp_t> rsp(r);
@@ -225,7 +191,8 @@ int cmdSet(CliSession& cli, const ChangeArgs& args) {
     if (auto why = parseAssignments(def.name, list, args.assignments, a)) {
         return cli.usage(*why);
     }
-    if (a.attrs.empty()) {
+    std::vector<px_attr_t> attrs = a.attrs();
+    if (attrs.empty()) {
         return cli.usage("nothing to set: give attr=value");
     }
     std::vector<zn_resource_handle> handles;
@@ -233,14 +200,14 @@ int cmdSet(CliSession& cli, const ChangeArgs& args) {
         return cli.usage(*why);
     }
     px_resources_rsp_t* r = nullptr;
-    auto n = static_cast<uint32_t>(a.attrs.size());
+    auto n = static_cast<uint32_t>(attrs.size());
     int rc = args.target.classLevel
-                 ? px_set_class_attrs(cli.session(), def.name.c_str(), a.attrs.data(), n, &r)
+                 ? px_set_class_attrs(cli.session(), def.name.c_str(), attrs.data(), n, &r)
              : args.target.hasSelection
                  ? px_set_attrs_select(cli.session(), def.name.c_str(),
-                                       args.target.selection.c_str(), a.attrs.data(), n, &r)
+                                       args.target.selection.c_str(), attrs.data(), n, &r)
                  : px_set_attrs(cli.session(), def.name.c_str(), handles.data(),
-                                static_cast<uint32_t>(handles.size()), a.attrs.data(), n, &r);
+                                static_cast<uint32_t>(handles.size()), attrs.data(), n, &r);
     if (rc != PX_OK) {
         return cli.failCall();
     }

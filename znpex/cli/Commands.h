@@ -66,6 +66,9 @@ int cmdTablesNodes(CliSession& cli);
 int cmdTablesGroups(CliSession& cli);
 int cmdTablesWatch(CliSession& cli, uint64_t count, int durationS);
 
-int runCli(int argc, const char* const* argv, std::ostream& out, std::ostream& err);
+// errIsTerminal: standard error is a terminal, where long commands show
+// their progress.
+int runCli(int argc, const char* const* argv, std::ostream& out, std::ostream& err,
+           bool errIsTerminal = false);
 
 }  // namespace znpex::cli
