@@ -172,6 +172,25 @@ TEST(BulkFile, LimitsStopTheReadingAtTheLineThatPassesThem) {
         }
         EXPECT_EQ(reader.error(), error);
     }
+    BulkLimits file;
+    file.maxFileBytes = 12;
+    const std::pair<std::string, std::string> longFiles[] = {
+        {"H\n1\n2\n3\n4\n5\n6\n", "line 7: the file is longer than 12 bytes"},
+        {"H\n\"1\n2\n3\n4\n5\n6\"\n", "line 6: the file is longer than 12 bytes"},
+        {"{}\n{}\n{}\n{}\n{\"a\":1}\n", "line 5: the file is longer than 12 bytes"},
+    };
+    for (const auto& [input, error] : longFiles) {
+        SCOPED_TRACE(input);
+        std::istringstream in(input);
+        BulkFileReader reader(in, file);
+        BulkRow row;
+        std::vector<std::string> rows;
+        while (reader.next(row)) {
+            rows.push_back(row.cells.front().value.dump());
+        }
+        EXPECT_EQ(reader.error(), error);
+        EXPECT_TRUE(rows.empty() || rows.back() == "\"5\"") << "no row cut short";
+    }
     BulkLimits members;
     members.maxFields = 3;
     std::istringstream in("{\"a\":1,\"b\":2,\"c\":3,\"d\":4}\n");

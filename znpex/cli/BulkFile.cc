@@ -27,12 +27,22 @@ std::string jsonProblem(const std::string& what) {
 
 BulkFileReader::BulkFileReader(std::istream& in, BulkLimits limits) : in_(in), limits_(limits) {}
 
+// Past maxFileBytes the file reads as ended, and next() reports why.
 int BulkFileReader::peek() {
-    return in_.rdbuf()->sgetc();
+    int c = in_.rdbuf()->sgetc();
+    if (c != std::char_traits<char>::eof() && bytes_ >= limits_.maxFileBytes) {
+        overflow_ = true;
+        return std::char_traits<char>::eof();
+    }
+    return c;
 }
 
 int BulkFileReader::get() {
+    if (peek() == std::char_traits<char>::eof()) {
+        return std::char_traits<char>::eof();
+    }
     int c = in_.rdbuf()->sbumpc();
+    ++bytes_;
     if (c == '\n') {
         ++line_;
     }
@@ -84,10 +94,12 @@ bool BulkFileReader::next(BulkRow& row) {
     if (done_) {
         return false;
     }
-    if (format_ == BulkFormat::Unknown && !start()) {
-        return false;
+    bool ok = (format_ != BulkFormat::Unknown || start()) &&
+              (format_ == BulkFormat::Csv ? nextCsv(row) : nextJson(row));
+    if (overflow_) {
+        return fail(line_,
+                    "the file is longer than " + std::to_string(limits_.maxFileBytes) + " bytes");
     }
-    bool ok = format_ == BulkFormat::Csv ? nextCsv(row) : nextJson(row);
     if (ok && ++rows_ > limits_.maxRows) {
         return fail(row.line, "more than " + std::to_string(limits_.maxRows) + " rows");
     }

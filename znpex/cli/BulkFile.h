@@ -27,6 +27,7 @@ struct BulkLimits {
     size_t maxRecordBytes = 64 * 1024;  // one CSV record (all its lines) or one JSON line
     size_t maxFields = 256;             // CSV columns, members of a JSON object
     size_t maxRows = 1000000;
+    size_t maxFileBytes = 256u * 1024 * 1024;  // the whole file, which is held in memory
 };
 
 enum class BulkFormat { Unknown, Csv, JsonLines };
@@ -75,6 +76,8 @@ private:
     size_t headerLine_ = 0;
     size_t line_ = 1;  // the line the next byte is on
     size_t rows_ = 0;
+    size_t bytes_ = 0;       // read so far
+    bool overflow_ = false;  // the file goes on past maxFileBytes
     bool done_ = false;
     std::string error_;
 };
