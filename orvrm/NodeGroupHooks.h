@@ -16,6 +16,12 @@ public:
     virtual void nodeAttrChangeCB() = 0;
     // A node took a new host name (newName) or was removed (newName null).
     virtual void nodeDelOrChangeCB(const char* oldName, const char* newName) = 0;
+
+    // The first two again, naming the node, so that only that node is
+    // tested against the groups' selections; otherwise every node is read
+    // again. The managed-node class calls these.
+    virtual void nodeAdded(const char* hostname) = 0;
+    virtual void nodeChanged(const char* hostname) = 0;
 };
 
 }  // namespace orvrm

@@ -146,7 +146,7 @@ zn_resource_handle* ManagedNodeRccp::createResource(zn_structured_data*, rm_attr
         poller_->addHost(const_cast<char*>(facts_.hostname));
     }
     if (NodeGroupHooks* groups = nodeGroups()) {
-        groups->nodeAddCB();
+        groups->nodeAdded(facts_.hostname);
     }
     auto* copy = static_cast<zn_resource_handle*>(std::malloc(sizeof(zn_resource_handle)));
     if (copy != nullptr) {
@@ -227,7 +227,7 @@ void ManagedNodeRccp::reqNodeMgmtSuccCB(const char* hostname) {
         }
         node->setHeartbeat(1);
         if (NodeGroupHooks* groups = nodeGroups()) {
-            groups->nodeAttrChangeCB();
+            groups->nodeChanged(hostname);
         }
         scheduleTableSync();
     } catch (std::exception& e) {

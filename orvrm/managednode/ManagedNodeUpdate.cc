@@ -238,7 +238,7 @@ void ManagedNodeRcp::cascade(const Change& c) {
     std::string host = c.newHost;
     if (!c.hostChanged) {
         if (groups != nullptr) {
-            groups->nodeAttrChangeCB();
+            groups->nodeChanged(host.c_str());
         }
         if (!minManaged) {
             poller.removeHost(host.data());
