@@ -6,6 +6,7 @@
 #include "orvrm/PlaceholderRccp.h"
 #include "orvrm/managednode/ManagedNodeRccp.h"
 #include "orvrm/netif/MNNetworkInterfaceRccp.h"
+#include "orvrm/nodegroup/NodeGroupRccp.h"
 #include "orvrm/orvctrl/OrvCtrlRccp.h"
 
 namespace orvrm {
@@ -29,7 +30,7 @@ const std::array<ClassEntry, 5>& classList() {
         {kNodeAuthenticateClass, placeholder, 2, "new NodeAuthenticate"},
         {kNetworkInterfaceClass, make<MNNetworkInterfaceRccp>, 3, "new MNNetworkIface"},
         {kManagedNodeClass, make<ManagedNodeRccp>, 4, "new ManagedNode"},
-        {kNodeGroupClass, placeholder, 5, "new NodeGroup"},
+        {kNodeGroupClass, make<NodeGroupRccp>, 5, "new NodeGroup"},
     }};
     return list;
 }

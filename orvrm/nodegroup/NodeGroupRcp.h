@@ -1,0 +1,60 @@
+// The resource control point of one node group. Its persistent attributes
+// are the columns of its row in the class's table (mirrored by the class in
+// memory); it keeps only what a report in progress carries. It runs the
+// group's actions (GetMembers, AddMembers, RemMembers), changes the group
+// under the define rules, and reports ConfigChanged and MembershipChanged
+// while clients monitor them.
+#pragma once
+
+#include <atomic>
+#include <mutex>
+
+#include "orvrm/nodegroup/MemberLists.h"
+#include "tarn_rmf2v/RMTableRcp.h"
+
+namespace orvrm {
+
+class NodeGroupRccp;
+struct GroupRecord;
+
+class NodeGroupRcp : public tarn_rmf2v::RMTableRcp {
+public:
+    NodeGroupRcp(const zn_resource_handle* handle, NodeGroupRccp* rccp, unsigned int variety);
+
+    NodeGroupRccp* groupRccp() const;
+
+    void invokeAction(tarn_rmf2v::RMActionResponse* rsp, int actionId,
+                      zn_structured_data* input) override;
+    // Takes the class lock; each value is checked as a define checks it,
+    // then across the request; what passes is written in one change.
+    void setAttributeValues(tarn_rmf2v::RMAttributeIdResponse* rsp, rm_attribute_value* values,
+                            unsigned int count) override;
+
+    // Reports, each made only while clients monitor the attribute (or
+    // asked to hear changes of the persistent one).
+    void reportConfigChange();
+    void reportMembershipChange(const NameList& added, const NameList& removed,
+                                const NameList& current);
+    void notifyMembershipChange(const zn_value_t& memberList);
+    void notifyExpMembershipChange(const zn_value_t& expMemberList);
+
+protected:
+    bool dynamicValue(const tarn_rmf2v::RMAttrSpec& attr, zn::OwnedValue* out) override;
+
+private:
+    void returnMembers(tarn_rmf2v::RMActionResponse* rsp);
+    // AddMembers (adding) and RemMembers: the checks, the new member list,
+    // and what follows a membership change.
+    void changeMembers(tarn_rmf2v::RMActionResponse* rsp, zn_structured_data* input, bool adding);
+    // After the member list or selection changed: the group's own list, its
+    // ConfigChanged, and the groups that contain it.
+    void membershipChanged(GroupRecord& g);
+    void notifyPersistent(int id, const zn_value_t& value);
+
+    std::atomic<uint32_t> configChanged_{0};
+    // The MembershipChanged value while it is being reported.
+    std::mutex membershipMu_;
+    zn::SdPtr membership_;
+};
+
+}  // namespace orvrm

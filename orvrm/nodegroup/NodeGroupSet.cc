@@ -1,0 +1,183 @@
+// Changing a node group: each value is checked as a define checks it (with
+// the group's own ValidateNodes), then the values are checked together;
+// what passes is written in one change, announced, and followed by the
+// group's new expanded list and its publication under a new name.
+#include <set>
+
+#include "orvrm/ORVRMLog.h"
+#include "orvrm/nodegroup/NodeGroupRccp.h"
+#include "orvrm/nodegroup/NodeGroupRcp.h"
+#include "orvrm/nodegroup/NodeGroupSpec.h"
+#include "tarn_rmf/RMCommonErrors.h"
+#include "tarn_rmf2v/RMLocks.h"
+
+namespace orvrm {
+namespace {
+
+constexpr char kSetOp[] = "setAttributeValues";
+
+cu_error_t* common(int id, const char* a, const char* b = nullptr) {
+    cu_error_t* e = nullptr;
+    tarn_rmf::RMPkgCommonError(id, nullptr, &e, a, b);
+    return e;
+}
+
+const char* textOf(const rm_attribute_value& v) {
+    return v.rm_value.ptr_char != nullptr ? v.rm_value.ptr_char : "";
+}
+
+// The one value's own rule; null accepts.
+cu_error_t* checkValue(NodeGroupRccp* c, const GroupRecord& g, const rm_attribute_value& v) {
+    switch (v.rm_attribute_id) {
+        case kNgMemberList: {
+            NameList members = namesOf(v.rm_value.ptr_array);
+            if (hasDuplicates(members)) {
+                return pkg_error(261, 15, kSetOp, 0);
+            }
+            cu_error_t* err = nullptr;
+            return c->validateMembers(members, g.validate, g.name.c_str(), &err) == 0 ? err
+                                                                                      : nullptr;
+        }
+        case kNgSelectStr:
+            if (g.validate != 1) {
+                return pkg_error(0x18000, 53, kSetOp, 0);
+            }
+            return c->validateSelectStr(v.rm_value.ptr_char) == 0 ? pkg_error(262, 16, kSetOp, 0)
+                                                                  : nullptr;
+        case kNgName:
+            if (textOf(v)[0] == '\0') {
+                return common(tarn_rmf::RM_EREQUIREDATTR, "Name", kSetOp);
+            }
+            if (g.name == textOf(v)) {
+                return nullptr;  // its own name
+            }
+            if (c->ngExist(textOf(v), nullptr) == 1) {
+                return pkg_error(259, 13, kSetOp, 0, textOf(v));
+            }
+            return c->isMemberofOtherNG(g.name.c_str()) != 0 ? pkg_error(264, 19, kSetOp, 0)
+                                                             : nullptr;
+        default:
+            return nullptr;
+    }
+}
+
+// The rules across the accepted values; null accepts.
+cu_error_t* checkTogether(const GroupRecord& g, const std::vector<rm_attribute_value>& accepted) {
+    const rm_attribute_value* members = nullptr;
+    const rm_attribute_value* select = nullptr;
+    for (const rm_attribute_value& v : accepted) {
+        members = v.rm_attribute_id == kNgMemberList ? &v : members;
+        select = v.rm_attribute_id == kNgSelectStr ? &v : select;
+    }
+    bool someMembers = members != nullptr && members->rm_value.ptr_array != nullptr &&
+                       members->rm_value.ptr_array->array_cnt > 0;
+    bool someSelect = select != nullptr && textOf(*select)[0] != '\0';
+    if (someMembers && someSelect) {
+        return pkg_error(0x18000, 17, kSetOp, 0);
+    }
+    if (someMembers && g.hasSelect()) {
+        return pkg_error(0x18000, 26, kSetOp, 0);
+    }
+    if (someSelect && members == nullptr && g.hasMembers()) {
+        return pkg_error(0x18000, 27, kSetOp, 0);
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+void NodeGroupRcp::setAttributeValues(tarn_rmf2v::RMAttributeIdResponse* rsp,
+                                      rm_attribute_value* values, unsigned int count) {
+    NodeGroupRccp* c = groupRccp();
+    tarn_rmf2v::lockRccp guard(c);
+    GroupRecord* g = c->model().find(*getResourceHandle());
+    if (g == nullptr) {
+        rsp->done(zn::ErrorPtr(common(tarn_rmf::RM_EINVALIDHANDLE, kSetOp)).get());
+        return;
+    }
+    std::set<int> seen;
+    std::vector<rm_attribute_value> accepted;
+    for (unsigned int i = 0; values != nullptr && i < count; ++i) {
+        const rm_attribute_value& v = values[i];
+        const tarn_rmf2v::RMAttrSpec* a = spec().persistent.byId(v.rm_attribute_id);
+        zn::ErrorPtr err;
+        if (a == nullptr) {
+            err.reset(common(tarn_rmf::RM_EINVALIDATTRID, kSetOp));
+        } else if (!seen.insert(a->id).second) {
+            err.reset(pkg_error(0x18004, 2, kSetOp, 0, a->name));
+        } else if (a->readOnly()) {
+            err.reset(common(tarn_rmf::RM_EREADONLYATTR, a->name, kSetOp));
+        } else if (v.rm_data_type != a->type) {
+            err.reset(common(tarn_rmf::RM_EDATATYPE, kSetOp));
+        } else {
+            err.reset(checkValue(c, *g, v));
+        }
+        if (err) {
+            rsp->result(v.rm_attribute_id, err.get());
+        } else {
+            accepted.push_back(v);
+        }
+    }
+    zn::ErrorPtr failed(checkTogether(*g, accepted));
+    if (!failed && !accepted.empty()) {
+        try {
+            std::vector<tarn_rmf::RMFieldValue> fields;
+            for (const rm_attribute_value& v : accepted) {
+                fields.push_back({nullptr, v.rm_attribute_id, v.rm_data_type, v.rm_value});
+            }
+            c->resourceTable()->changeRow(g->row, fields.data(),
+                                          static_cast<unsigned>(fields.size()));
+            c->resourceTable()->sync();
+        } catch (std::exception& e) {
+            failed.reset(tarn_rmf::RMMapExceptionToError(e));
+            orvrmlog_error("NodeGroupRcp::setAttributeValues", failed.get());
+        }
+    }
+    for (const rm_attribute_value& v : accepted) {
+        rsp->result(v.rm_attribute_id, failed.get());
+    }
+    if (failed || accepted.empty()) {
+        rsp->done(nullptr);
+        return;
+    }
+    // Mirror what was written, then tell.
+    std::string oldName = g->name;
+    bool membership = false;
+    bool renamed = false;
+    for (const rm_attribute_value& v : accepted) {
+        switch (v.rm_attribute_id) {
+            case kNgMemberList:
+                c->model().setMembers(*g, namesOf(v.rm_value.ptr_array));
+                membership = true;
+                break;
+            case kNgSelectStr:
+                c->model().setSelectStr(*g, textOf(v));
+                c->selectionChanged(*g);
+                membership = true;
+                break;
+            case kNgName:
+                renamed = g->name != textOf(v);
+                c->model().setName(*g, textOf(v));
+                break;
+            default:
+                break;
+        }
+        notifyPersistent(v.rm_attribute_id, v.rm_value);
+    }
+    try {
+        if (membership) {
+            membershipChanged(*g);
+        }
+        if (renamed) {
+            c->updateNodeGroupPEXD(g->name.c_str(), oldName.c_str());
+        }
+    } catch (std::exception& e) {
+        // The change stands; the expanded list follows with the next recomputation.
+        cu_error_t* err = tarn_rmf::RMMapExceptionToError(e);
+        orvrmlog_error("NodeGroupRcp::setAttributeValues", err);
+        cu_rel_error_1(err);
+    }
+    rsp->done(nullptr);
+}
+
+}  // namespace orvrm
