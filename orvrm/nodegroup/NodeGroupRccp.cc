@@ -77,6 +77,13 @@ void NodeGroupRccp::coordinatorElected(tarn_rmf2v::RMSimpleResponse* rsp) {
     rsp->done(nullptr);
 }
 
+void NodeGroupRccp::connectionChanged(rm_conn_changed state) {
+    if (state == RM_CONNECTION_ESTABLISHED) {
+        tarn_rmf2v::lockRccp guard(this);
+        sendAllNodeGroupsPEXD();
+    }
+}
+
 void NodeGroupRccp::setExpansion(Expansion e) {
     tarn_rmf2v::lockRccp guard(this);
     if (expansion_.exchange(e) != e && e == Expansion::Indexed) {

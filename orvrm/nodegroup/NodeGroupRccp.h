@@ -64,6 +64,10 @@ public:
     void invokeClassAction(tarn_rmf2v::RMActionResponse* rsp, int actionId,
                            zn_structured_data* input) override;
     virtual void coordinatorElected(tarn_rmf2v::RMSimpleResponse* rsp);
+    // Once the link to the service is up, the whole table is published
+    // again: the publication at start precedes the link, and a service
+    // that lost its table is filled again.
+    void connectionChanged(rm_conn_changed state) override;
 
     // Lookups; call with the class lock held.
     // 1 when a group has this name, else 0.

@@ -7,6 +7,7 @@ namespace {
 
 using daemonstest::CliRun;
 using daemonstest::Daemons;
+using testsupport::readFile;
 
 bool has(const std::string& text, const std::string& what) {
     return text.find(what) != std::string::npos;
@@ -57,6 +58,23 @@ TEST_F(Daemons, NodeGroupsAreManagedFromTheCommandLine) {
     r = cli({"tables", "groups", "-o", "json"});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_TRUE(has(r.out, "\"m1s\"")) << r.out;
+
+    // A service that lost its tables gets every group again once the
+    // daemon's link to it is back.
+    service_->signal(SIGTERM);
+    service_->wait();
+    std::string store = zn::paths::resolve(zn::paths::kDiTablesDir) + "/tables.db";
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        std::filesystem::remove(store + suffix);
+    }
+    service_ = std::make_unique<testsupport::Subprocess>(
+        testsupport::binPath("znpex/server/znpexd"),
+        std::vector<std::string>{"--state-root", root_.path(), "--no-tcp"},
+        std::vector<std::string>{}, root_ / "znpexd.stderr");
+    EXPECT_TRUE(testsupport::waitFor([&] {
+        CliRun t = cli({"tables", "groups", "-o", "json"});
+        return has(t.out, "\"both\"") && has(t.out, "\"rack\"");
+    })) << readFile(root_ / "orvrmd.stderr");
 
     r = cli({"undefine", "Kor.NodeGroup", "-s", "Name==\"both\""});
     EXPECT_EQ(r.status, 0) << r.err;
