@@ -260,7 +260,7 @@ struct Row {
 
 void print(const Row& r) {
     double ratio = r.indexed.wallMs > 0 ? r.rescan.wallMs / r.indexed.wallMs : 0;
-    std::printf("%-44s %9.1f %9.1f   %10.1f %10.1f   %7.1fx   %s (limit %.0f ms)\n", r.what,
+    std::printf("%-44s %9.2f %9.2f   %10.2f %10.2f   %7.1fx   %s (limit %.0f ms)\n", r.what,
                 r.indexed.wallMs, r.indexed.cpuMs, r.rescan.wallMs, r.rescan.cpuMs, ratio,
                 r.indexed.wallMs <= r.limitMs ? "ok" : "OVER", r.limitMs);
 }

@@ -1,5 +1,6 @@
 #include "orvrm/nodegroup/MemberLists.h"
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 #include <string_view>
@@ -59,6 +60,15 @@ bool hasDuplicates(const NameList& names) {
 }
 
 bool difference(const NameList& before, const NameList& now, NameList* added, NameList* removed) {
+    if (before == now) {
+        if (added != nullptr) {
+            added->clear();
+        }
+        if (removed != nullptr) {
+            removed->clear();
+        }
+        return false;
+    }
     // How many entries of `before` each name still has to match.
     std::unordered_map<std::string_view, size_t> unmatched;
     unmatched.reserve(before.size());
@@ -74,23 +84,17 @@ bool difference(const NameList& before, const NameList& now, NameList* added, Na
             in.push_back(n);
         }
     }
-    // The first entries of each name in `before` were matched; the rest went.
-    std::unordered_map<std::string_view, size_t> matched;
-    for (const std::string& n : before) {
-        ++matched[n];
-    }
-    for (auto& [name, left] : unmatched) {
-        matched[name] -= left;
-    }
+    // The first entries of each name in `before` were matched, so the ones
+    // left are its last: walk it backwards.
     NameList out;
-    for (const std::string& n : before) {
-        size_t& m = matched[n];
-        if (m > 0) {
-            --m;
-        } else {
-            out.push_back(n);
+    for (auto it = before.rbegin(); it != before.rend(); ++it) {
+        size_t& left = unmatched[*it];
+        if (left > 0) {
+            --left;
+            out.push_back(*it);
         }
     }
+    std::reverse(out.begin(), out.end());
     bool differs = !in.empty() || !out.empty();
     if (added != nullptr) {
         *added = std::move(in);

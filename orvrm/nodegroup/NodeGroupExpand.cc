@@ -155,14 +155,13 @@ int NodeGroupRccp::updateExpMemList(GroupRecord& g, bool reportConfig, bool repo
         g.stale = false;
         return 0;
     }
-    writeExpanded(g, now, &added, &removed);
+    writeExpanded(g, std::move(now), &added, &removed);
     g.stale = false;
     NodeGroupRcp* rcp = rcpOf(g);
     if (rcp == nullptr) {
         return 1;
     }
-    zn::OwnedValue v = stringArray(g.expanded);
-    rcp->notifyExpMembershipChange(v.value());
+    rcp->notifyExpMembershipChange(g.expanded);
     if (reportConfig) {
         rcp->reportConfigChange();
     }

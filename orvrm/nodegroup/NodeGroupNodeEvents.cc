@@ -105,8 +105,7 @@ void NodeGroupRccp::nodeDelOrChangeCB(const char* oldName, const char* newName) 
             writeMembers(g, members);
             NodeGroupRcp* rcp = rcpOf(g);
             if (rcp != nullptr) {
-                zn::OwnedValue v = stringArray(g.members);
-                rcp->notifyMembershipChange(v.value());
+                rcp->notifyMembershipChange(g.members);
             }
             updateExpMemList(g, false, true);
             if (rcp != nullptr) {

@@ -47,11 +47,18 @@ void NodeGroupRcp::notifyPersistent(int id, const zn_value_t& value) {
     notifyPersistentResourceAttrsModified(&v, 1);
 }
 
-void NodeGroupRcp::notifyMembershipChange(const zn_value_t& memberList) {
+void NodeGroupRcp::notifyPersistent(int id, const NameList& value) {
+    // The array is made only for clients that asked to hear it.
+    if (getRccp()->getMonitor()->isPersistentEnabled(getResourceHandle(), id)) {
+        notifyPersistent(id, stringArray(value).value());
+    }
+}
+
+void NodeGroupRcp::notifyMembershipChange(const NameList& memberList) {
     notifyPersistent(kNgMemberList, memberList);
 }
 
-void NodeGroupRcp::notifyExpMembershipChange(const zn_value_t& expMemberList) {
+void NodeGroupRcp::notifyExpMembershipChange(const NameList& expMemberList) {
     notifyPersistent(kNgExpMemberList, expMemberList);
 }
 
@@ -84,11 +91,13 @@ void NodeGroupRcp::reportMembershipChange(const NameList& added, const NameList&
         sd->elements[kNgAddList + i].data_type = ZN_CHAR_PTR_ARRAY;
         sd->elements[kNgAddList + i].value = stringArray(*lists[i]).release();
     }
+    // Held while it is reported, so that a client starting to watch then
+    // reads it; only this thread replaces it.
     zn_value_t v{};
     v.ptr_sd = sd.get();
     {
         std::lock_guard<std::mutex> g(membershipMu_);
-        membership_ = zn::copySd(sd.get());
+        membership_ = std::move(sd);
     }
     reportDynamic("MembershipChanged", ZN_SD_PTR, v);
     std::lock_guard<std::mutex> g(membershipMu_);
@@ -208,8 +217,7 @@ void NodeGroupRcp::changeMembers(tarn_rmf2v::RMActionResponse* rsp, zn_structure
     }
     try {
         c->writeMembers(*g, members);
-        zn::OwnedValue v = stringArray(g->members);
-        notifyMembershipChange(v.value());
+        notifyMembershipChange(g->members);
         membershipChanged(*g);
     } catch (std::exception& e) {
         err.reset(tarn_rmf::RMMapExceptionToError(e));

@@ -35,8 +35,8 @@ public:
     void reportConfigChange();
     void reportMembershipChange(const NameList& added, const NameList& removed,
                                 const NameList& current);
-    void notifyMembershipChange(const zn_value_t& memberList);
-    void notifyExpMembershipChange(const zn_value_t& expMemberList);
+    void notifyMembershipChange(const NameList& memberList);
+    void notifyExpMembershipChange(const NameList& expMemberList);
 
 protected:
     bool dynamicValue(const tarn_rmf2v::RMAttrSpec& attr, zn::OwnedValue* out) override;
@@ -50,6 +50,7 @@ private:
     // ConfigChanged, and the groups that contain it.
     void membershipChanged(GroupRecord& g);
     void notifyPersistent(int id, const zn_value_t& value);
+    void notifyPersistent(int id, const NameList& value);
 
     std::atomic<uint32_t> configChanged_{0};
     // The MembershipChanged value while it is being reported.
