@@ -9,8 +9,8 @@
 
 #include "platform/paths.h"
 #include "tarn_rmf2v/RMRmcp.h"
-#include "tarn_rmf2v/RMServiceCall.h"
-#include "tarn_rmf2v/RMServiceConnection.h"
+#include "tarn_rmf2v/link/RMServiceCall.h"
+#include "tarn_rmf2v/link/RMServiceConnection.h"
 #include "tests/support/Subprocess.h"
 #include "tests/znpex_server/ServiceHarness.h"
 #include "znpex/proto/ProtocolError.h"

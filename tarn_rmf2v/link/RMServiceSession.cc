@@ -1,4 +1,4 @@
-#include "tarn_rmf2v/RMServiceSession.h"
+#include "tarn_rmf2v/link/RMServiceSession.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "tarn_rmf2v/RMRmcp.h"
-#include "tarn_rmf2v/RMServiceOutbox.h"
+#include "tarn_rmf2v/link/RMServiceOutbox.h"
 #include "znpex/proto/NotifyMessages.h"
 #include "znpex/proto/RequestCodec.h"
 #include "znpex/proto/ServiceMessages.h"

@@ -1,14 +1,14 @@
-#include "tarn_rmf2v/RMServiceConnection.h"
+#include "tarn_rmf2v/link/RMServiceConnection.h"
 
 #include <algorithm>
 
 #include "platform/paths.h"
 #include "tarn_base/CTraceManager.h"
-#include "tarn_rmf2v/RMDiLink.h"
 #include "tarn_rmf2v/RMRmcp.h"
-#include "tarn_rmf2v/RMServiceCall.h"
-#include "tarn_rmf2v/RMServiceOutbox.h"
-#include "tarn_rmf2v/RMServiceSession.h"
+#include "tarn_rmf2v/link/RMDiLink.h"
+#include "tarn_rmf2v/link/RMServiceCall.h"
+#include "tarn_rmf2v/link/RMServiceOutbox.h"
+#include "tarn_rmf2v/link/RMServiceSession.h"
 #include "znpex/proto/JsonRpc.h"
 #include "znpex/proto/NotifyMessages.h"
 #include "znpex/proto/ServiceMessages.h"

@@ -3,7 +3,7 @@
 // notifications and peer messages, loss and reconnection with the control
 // point told, a service that starts late or refuses, replies for a replaced
 // connection, and a service that stops reading.
-#include "tarn_rmf2v/RMServiceConnection.h"
+#include "tarn_rmf2v/link/RMServiceConnection.h"
 
 #include <gtest/gtest.h>
 
@@ -18,7 +18,7 @@
 #include "tarn_rmf2v/RMRmcp.h"
 #include "tests/support/Subprocess.h"
 #include "tests/support/TempDir.h"
-#include "tests/tarn_rmf2v/FakePexService.h"
+#include "tests/tarn_rmf2v/link/FakePexService.h"
 #include "znpex/proto/FrameIo.h"
 #include "znpex/proto/JsonRpc.h"
 

@@ -1,4 +1,4 @@
-#include "tarn_rmf2v/RMServiceOutbox.h"
+#include "tarn_rmf2v/link/RMServiceOutbox.h"
 
 #include <sys/eventfd.h>
 #include <unistd.h>

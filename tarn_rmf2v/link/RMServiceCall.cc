@@ -1,4 +1,4 @@
-#include "tarn_rmf2v/RMServiceCall.h"
+#include "tarn_rmf2v/link/RMServiceCall.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>
