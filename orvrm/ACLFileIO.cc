@@ -7,14 +7,15 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <thread>
 
 #include "orvrm/ACLFile.h"
 #include "orvrm/CmdExec.h"
+#include "platform/clock.h"
 #include "platform/paths.h"
 
 pthread_mutex_t ACLFile::_file_mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -114,7 +115,7 @@ int ACLFile::_aquireFileLocks() {
             if (errno != EACCES && errno != EAGAIN) {
                 break;
             }
-            std::this_thread::sleep_for(std::chrono::milliseconds(lockRetryDelayMs.load()));
+            zn::processClock().sleepFor(std::chrono::milliseconds(lockRetryDelayMs.load()));
             if (attempt == kLockTries) {
                 break;
             }

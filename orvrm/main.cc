@@ -15,7 +15,7 @@
 #include "orvrm/ORVRMTrace.h"
 #include "platform/paths.h"
 #include "tarn_rmf/RMCommonErrors.h"
-#include "tarn_rmf2v/RMServiceConnection.h"
+#include "tarn_rmf2v/link/RMServiceConnection.h"
 
 namespace {
 

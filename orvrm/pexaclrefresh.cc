@@ -7,7 +7,7 @@
 
 #include "orvrm/ORVRMLog.h"
 #include "platform/paths.h"
-#include "tarn_rmf2v/RMServiceCall.h"
+#include "tarn_rmf2v/link/RMServiceCall.h"
 #include "znpex/proto/ServiceMessages.h"
 
 int requestPexAclRefresh(std::chrono::milliseconds timeout) {

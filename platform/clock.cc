@@ -1,6 +1,10 @@
 #include "platform/clock.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <climits>
+#include <thread>
 
 namespace zn {
 namespace {
@@ -25,6 +29,15 @@ public:
         }
         cv.wait_for(lk, left);
     }
+    void sleepUntil(Duration deadline) const override {
+        auto s = std::chrono::duration_cast<std::chrono::seconds>(deadline);
+        timespec at{static_cast<time_t>(s.count()), static_cast<long>((deadline - s).count())};
+        while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &at, nullptr) == EINTR) {
+        }
+    }
+    Duration waitSlice(Duration deadline) const override {
+        return std::max(deadline - monoNow(), Duration::zero());
+    }
 };
 
 }  // namespace
@@ -43,7 +56,17 @@ Clock& processClock() {
     return c != nullptr ? *c : systemClock();
 }
 
-void setProcessClock(Clock* clock) { g_processClock.store(clock, std::memory_order_release); }
+void setProcessClock(Clock* clock) {
+    g_processClock.store(clock, std::memory_order_release);
+}
+
+int pollTimeoutMs(Clock::Duration d) {
+    if (d <= Clock::Duration::zero()) {
+        return 0;
+    }
+    auto ms = std::chrono::ceil<std::chrono::milliseconds>(d).count();
+    return static_cast<int>(std::min<decltype(ms)>(ms, INT_MAX));
+}
 
 FakeClock::FakeClock(timespec wallStart) : wall_(wallStart) {}
 
@@ -62,7 +85,47 @@ void FakeClock::waitUntil(std::condition_variable& cv, std::unique_lock<std::mut
     if (monoNow() >= deadline) {
         return;
     }
-    cv.wait_for(lk, std::chrono::milliseconds(1));
+    enter(deadline);
+    cv.wait_for(lk, kSlice);
+    leave(deadline);
+}
+
+void FakeClock::sleepUntil(Duration deadline) const {
+    if (monoNow() >= deadline) {
+        return;
+    }
+    enter(deadline);
+    while (monoNow() < deadline) {
+        std::this_thread::sleep_for(kSlice);
+    }
+    leave(deadline);
+}
+
+Clock::Duration FakeClock::waitSlice(Duration deadline) const {
+    return std::clamp(deadline - monoNow(), Duration::zero(), kSlice);
+}
+
+void FakeClock::enter(Duration deadline) const {
+    std::lock_guard<std::mutex> g(mu_);
+    waiting_.insert(deadline);
+}
+
+void FakeClock::leave(Duration deadline) const {
+    std::lock_guard<std::mutex> g(mu_);
+    waiting_.erase(waiting_.find(deadline));
+}
+
+size_t FakeClock::sleepers() const {
+    std::lock_guard<std::mutex> g(mu_);
+    return waiting_.size();
+}
+
+std::optional<Clock::Duration> FakeClock::nextWake() const {
+    std::lock_guard<std::mutex> g(mu_);
+    if (waiting_.empty()) {
+        return std::nullopt;
+    }
+    return *waiting_.begin();
 }
 
 void FakeClock::advance(Duration d) {

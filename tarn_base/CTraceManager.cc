@@ -1,7 +1,6 @@
 #include "tarn_base/CTraceManager.h"
 
 #include <sys/syscall.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -9,6 +8,7 @@
 #include <map>
 #include <mutex>
 
+#include "platform/clock.h"
 #include "platform/paths.h"
 
 namespace tarn_base {
@@ -107,14 +107,12 @@ void rotateLocked(State& s) {
 
 void emit(const std::string& comp, const std::string& cat, const std::string& text) {
     State& s = state();
-    timeval tv{};
-    gettimeofday(&tv, nullptr);
+    timespec now = zn::processClock().wallNow();
     tm t{};
-    localtime_r(&tv.tv_sec, &t);
+    localtime_r(&now.tv_sec, &t);
     char stamp[64];
     std::snprintf(stamp, sizeof stamp, "%04d-%02d-%02d %02d:%02d:%02d.%06ld", t.tm_year + 1900,
-                  t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec,
-                  static_cast<long>(tv.tv_usec));
+                  t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, now.tv_nsec / 1000);
     std::string line = std::string(stamp) + " [" + std::to_string(syscall(SYS_gettid)) + "] " +
                        comp + " " + cat + ": " + text;
     if (line.empty() || line.back() != '\n') {

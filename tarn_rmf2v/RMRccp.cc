@@ -3,10 +3,10 @@
 #include <sys/random.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstring>
 #include <vector>
 
+#include "platform/clock.h"
 #include "tarn_base/CException.h"
 #include "tarn_rmf2v/RMDefaults.h"
 #include "tarn_rmf2v/RMRmcp.h"
@@ -22,11 +22,10 @@ uint64_t uniqueBits() {
         return v;
     }
     static std::atomic<uint64_t> counter{0};
-    auto now = std::chrono::system_clock::now().time_since_epoch();
-    return (static_cast<uint64_t>(
-                std::chrono::duration_cast<std::chrono::microseconds>(now).count())
-            << 16) ^
-           counter.fetch_add(1);
+    timespec now = zn::processClock().wallNow();
+    uint64_t micros =
+        static_cast<uint64_t>(now.tv_sec) * 1'000'000u + static_cast<uint64_t>(now.tv_nsec) / 1000u;
+    return (micros << 16) ^ counter.fetch_add(1);
 }
 
 }  // namespace

@@ -1,11 +1,24 @@
 #include "tarn_rmf2v/RMSchedule.h"
 
 #include <exception>
+#include <set>
 
 #include "tarn_base/CTraceManager.h"
 
 namespace tarn_rmf2v {
 namespace {
+
+// Every live schedule, for allIdle(). A schedule leaves it before it stops,
+// so what is listed is alive while the list's mutex is held.
+struct Registry {
+    std::mutex mu;
+    std::set<const RMSchedule*> all;
+};
+
+Registry& registry() {
+    static Registry* r = new Registry;  // never destroyed: schedules may outlive statics
+    return *r;
+}
 
 tarn_base::CTraceComponent* rmfTrace() {
     static const tarn_base::tr_category_description cats[] = {{"Errors"}, {"Info"}};
@@ -15,9 +28,16 @@ tarn_base::CTraceComponent* rmfTrace() {
 
 }  // namespace
 
-RMSchedule::RMSchedule(zn::Clock& clock) : clock_(clock), thread_([this] { loop(); }) {}
+RMSchedule::RMSchedule(zn::Clock& clock) : clock_(clock), thread_([this] { loop(); }) {
+    std::lock_guard<std::mutex> g(registry().mu);
+    registry().all.insert(this);
+}
 
 RMSchedule::~RMSchedule() {
+    {
+        std::lock_guard<std::mutex> g(registry().mu);
+        registry().all.erase(this);
+    }
     {
         std::lock_guard<std::mutex> g(mu_);
         stop_ = true;
@@ -86,6 +106,21 @@ size_t RMSchedule::pending() const {
 uint64_t RMSchedule::completed() const {
     std::lock_guard<std::mutex> g(mu_);
     return completed_;
+}
+
+bool RMSchedule::idle() const {
+    std::lock_guard<std::mutex> g(mu_);
+    return !running_ && (queue_.empty() || queue_.begin()->first.first > clock_.monoNow());
+}
+
+bool RMSchedule::allIdle() {
+    std::lock_guard<std::mutex> g(registry().mu);
+    for (const RMSchedule* s : registry().all) {
+        if (!s->idle()) {
+            return false;
+        }
+    }
+    return true;
 }
 
 void RMSchedule::loop() {

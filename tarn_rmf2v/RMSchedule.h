@@ -22,7 +22,8 @@ class RMSchedule {
 public:
     using Operation = void (*)(void*);
 
-    // The clock is not owned; it must outlive the schedule.
+    // The clock is not owned; it must outlive the schedule. Classes take the
+    // default, the process clock, which tests of classes replace.
     explicit RMSchedule(zn::Clock& clock = zn::processClock());
     // Stops the timer thread; pending operations are dropped, a running one
     // is waited for.
@@ -44,6 +45,12 @@ public:
     size_t pending() const;
     // Operations run so far.
     uint64_t completed() const;
+    // Nothing is running and nothing pending is due by the clock's time. A
+    // test that advanced a fake clock waits for this to see what fell due run.
+    bool idle() const;
+    // Every schedule of the process is idle (tests of classes, whose
+    // schedules are their own).
+    static bool allIdle();
 
 private:
     struct Entry {

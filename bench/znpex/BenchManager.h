@@ -7,7 +7,7 @@
 #include <memory>
 
 #include "tarn_rmf2v/RMRmcp.h"
-#include "tarn_rmf2v/RMServiceConnection.h"
+#include "tarn_rmf2v/link/RMServiceConnection.h"
 
 namespace znpexbench {
 

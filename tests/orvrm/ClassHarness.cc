@@ -4,6 +4,8 @@
 
 #include "orvrm/ClassList.h"
 #include "tarn_rmf2v/RMResponses.h"
+#include "tarn_rmf2v/RMSchedule.h"
+#include "tests/support/Subprocess.h"
 #include "znpex/di/di_table.h"
 
 namespace classtest {
@@ -210,6 +212,12 @@ RMReply ClassHarness::startMonitoring(const char* cls, const zn_resource_handle*
         r.monitoring.push_back(rm_monitoring_data{id, 0});
     }
     return dispatch(r);
+}
+
+void ClassHarness::advance(zn::Clock::Duration d) {
+    clock_.advance(d);
+    EXPECT_TRUE(testsupport::waitFor(tarn_rmf2v::RMSchedule::allIdle))
+        << "a scheduled operation did not finish";
 }
 
 std::vector<std::pair<unsigned, unsigned>> ClassHarness::tunings() {

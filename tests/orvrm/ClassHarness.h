@@ -97,6 +97,12 @@ protected:
                        std::vector<int> ids);
     RMReply startMonitoring(const char* cls, const zn_resource_handle* h, std::vector<int> ids);
 
+    // Moves the fake clock on by `d`, then returns once every schedule of the
+    // process has run what fell due (the classes' delayed and periodic
+    // operations). An operation that schedules itself again from "now" runs
+    // once per call: advance by its period at most to see every run.
+    void advance(zn::Clock::Duration d);
+
     // Heartbeat tunings the daemon asked the service for, in order.
     std::vector<std::pair<unsigned, unsigned>> tunings();
 

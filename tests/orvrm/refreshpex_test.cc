@@ -7,7 +7,7 @@
 
 #include "orvrm/pexaclrefresh.h"
 #include "tests/support/TempDir.h"
-#include "tests/tarn_rmf2v/FakePexService.h"
+#include "tests/tarn_rmf2v/link/FakePexService.h"
 
 namespace {
 

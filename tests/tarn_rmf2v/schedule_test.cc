@@ -5,7 +5,6 @@
 #include <future>
 #include <mutex>
 #include <stdexcept>
-#include <thread>
 #include <vector>
 
 #include "platform/clock.h"
@@ -39,6 +38,11 @@ bool waitCompleted(const RMSchedule& s, uint64_t n) {
     return testsupport::waitFor([&] { return s.completed() >= n; });
 }
 
+// Waits until whatever was due has run.
+bool waitIdle(const RMSchedule& s) {
+    return testsupport::waitFor([&] { return s.idle(); });
+}
+
 TEST(Schedule, RunsInDeadlineOrderThenInsertionOrder) {
     zn::FakeClock clock;
     RMSchedule s(clock);
@@ -49,8 +53,9 @@ TEST(Schedule, RunsInDeadlineOrderThenInsertionOrder) {
     s.addOperation("C", record, &c, 20u);
     s.addOperation("D", record, &d, 10u);
     clock.advance(9s);
-    std::this_thread::sleep_for(20ms);
+    ASSERT_TRUE(waitIdle(s));
     EXPECT_EQ(s.completed(), 0u) << "nothing is due before its time";
+    EXPECT_EQ(s.pending(), 4u);
     clock.advance(1s);
     ASSERT_TRUE(waitCompleted(s, 2));
     clock.advance(10s);
@@ -72,7 +77,7 @@ TEST(Schedule, AbsoluteTimesUseTheWallClockAndPastTimesRunAtOnce) {
     s.addOperation("Past", record, &past, &yesterday);
     ASSERT_TRUE(waitCompleted(s, 1));
     clock.advance(2s);
-    std::this_thread::sleep_for(20ms);
+    ASSERT_TRUE(waitIdle(s));
     EXPECT_EQ(s.completed(), 1u);
     clock.advance(500ms);
     ASSERT_TRUE(waitCompleted(s, 2));
@@ -163,6 +168,52 @@ TEST(Schedule, DestructionDropsPendingOperations) {
     }
     clock.advance(10s);
     EXPECT_TRUE(log.order.empty());
+}
+
+// What tests rely on after advancing a fake clock: idle() holds only once
+// every operation that fell due has run, whatever it scheduled in turn.
+TEST(Schedule, IdleMeansNothingDueIsLeftToRun) {
+    zn::FakeClock clock;
+    RMSchedule s(clock);
+    EXPECT_TRUE(s.idle()) << "an empty schedule";
+    struct Chain {
+        RMSchedule* s;
+        int runs = 0;
+    } chain{&s};
+    // Each run schedules the next at once, three times.
+    RMSchedule::Operation step = [](void* a) {
+        auto* c = static_cast<Chain*>(a);
+        if (++c->runs < 3) {
+            c->s->addOperation(
+                "Chain",
+                +[](void* b) {
+                    auto* d = static_cast<Chain*>(b);
+                    ++d->runs;
+                },
+                c, 0u);
+        }
+    };
+    s.addOperation("Chain", step, &chain, 5u);
+    EXPECT_TRUE(s.idle()) << "pending, but not due";
+    clock.advance(5s);
+    ASSERT_TRUE(waitIdle(s));
+    EXPECT_EQ(chain.runs, 2);
+    EXPECT_EQ(s.completed(), 2u);
+    EXPECT_EQ(s.pending(), 0u);
+}
+
+TEST(Schedule, AllIdleCoversEverySchedule) {
+    zn::FakeClock a, b;
+    RMSchedule first(a), second(b);
+    Log log;
+    Op one{&log, 1}, two{&log, 2};
+    first.addOperation("One", record, &one, 1u);
+    second.addOperation("Two", record, &two, 1u);
+    EXPECT_TRUE(RMSchedule::allIdle());
+    b.advance(1s);
+    ASSERT_TRUE(testsupport::waitFor(RMSchedule::allIdle));
+    EXPECT_EQ(log.order, (std::vector<int>{2}));
+    EXPECT_EQ(first.pending(), 1u);
 }
 
 }  // namespace

@@ -8,9 +8,9 @@
 #include <thread>
 
 #include "platform/paths.h"
-#include "tarn_rmf2v/RMDiLink.h"
-#include "znpex/cli/Commands.h"
+#include "tarn_rmf2v/link/RMDiLink.h"
 #include "tests/znpex_server/ServiceHarness.h"
+#include "znpex/cli/Commands.h"
 #include "znpex/di/di_table.h"
 
 namespace {

@@ -9,8 +9,8 @@
 
 #include "platform/paths.h"
 #include "tarn_rmf2v/RMRmcp.h"
-#include "tarn_rmf2v/RMServiceCall.h"
-#include "tarn_rmf2v/RMServiceConnection.h"
+#include "tarn_rmf2v/link/RMServiceCall.h"
+#include "tarn_rmf2v/link/RMServiceConnection.h"
 #include "tests/support/Subprocess.h"
 #include "tests/znpex_server/ServiceHarness.h"
 #include "znpex/proto/ProtocolError.h"
@@ -108,7 +108,8 @@ TEST_F(DaemonTest, EitherStartOrderAndARestart) {
         }
         startManager();
         if (!serviceFirst) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            // It tries, finds nobody and keeps trying.
+            ASSERT_TRUE(waitFor([&] { return conn_->attempts() >= 3; }));
             EXPECT_FALSE(conn_->connected());
             d = std::make_unique<Daemon>(dir_, "second");
             ASSERT_NE(d->waitListening(), 0) << d->log();

@@ -17,7 +17,7 @@
 #include "tarn_rmf2v/RMRccp.h"
 #include "tarn_rmf2v/RMRcp.h"
 #include "tarn_rmf2v/RMRmcp.h"
-#include "tarn_rmf2v/RMServiceConnection.h"
+#include "tarn_rmf2v/link/RMServiceConnection.h"
 
 namespace watchtest {
 

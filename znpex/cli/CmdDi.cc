@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 
+#include "platform/clock.h"
 #include "znpex/cli/Commands.h"
 #include "znpex/cli/Interrupt.h"
 #include "znpex/cli/Table.h"
@@ -111,10 +112,11 @@ int cmdTablesWatch(CliSession& cli, uint64_t count, int durationS) {
         return cli.failCall();
     }
     InterruptScope interrupt;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(durationS);
+    zn::Clock& clock = zn::processClock();
+    const zn::Clock::Duration deadline = clock.monoNow() + std::chrono::seconds(durationS);
     int status = kExitOk;
     while (!interrupt.interrupted() && (count == 0 || seen < count) &&
-           (durationS == 0 || std::chrono::steady_clock::now() < deadline)) {
+           (durationS == 0 || clock.monoNow() < deadline)) {
         std::string why;
         std::lock_guard<std::mutex> g(s->ioMu);
         if (s->conn->pump(200, &why) == client::Connection::Status::Failed) {

@@ -8,6 +8,7 @@
 #include <sstream>
 #include <thread>
 
+#include "platform/clock.h"
 #include "znpex/cli/Commands.h"
 #include "znpex/cli/Interrupt.h"
 #include "znpex/cli/ValueText.h"
@@ -119,17 +120,19 @@ int cmdWatch(CliSession& cli, const WatchArgs& args) {
     // Ends the session (and so the dispatch below) when it is time to stop.
     std::atomic<bool> dispatchDone{false};
     std::atomic<bool> ended{false};
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(args.durationS);
+    zn::Clock& clock = zn::processClock();
+    const zn::Clock::Duration deadline = clock.monoNow() + std::chrono::seconds(args.durationS);
     std::thread stopper([&] {
         while (!dispatchDone.load()) {
             bool stop = interrupt.interrupted() ||
                         (args.count > 0 && printer.printed.load() >= args.count) ||
-                        (args.durationS > 0 && std::chrono::steady_clock::now() >= deadline);
+                        (args.durationS > 0 && clock.monoNow() >= deadline);
             if (stop) {
                 ended.store(true);
                 px_end_session(s);
                 return;
             }
+            // A short real-time poll: the interrupt comes from a signal.
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
     });

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/clock.h"
 #include "platform/paths.h"
 
 namespace znpex::server {
@@ -131,7 +132,7 @@ bool AclStore::reload(std::string* why) {
     status_.loaded = true;
     status_.stanzas = parsed->stanzas.size();
     status_.entries = parsed->entryCount();
-    status_.loadedAt = std::chrono::system_clock::now();
+    status_.loadedAt = zn::processClock().wallNow();
     status_.lastError.clear();
     rules_ = std::make_shared<const AclRules>(std::move(*parsed));
     return true;

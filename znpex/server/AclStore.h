@@ -4,7 +4,7 @@
 // rules() hands out an immutable snapshot; all operations are thread-safe.
 #pragma once
 
-#include <chrono>
+#include <ctime>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -31,7 +31,7 @@ public:
         bool loaded = false;
         size_t stanzas = 0;
         size_t entries = 0;
-        std::chrono::system_clock::time_point loadedAt{};
+        timespec loadedAt{};    // wall clock; zero until loaded
         std::string lastError;  // of the last failed reload, "" after a good one
     };
     Status status() const;

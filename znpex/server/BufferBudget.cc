@@ -16,7 +16,7 @@ constexpr size_t kTrimLater = 1u << 20;
 
 }  // namespace
 
-BufferBudget::BufferBudget(size_t limit) : limit_(limit) {}
+BufferBudget::BufferBudget(size_t limit) : limit_(limit), clock_(zn::processClock()) {}
 
 void BufferBudget::charge(size_t n) {
     size_t now = held_.fetch_add(n, std::memory_order_relaxed) + n;
@@ -58,7 +58,7 @@ void BufferBudget::maybeTrim(size_t atLeast) {
     if (!g.owns_lock() || freedSinceTrim_.load(std::memory_order_relaxed) < atLeast) {
         return;  // another thread is trimming, or little to give back
     }
-    auto now = std::chrono::steady_clock::now();
+    zn::Clock::Duration now = clock_.monoNow();
     if (now - lastTrim_ < kTrimInterval) {
         return;
     }

@@ -12,6 +12,8 @@
 #include <functional>
 #include <mutex>
 
+#include "platform/clock.h"
+
 namespace znpex::server {
 
 class BufferBudget {
@@ -53,8 +55,9 @@ private:
     std::atomic<bool> reclaiming_{false};
     std::atomic<uint64_t> closed_{0};
     std::atomic<size_t> freedSinceTrim_{0};
+    zn::Clock& clock_;   // the process clock when made
     std::mutex trimMu_;  // guards lastTrim_
-    std::chrono::steady_clock::time_point lastTrim_{};
+    zn::Clock::Duration lastTrim_{};
 };
 
 }  // namespace znpex::server

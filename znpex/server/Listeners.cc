@@ -39,7 +39,8 @@ Listeners::Listeners(asio::io_context& io, Accepted accepted)
       local_(io),
       tcp_(io),
       localPause_(io),
-      tcpPause_(io) {}
+      tcpPause_(io),
+      clock_(zn::processClock()) {}
 
 Listeners::~Listeners() {
     close();
@@ -132,7 +133,7 @@ void Listeners::acceptTcp() {
 
 void Listeners::retryLater(asio::steady_timer& timer, void (Listeners::*resume)(),
                            const asio::error_code& ec) {
-    auto now = std::chrono::steady_clock::now();
+    zn::Clock::Duration now = clock_.monoNow();
     std::unique_lock<std::mutex> lk(logMu_);
     if (now - lastErrorLog_ > std::chrono::seconds(1)) {
         lastErrorLog_ = now;

@@ -12,6 +12,7 @@
 #include <mutex>
 #include <string>
 
+#include "platform/clock.h"
 #include "znpex/server/AsioConfig.h"
 #include "znpex/server/Connection.h"
 
@@ -53,8 +54,9 @@ private:
     asio::steady_timer tcpPause_;
     std::string localPath_;
     uint16_t tcpPort_ = 0;
+    zn::Clock& clock_;  // the process clock when made
     std::mutex logMu_;  // guards lastErrorLog_ (both accept chains log)
-    std::chrono::steady_clock::time_point lastErrorLog_{};
+    zn::Clock::Duration lastErrorLog_{};
 };
 
 }  // namespace znpex::server

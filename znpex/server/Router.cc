@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <thread>
 #include <vector>
 
 #include "znpex/di/DiCodec.h"
@@ -49,7 +48,8 @@ Router::Router(AclStore& acl, RmRegistry& registry, di::DiStore& di, asio::any_i
       registry_(registry),
       executor_(std::move(executor)),
       options_(options),
-      started_(std::chrono::steady_clock::now()),
+      clock_(zn::processClock()),
+      started_(clock_.monoNow()),
       events_(std::make_unique<EventService>(
           registry_,
           std::min<std::chrono::milliseconds>(options.requestTimeout, std::chrono::seconds(10)))),
@@ -132,7 +132,7 @@ void Router::stopEvents() {
     if (events_->stopping() > 0) {
         // Closing drops what a connection has not written yet: give the
         // error events a moment to reach the sockets.
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        clock_.sleepFor(std::chrono::milliseconds(100));
     }
 }
 

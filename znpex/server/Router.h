@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/clock.h"
 #include "znpex/di/DiStore.h"
 #include "znpex/proto/JsonRpc.h"
 #include "znpex/server/AclStore.h"
@@ -231,7 +232,8 @@ private:
     RmRegistry& registry_;
     asio::any_io_executor executor_;
     const RouterOptions options_;
-    const std::chrono::steady_clock::time_point started_;
+    zn::Clock& clock_;  // the process clock when made
+    const zn::Clock::Duration started_;
 
     mutable std::mutex connMu_;  // guards connections_
     std::map<uint64_t, std::weak_ptr<Connection>> connections_;

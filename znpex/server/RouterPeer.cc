@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <climits>
 
+#include "platform/clock.h"
 #include "tarn_rmf2v/RMNodeId.h"
 #include "znhas/sec_proof.h"
 #include "znhas/znhas.h"
@@ -51,10 +52,10 @@ bool trustedHost(const std::string& host) {
     return rc == 0;
 }
 
+// The wall clock in milliseconds since the epoch.
 uint64_t nowMillis() {
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                     std::chrono::system_clock::now().time_since_epoch())
-                                     .count());
+    timespec t = zn::processClock().wallNow();
+    return static_cast<uint64_t>(static_cast<int64_t>(t.tv_sec) * 1000 + t.tv_nsec / 1'000'000);
 }
 
 Json replicateParams(uint64_t stamp, const di::Transaction& snapshot) {

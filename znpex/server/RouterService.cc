@@ -111,16 +111,15 @@ Json Router::status() const {
             Json{{"rm", mgr.rmName}, {"connected", mgr.connected}, {"classes", mgr.classes}});
     }
     AclStore::Status a = acl_.status();
-    Json acl = {
-        {"path", acl_.path()},
-        {"loaded", a.loaded},
-        {"stanzas", a.stanzas},
-        {"entries", a.entries},
-        {"loadedAt", static_cast<int64_t>(std::chrono::system_clock::to_time_t(a.loadedAt))}};
+    Json acl = {{"path", acl_.path()},
+                {"loaded", a.loaded},
+                {"stanzas", a.stanzas},
+                {"entries", a.entries},
+                {"loadedAt", static_cast<int64_t>(a.loadedAt.tv_sec)}};
     if (!a.lastError.empty()) {
         acl["lastError"] = a.lastError;
     }
-    auto up = std::chrono::steady_clock::now() - started_;
+    auto up = clock_.monoNow() - started_;
     return Json{
         {"connections", connectionCount()},
         {"managers", std::move(managers)},

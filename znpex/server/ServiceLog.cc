@@ -5,6 +5,8 @@
 #include <ctime>
 #include <mutex>
 
+#include "platform/clock.h"
+
 namespace znpex::server {
 
 void serviceLog(const char* format, ...) {
@@ -14,7 +16,7 @@ void serviceLog(const char* format, ...) {
     va_start(ap, format);
     std::vsnprintf(text, sizeof(text), format, ap);
     va_end(ap);
-    std::time_t now = std::time(nullptr);
+    std::time_t now = zn::processClock().wallNow().tv_sec;
     struct tm tmv {};
     localtime_r(&now, &tmv);
     char stamp[32];

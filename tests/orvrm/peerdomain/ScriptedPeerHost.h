@@ -16,7 +16,7 @@
 
 #include "platform/zn_owned.h"
 #include "tarn_rmf2v/RMRmcp.h"
-#include "tarn_rmf2v/RMServiceConnection.h"
+#include "tarn_rmf2v/link/RMServiceConnection.h"
 
 namespace peerdomaintest {
 

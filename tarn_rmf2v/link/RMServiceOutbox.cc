@@ -1,4 +1,4 @@
-#include "tarn_rmf2v/RMServiceOutbox.h"
+#include "tarn_rmf2v/link/RMServiceOutbox.h"
 
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -10,7 +10,8 @@
 
 namespace tarn_rmf2v {
 
-RMServiceOutbox::RMServiceOutbox(size_t maxBytes) : maxBytes_(maxBytes) {
+RMServiceOutbox::RMServiceOutbox(size_t maxBytes, zn::Clock& clock)
+    : maxBytes_(maxBytes), clock_(clock) {
     wakeFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (wakeFd_ < 0) {
         throw std::system_error(errno, std::generic_category(), "eventfd");
@@ -114,8 +115,12 @@ bool RMServiceOutbox::stopping() const {
 }
 
 bool RMServiceOutbox::sleepUnlessStopped(std::chrono::milliseconds d) {
+    const zn::Clock::Duration until = clock_.monoNow() + d;
     std::unique_lock<std::mutex> lk(mu_);
-    return cv_.wait_for(lk, d, [this] { return stopping_; });
+    while (!stopping_ && clock_.monoNow() < until) {
+        clock_.waitUntil(cv_, lk, until);
+    }
+    return stopping_;
 }
 
 }  // namespace tarn_rmf2v

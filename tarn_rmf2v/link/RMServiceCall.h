@@ -15,9 +15,10 @@ namespace tarn_rmf2v {
 // set and `why` (if given) saying what failed.
 int connectServiceSocket(const std::string& path, std::string* why);
 
-// Sends `method` with `params` and waits for the answer. Returns 0 with the
-// result in *result (may be null), or -1 with errno set and `why` describing
-// it: ENOENT/ECONNREFUSED (no service), ETIMEDOUT (no answer in time),
+// Sends `method` with `params` and waits for the answer, up to `timeout` of
+// the process clock. Returns 0 with the result in *result (may be null), or
+// -1 with errno set and `why` describing it: ENOENT/ECONNREFUSED (no
+// service), ETIMEDOUT (no answer in time),
 // EPROTO (an answer that is not one), EACCES (refused for this caller),
 // EIO (the service tried and failed; `why` has its message).
 int serviceCall(const std::string& socketPath, const std::string& method,

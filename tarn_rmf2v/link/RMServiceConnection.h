@@ -24,6 +24,7 @@
 #include <string>
 #include <thread>
 
+#include "platform/clock.h"
 #include "tarn_rmf2v/RMServiceLink.h"
 
 namespace tarn_rmf2v {
@@ -43,6 +44,9 @@ struct RMServiceConnectionOptions {
     // A connection on which nothing could be written for this long counts as
     // dead and is made again.
     std::chrono::milliseconds stallTimeout{std::chrono::seconds(30)};
+    // What times the backoff and the timeouts above (not owned); null: the
+    // process clock.
+    zn::Clock* clock = nullptr;
 };
 
 class RMServiceConnection : public RMServiceLink {
@@ -60,6 +64,8 @@ public:
 
     // Registered with the service right now.
     bool connected() const;
+    // Connections tried so far, made or not.
+    uint64_t attempts() const;
     // Successful registrations so far (one per connection made).
     uint64_t registrations() const;
     // Replies and notifications dropped because the queue was full.
@@ -83,6 +89,7 @@ private:
     std::shared_ptr<RMServiceOutbox> outbox_;
     std::thread thread_;
     std::atomic<bool> started_{false};
+    std::atomic<uint64_t> attempts_{0};
     std::atomic<uint64_t> registrations_{0};
 };
 

@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/clock.h"
 #include "znpex/proto/FrameIo.h"
 #include "znpex/proto/JsonRpc.h"
 
@@ -21,8 +22,9 @@ class RMServiceOutbox;
 
 class RMServiceSession {
 public:
+    // The clock (not owned) times the registration and the stall timeout.
     RMServiceSession(int fd, RMRmcp& rmcp, std::shared_ptr<RMServiceOutbox> outbox,
-                     std::chrono::milliseconds registerTimeout,
+                     zn::Clock& clock, std::chrono::milliseconds registerTimeout,
                      std::chrono::milliseconds stallTimeout, std::function<void()> onRegistered);
     ~RMServiceSession();
     RMServiceSession(const RMServiceSession&) = delete;
@@ -43,6 +45,7 @@ private:
     const int fd_;
     RMRmcp& rmcp_;
     std::shared_ptr<RMServiceOutbox> outbox_;
+    zn::Clock& clock_;
     const std::chrono::milliseconds registerTimeout_;
     const std::chrono::milliseconds stallTimeout_;
     std::function<void()> onRegistered_;
@@ -52,7 +55,7 @@ private:
     std::string wbuf_;
     size_t woff_ = 0;
     // Last time the write buffer was filled or drained a little.
-    std::chrono::steady_clock::time_point lastProgress_{};
+    zn::Clock::Duration lastProgress_{};
 };
 
 }  // namespace tarn_rmf2v

@@ -1,24 +1,28 @@
 // The resource manager's connection to the monitoring service, against a
 // scripted service on a local socket: registration, requests and replies,
 // notifications and peer messages, loss and reconnection with the control
-// point told, a service that starts late or refuses, replies for a replaced
-// connection, and a service that stops reading.
-#include "tarn_rmf2v/RMServiceConnection.h"
+// point told, a service that starts late, refuses or does not answer, replies
+// for a replaced connection, and a service that stops reading. Backoff and
+// timeouts run on a fake clock where a test is about them.
+#include "tarn_rmf2v/link/RMServiceConnection.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <optional>
 #include <thread>
+#include <vector>
 
+#include "platform/clock.h"
 #include "platform/paths.h"
 #include "tarn_rmf/RMCommonErrors.h"
 #include "tarn_rmf2v/RMLocks.h"
 #include "tarn_rmf2v/RMRmcp.h"
 #include "tests/support/Subprocess.h"
 #include "tests/support/TempDir.h"
-#include "tests/tarn_rmf2v/FakePexService.h"
+#include "tests/tarn_rmf2v/link/FakePexService.h"
 #include "znpex/proto/FrameIo.h"
 #include "znpex/proto/JsonRpc.h"
 
@@ -33,15 +37,21 @@ using Kind = RpcMessage::Kind;
 constexpr char kClass[] = "Test.Widget";
 
 // The service side of registration: "rm.register" is answered, refused the
-// first `refuseFirst` times; every other message is only kept.
+// first `refuseFirst` times, or left unanswered the first `ignoreFirst` times;
+// every other message is only kept.
 class FakeService : public testsupport::FakePexService {
 public:
-    explicit FakeService(int refuseFirst = 0) : refuseLeft_(refuseFirst) {
+    explicit FakeService(int refuseFirst = 0, int ignoreFirst = 0)
+        : refuseLeft_(refuseFirst), ignoreLeft_(ignoreFirst) {
         start([this](const RpcMessage& m) -> std::optional<std::string> {
             if (m.method != "rm.register") {
                 return std::nullopt;
             }
             ++attempts_;
+            if (ignoreLeft_ > 0) {
+                --ignoreLeft_;
+                return std::nullopt;
+            }
             if (refuseLeft_ > 0) {
                 --refuseLeft_;
                 return proto::dumpJson(proto::makeError(m.id, proto::kOperationFailed, "no"));
@@ -56,6 +66,7 @@ public:
 
 private:
     int refuseLeft_;
+    int ignoreLeft_;
     std::atomic<int> registrations_{0};
     std::atomic<int> attempts_{0};
 };
@@ -76,6 +87,7 @@ public:
         rsp->done(h, 2);
     }
     void invokeClassAction(RMActionResponse* rsp, int, zn_structured_data*) override {
+        holding = true;
         std::unique_lock<std::mutex> lk(holdMu);
         holdCv.wait(lk, [this] { return released; });
         rsp->done(nullptr);
@@ -90,6 +102,7 @@ public:
     }
     std::atomic<int> established{0};
     std::atomic<int> lost{0};
+    std::atomic<bool> holding{false};
     std::mutex holdMu;
     std::condition_variable holdCv;
     bool released = false;
@@ -134,6 +147,7 @@ protected:
     }
 
     testsupport::TempDir root_;
+    zn::FakeClock clock_;  // for the tests that give it to the connection; outlives it
     PeerRmcp rmcp_;
     WidgetRccp* rccp_;
     RMServiceConnectionOptions options_;
@@ -252,15 +266,61 @@ TEST_F(ServiceConnectionTest, ReconnectsAfterLossAndTellsTheControlPoint) {
     EXPECT_FALSE(conn_->connected());
 }
 
-TEST_F(ServiceConnectionTest, FindsAServiceThatStartsLater) {
+// Waits until the connection's thread waits on the fake clock (its backoff);
+// how long that wait is, in milliseconds (-1: it never waited).
+long long backoff(const zn::FakeClock& clock) {
+    std::optional<zn::Clock::Duration> wake;
+    testsupport::waitFor([&] {
+        wake = clock.nextWake();
+        return wake.has_value();
+    });
+    if (!wake) {
+        return -1;
+    }
+    return std::chrono::duration_cast<std::chrono::milliseconds>(*wake - clock.monoNow()).count();
+}
+
+TEST_F(ServiceConnectionTest, FindsAServiceThatStartsLaterBackingOffMeanwhile) {
+    options_.clock = &clock_;
     connect();
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    // Each failed try waits twice as long as the one before, up to the most.
+    using std::chrono::milliseconds;
+    const std::vector<milliseconds> waits{milliseconds(10), milliseconds(20),  milliseconds(40),
+                                          milliseconds(80), milliseconds(100), milliseconds(100)};
+    for (size_t i = 0; i < waits.size(); ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(backoff(clock_), waits[i].count());
+        EXPECT_EQ(conn_->attempts(), i + 1);
+        clock_.advance(waits[i]);
+        ASSERT_TRUE(testsupport::waitFor([&] { return conn_->attempts() == i + 2; }));
+    }
     EXPECT_FALSE(conn_->connected());
     EXPECT_EQ(rmcp_.serviceLink(), nullptr);
     EXPECT_EQ(rccp_->lost.load(), 0);  // never connected, nothing lost
     FakeService service;
+    ASSERT_EQ(backoff(clock_), options_.maxBackoff.count());
+    clock_.advance(options_.maxBackoff);
     ASSERT_TRUE(testsupport::waitFor([&] { return conn_->connected(); }));
     EXPECT_EQ(rccp_->established.load(), 1);
+}
+
+TEST_F(ServiceConnectionTest, ARegistrationLeftUnansweredIsGivenUpAtItsTimeout) {
+    options_.clock = &clock_;
+    options_.registerTimeout = std::chrono::seconds(10);
+    FakeService service(/*refuseFirst=*/0, /*ignoreFirst=*/1);
+    connect();
+    RpcMessage reg;
+    ASSERT_TRUE(service.takeMethod("rm.register", &reg));
+    clock_.advance(std::chrono::seconds(10));
+    EXPECT_EQ(backoff(clock_), options_.minBackoff.count());  // gave the connection up
+    EXPECT_FALSE(conn_->connected());
+    EXPECT_EQ(rccp_->established.load(), 0);
+    EXPECT_EQ(rccp_->lost.load(), 0);  // never registered, nothing lost
+    clock_.advance(options_.minBackoff);
+    ASSERT_TRUE(service.takeMethod("rm.register", &reg));
+    ASSERT_TRUE(testsupport::waitFor([&] { return conn_->connected(); }));
+    EXPECT_EQ(conn_->attempts(), 2u);
+    EXPECT_EQ(service.attempts(), 2);
 }
 
 TEST_F(ServiceConnectionTest, RefusedRegistrationIsTriedAgain) {
@@ -278,7 +338,7 @@ TEST_F(ServiceConnectionTest, ReplyMeantForAReplacedConnectionIsDropped) {
     service.send(proto::makeRequest(
         5, "rm.invokeClassAction",
         Json{{"class", kClass}, {"actionId", 9}, {"input", {{"t", 11}, {"v", Json::array()}}}}));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ASSERT_TRUE(testsupport::waitFor([&] { return rccp_->holding.load(); }));
     service.dropConnection();
     ASSERT_TRUE(testsupport::waitFor([&] { return conn_->registrations() == 2; }));
     rccp_->release();
@@ -290,8 +350,9 @@ TEST_F(ServiceConnectionTest, ReplyMeantForAReplacedConnectionIsDropped) {
 }
 
 TEST_F(ServiceConnectionTest, AServiceThatStopsReadingNeverBlocksTheSenders) {
+    options_.clock = &clock_;
     options_.maxQueuedBytes = 256 << 10;
-    options_.stallTimeout = std::chrono::milliseconds(500);
+    options_.stallTimeout = std::chrono::seconds(5);
     FakeService service;
     ASSERT_TRUE(connectAndWait());
     service.pause(true);
@@ -302,10 +363,25 @@ TEST_F(ServiceConnectionTest, AServiceThatStopsReadingNeverBlocksTheSenders) {
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
     EXPECT_GT(conn_->dropped(), 0u);  // what did not fit was dropped, not kept
-    // The stuck connection is given up and made again once the service reads.
-    ASSERT_TRUE(testsupport::waitFor([&] { return rccp_->lost.load() == 1; }));
+    // The stuck connection is given up once nothing could be written for the
+    // stall timeout (time moves a second per look until then)...
+    ASSERT_TRUE(testsupport::waitFor([&] {
+        if (rccp_->lost.load() == 1) {
+            return true;
+        }
+        clock_.advance(std::chrono::seconds(1));
+        return false;
+    }));
+    EXPECT_EQ(conn_->registrations(), 1u);
+    // ...and made again once the service reads (time moving on for the backoff).
     service.pause(false);
-    ASSERT_TRUE(testsupport::waitFor([&] { return conn_->registrations() == 2; }));
+    ASSERT_TRUE(testsupport::waitFor([&] {
+        if (conn_->registrations() == 2) {
+            return true;
+        }
+        clock_.advance(options_.minBackoff);
+        return false;
+    }));
 }
 
 }  // namespace

@@ -1,15 +1,16 @@
-#include "tarn_rmf2v/RMServiceSession.h"
+#include "tarn_rmf2v/link/RMServiceSession.h"
 
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "tarn_rmf2v/RMRmcp.h"
-#include "tarn_rmf2v/RMServiceOutbox.h"
+#include "tarn_rmf2v/link/RMServiceOutbox.h"
 #include "znpex/proto/NotifyMessages.h"
 #include "znpex/proto/RequestCodec.h"
 #include "znpex/proto/ServiceMessages.h"
@@ -30,12 +31,13 @@ bool stop(std::string* why, std::string text) {
 }  // namespace
 
 RMServiceSession::RMServiceSession(int fd, RMRmcp& rmcp, std::shared_ptr<RMServiceOutbox> outbox,
-                                   std::chrono::milliseconds registerTimeout,
+                                   zn::Clock& clock, std::chrono::milliseconds registerTimeout,
                                    std::chrono::milliseconds stallTimeout,
                                    std::function<void()> onRegistered)
     : fd_(fd),
       rmcp_(rmcp),
       outbox_(std::move(outbox)),
+      clock_(clock),
       registerTimeout_(registerTimeout),
       stallTimeout_(stallTimeout),
       onRegistered_(std::move(onRegistered)) {}
@@ -55,26 +57,25 @@ bool RMServiceSession::run(std::string* why) {
     }
     outbox_->post(generation_, proto::dumpJson(proto::makeRequest(kRegisterId, proto::kRmRegister,
                                                                   proto::encodeRegister(reg))));
-    auto registerBy = std::chrono::steady_clock::now() + registerTimeout_;
+    const zn::Clock::Duration registerBy = clock_.monoNow() + registerTimeout_;
     for (;;) {
         if (outbox_->stopping()) {
             *why = "stopping";
             return registered_;
         }
-        auto now = std::chrono::steady_clock::now();
+        zn::Clock::Duration now = clock_.monoNow();
         if (woff_ < wbuf_.size() && now - lastProgress_ > stallTimeout_) {
             *why = "the service does not read what is sent to it";
             return registered_;
         }
-        int waitMs = 100;
+        // The stall timeout is looked at between polls, at least this often.
+        zn::Clock::Duration wait = std::chrono::milliseconds(100);
         if (!registered_) {
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                registerBy - std::chrono::steady_clock::now());
-            if (left.count() <= 0) {
+            if (now >= registerBy) {
                 *why = "the service did not answer the registration in time";
                 return false;
             }
-            waitMs = static_cast<int>(std::min<long long>(left.count(), waitMs));
+            wait = std::min(wait, clock_.waitSlice(registerBy));
         }
         if (woff_ == wbuf_.size()) {
             wbuf_.clear();
@@ -84,7 +85,7 @@ bool RMServiceSession::run(std::string* why) {
         }
         pollfd fds[2] = {{fd_, static_cast<short>(POLLIN | (wbuf_.empty() ? 0 : POLLOUT)), 0},
                          {outbox_->wakeFd(), POLLIN, 0}};
-        int rc = ::poll(fds, 2, waitMs);
+        int rc = ::poll(fds, 2, zn::pollTimeoutMs(wait));
         if (rc < 0 && errno != EINTR) {
             *why = std::string("poll: ") + std::strerror(errno);
             return registered_;
@@ -118,7 +119,7 @@ bool RMServiceSession::writeSome(std::string* why) {
             return stop(why, std::string("writing to the service: ") + std::strerror(errno));
         }
         woff_ += static_cast<size_t>(n);
-        lastProgress_ = std::chrono::steady_clock::now();
+        lastProgress_ = clock_.monoNow();
     }
     return true;
 }

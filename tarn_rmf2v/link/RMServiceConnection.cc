@@ -1,14 +1,14 @@
-#include "tarn_rmf2v/RMServiceConnection.h"
+#include "tarn_rmf2v/link/RMServiceConnection.h"
 
 #include <algorithm>
 
 #include "platform/paths.h"
 #include "tarn_base/CTraceManager.h"
-#include "tarn_rmf2v/RMDiLink.h"
 #include "tarn_rmf2v/RMRmcp.h"
-#include "tarn_rmf2v/RMServiceCall.h"
-#include "tarn_rmf2v/RMServiceOutbox.h"
-#include "tarn_rmf2v/RMServiceSession.h"
+#include "tarn_rmf2v/link/RMDiLink.h"
+#include "tarn_rmf2v/link/RMServiceCall.h"
+#include "tarn_rmf2v/link/RMServiceOutbox.h"
+#include "tarn_rmf2v/link/RMServiceSession.h"
 #include "znpex/proto/JsonRpc.h"
 #include "znpex/proto/NotifyMessages.h"
 #include "znpex/proto/ServiceMessages.h"
@@ -34,6 +34,9 @@ RMServiceConnectionOptions withDefaults(RMServiceConnectionOptions o) {
     }
     o.minBackoff = std::max(o.minBackoff, std::chrono::milliseconds(1));
     o.maxBackoff = std::max(o.maxBackoff, o.minBackoff);
+    if (o.clock == nullptr) {
+        o.clock = &zn::processClock();
+    }
     return o;
 }
 
@@ -42,7 +45,7 @@ RMServiceConnectionOptions withDefaults(RMServiceConnectionOptions o) {
 RMServiceConnection::RMServiceConnection(RMRmcp& rmcp, RMServiceConnectionOptions options)
     : rmcp_(rmcp),
       options_(withDefaults(std::move(options))),
-      outbox_(std::make_shared<RMServiceOutbox>(options_.maxQueuedBytes)) {}
+      outbox_(std::make_shared<RMServiceOutbox>(options_.maxQueuedBytes, *options_.clock)) {}
 
 RMServiceConnection::~RMServiceConnection() {
     stop();
@@ -68,6 +71,10 @@ bool RMServiceConnection::connected() const {
     return outbox_->registered();
 }
 
+uint64_t RMServiceConnection::attempts() const {
+    return attempts_.load();
+}
+
 uint64_t RMServiceConnection::registrations() const {
     return registrations_.load();
 }
@@ -82,11 +89,13 @@ void RMServiceConnection::run() {
     while (!outbox_->stopping()) {
         std::string why;
         int fd = connectServiceSocket(options_.socketPath, &why);
+        attempts_.fetch_add(1);
         if (fd >= 0) {
             bool wasRegistered = false;
             {
-                RMServiceSession session(fd, rmcp_, outbox_, options_.registerTimeout,
-                                         options_.stallTimeout, [this] { established(); });
+                RMServiceSession session(fd, rmcp_, outbox_, *options_.clock,
+                                         options_.registerTimeout, options_.stallTimeout,
+                                         [this] { established(); });
                 wasRegistered = session.run(&why);
             }
             if (wasRegistered) {

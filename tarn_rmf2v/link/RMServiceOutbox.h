@@ -15,12 +15,15 @@
 #include <string>
 #include <string_view>
 
+#include "platform/clock.h"
+
 namespace tarn_rmf2v {
 
 class RMServiceOutbox {
 public:
     // Creates the wake-up descriptor; throws std::system_error if it can't.
-    explicit RMServiceOutbox(size_t maxBytes);
+    // The clock (not owned) times sleepUnlessStopped.
+    RMServiceOutbox(size_t maxBytes, zn::Clock& clock);
     ~RMServiceOutbox();
     RMServiceOutbox(const RMServiceOutbox&) = delete;
     RMServiceOutbox& operator=(const RMServiceOutbox&) = delete;
@@ -48,13 +51,14 @@ public:
 
     void requestStop();
     bool stopping() const;
-    // Sleeps up to `d`; returns early (true) when asked to stop.
+    // Sleeps up to `d` of the clock's time; returns early (true) when asked to stop.
     bool sleepUnlessStopped(std::chrono::milliseconds d);
 
 private:
     void wake();
 
     const size_t maxBytes_;
+    zn::Clock& clock_;
     int wakeFd_ = -1;
     mutable std::mutex mu_;  // guards everything below
     std::condition_variable cv_;

@@ -1,8 +1,8 @@
-#include "tarn_rmf2v/RMDiLink.h"
+#include "tarn_rmf2v/link/RMDiLink.h"
 
 #include "platform/paths.h"
 #include "tarn_base/CTraceManager.h"
-#include "tarn_rmf2v/RMServiceCall.h"
+#include "tarn_rmf2v/link/RMServiceCall.h"
 #include "znpex/di/DiCodec.h"
 #include "znpex/di/di_table.h"
 

@@ -1,4 +1,4 @@
-#include "tarn_rmf2v/RMServiceCall.h"
+#include "tarn_rmf2v/link/RMServiceCall.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/clock.h"
 #include "znpex/proto/FrameIo.h"
 #include "znpex/proto/JsonRpc.h"
 
@@ -21,10 +22,9 @@ int fail(int err, std::string* why, std::string text) {
     return -1;
 }
 
-int remainingMs(std::chrono::steady_clock::time_point end) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        end - std::chrono::steady_clock::now());
-    return left.count() > 0 ? static_cast<int>(left.count()) : 0;
+// One real-time wait on the way to `end` on the process clock.
+int sliceMs(zn::Clock::Duration end) {
+    return zn::pollTimeoutMs(zn::processClock().waitSlice(end));
 }
 
 }  // namespace
@@ -57,7 +57,7 @@ int serviceCall(const std::string& socketPath, const std::string& method,
                 const znpex::proto::Json& params, znpex::proto::Json* result, std::string* why,
                 std::chrono::milliseconds timeout) {
     namespace proto = znpex::proto;
-    auto end = std::chrono::steady_clock::now() + timeout;
+    const zn::Clock::Duration end = zn::processClock().monoNow() + timeout;
     int fd = connectServiceSocket(socketPath, why);
     if (fd < 0) {
         return -1;
@@ -67,8 +67,11 @@ int serviceCall(const std::string& socketPath, const std::string& method,
         ~Closer() { ::close(fd); }
     } closer{fd};
     const proto::Json id = 1;
-    proto::IoStatus st = proto::writeFrame(
-        fd, proto::dumpJson(proto::makeRequest(id, method, params)), remainingMs(end));
+    // One small frame, which a write cannot take up halfway and resume: it
+    // gets all the time left, in real time.
+    proto::IoStatus st =
+        proto::writeFrame(fd, proto::dumpJson(proto::makeRequest(id, method, params)),
+                          zn::pollTimeoutMs(end - zn::processClock().monoNow()));
     if (st != proto::IoStatus::Ok) {
         int err = st == proto::IoStatus::Timeout ? ETIMEDOUT : errno != 0 ? errno : EIO;
         return fail(err, why, std::string("sending ") + method + ": " + proto::ioStatusText(st));
@@ -76,8 +79,11 @@ int serviceCall(const std::string& socketPath, const std::string& method,
     proto::FdFrameReader reader(fd);
     for (;;) {
         std::string payload;
-        st = reader.next(payload, remainingMs(end));
+        st = reader.next(payload, sliceMs(end));
         if (st == proto::IoStatus::Timeout) {
+            if (zn::processClock().monoNow() < end) {
+                continue;  // a slice of the wait, not the whole of it
+            }
             return fail(ETIMEDOUT, why, "no answer to " + method + " in time");
         }
         if (st != proto::IoStatus::Ok) {
