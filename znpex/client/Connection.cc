@@ -127,12 +127,51 @@ Connection::~Connection() {
 
 Connection::Status Connection::call(const std::string& method, proto::Json params, int timeoutMs,
                                     proto::RpcMessage& reply, std::string* why) {
+    uint64_t id = nextId_++;
+    if (Status st = send(id, method, std::move(params), timeoutMs, why); st != Status::Ok) {
+        return st;
+    }
+    return receive(id, id + 1, timeoutMs, reply, why);
+}
+
+Connection::Status Connection::callMany(std::vector<Request> requests, size_t window, int timeoutMs,
+                                        std::vector<proto::RpcMessage>& replies, std::string* why) {
+    size_t n = requests.size();
+    replies.assign(n, proto::RpcMessage{});
+    std::vector<bool> have(n, false);
+    uint64_t first = nextId_;
+    nextId_ += n;
+    window = window > 0 ? window : 1;
+    size_t sent = 0;
+    size_t got = 0;
+    while (got < n) {
+        for (; sent < n && sent - got < window; ++sent) {
+            Request& r = requests[sent];
+            if (Status st = send(first + sent, r.method, std::move(r.params), timeoutMs, why);
+                st != Status::Ok) {
+                return st;
+            }
+        }
+        proto::RpcMessage m;
+        if (Status st = receive(first, first + sent, timeoutMs, m, why); st != Status::Ok) {
+            return st;
+        }
+        size_t i = static_cast<size_t>(m.id.get<uint64_t>() - first);
+        if (!have[i]) {  // a second answer to one request is not counted twice
+            have[i] = true;
+            replies[i] = std::move(m);
+            ++got;
+        }
+    }
+    return Status::Ok;
+}
+
+Connection::Status Connection::send(uint64_t id, const std::string& method, proto::Json params,
+                                    int timeoutMs, std::string* why) {
     if (broken_) {
         *why = "the connection was lost earlier";
         return Status::Failed;
     }
-    uint64_t id = nextId_++;
-    auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
     std::string payload = proto::dumpJson(proto::makeRequest(id, method, std::move(params)));
     proto::IoStatus ws = proto::writeFrame(fd_, payload, timeoutMs);
     if (ws != proto::IoStatus::Ok) {
@@ -141,6 +180,16 @@ Connection::Status Connection::call(const std::string& method, proto::Json param
         *why = ws == proto::IoStatus::Failed ? std::strerror(errno) : proto::ioStatusText(ws);
         return ws == proto::IoStatus::Timeout ? Status::Timeout : Status::Failed;
     }
+    return Status::Ok;
+}
+
+Connection::Status Connection::receive(uint64_t first, uint64_t last, int timeoutMs,
+                                       proto::RpcMessage& reply, std::string* why) {
+    if (broken_) {
+        *why = "the connection was lost earlier";
+        return Status::Failed;
+    }
+    auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
     for (;;) {
         std::string frame;
         proto::IoStatus rs = reader_.next(frame, msLeft(end));
@@ -168,8 +217,11 @@ Connection::Status Connection::call(const std::string& method, proto::Json param
             }
             continue;
         }
-        if (reply.id.is_number_unsigned() && reply.id.get<uint64_t>() == id) {
-            return Status::Ok;
+        if (reply.id.is_number_unsigned()) {
+            uint64_t id = reply.id.get<uint64_t>();
+            if (id >= first && id < last) {
+                return Status::Ok;
+            }
         }
         if (reply.kind == proto::RpcMessage::Kind::Error && reply.id.is_null()) {
             // The service could not read what we sent and is closing.

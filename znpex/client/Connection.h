@@ -1,6 +1,7 @@
 // One connection of a client to the service: opened with a bounded connect,
 // then request/reply calls matched by id (notifications and stale replies of
-// earlier timed-out calls are skipped; notifications go to a sink when one is set). Owns its socket. Not thread-safe: the
+// earlier timed-out calls are skipped; notifications go to a sink when one
+// is set), one at a time or pipelined. Owns its socket. Not thread-safe: the
 // session serialises its calls.
 #pragma once
 
@@ -8,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "znpex/client/Contact.h"
 #include "znpex/proto/FrameIo.h"
@@ -30,6 +32,17 @@ public:
     // be half written or the stream is unusable.
     Status call(const std::string& method, proto::Json params, int timeoutMs,
                 proto::RpcMessage& reply, std::string* why);
+    // Sends the requests with up to `window` of them on the wire at once and
+    // puts each reply at its request's index, in whatever order they come.
+    // timeoutMs bounds the wait for each next reply, so a long batch that
+    // keeps moving never times out. On Timeout or Failed the replies are
+    // incomplete; replies that come later are skipped as stale.
+    struct Request {
+        std::string method;
+        proto::Json params;
+    };
+    Status callMany(std::vector<Request> requests, size_t window, int timeoutMs,
+                    std::vector<proto::RpcMessage>& replies, std::string* why);
     // Notifications read by call() or pump() go to the sink (none: skipped).
     using NotificationSink = std::function<void(proto::RpcMessage&&)>;
     void setNotificationSink(NotificationSink sink) { sink_ = std::move(sink); }
@@ -41,6 +54,12 @@ public:
 
 private:
     Connection(int fd, Contact contact);
+    Status send(uint64_t id, const std::string& method, proto::Json params, int timeoutMs,
+                std::string* why);
+    // Reads until the reply to an id in [first, last) comes; anything else is
+    // a notification (to the sink) or the stale reply of an earlier call.
+    Status receive(uint64_t first, uint64_t last, int timeoutMs, proto::RpcMessage& reply,
+                   std::string* why);
     int fd_;
     Contact contact_;
     proto::FdFrameReader reader_;

@@ -1,5 +1,6 @@
 #include "znpex/client/Requests.h"
 
+#include <algorithm>
 #include <new>
 
 #include "znpex/client/ClientErrors.h"
@@ -127,20 +128,29 @@ int selectHandles(px_session& s, const std::string& className, const char* selec
 int perResource(px_session& s, const RequestMaker& make,
                 const std::vector<zn_resource_handle>* handles,
                 const std::vector<tarn_rmf2v::RMAttrDef>* defs, px_resources_rsp_t** rsp) {
+    // Requests go pipelined, a slice at a time so that a selection of many
+    // thousands never holds all its encoded requests at once.
+    constexpr size_t kSlice = 1024;
     size_t n = handles != nullptr ? handles->size() : 1;
     RspPtr<px_resources_rsp_t> out = makeResources(n);
-    for (size_t i = 0; i < n; ++i) {
-        RMRequest r = make();
-        const zn_resource_handle* h = nullptr;
-        if (handles != nullptr) {
-            h = &(*handles)[i];
-            r.handle = *h;
+    std::vector<RMRequest> requests;
+    std::vector<RMReply> replies;
+    for (size_t from = 0; from < n; from += kSlice) {
+        size_t to = std::min(n, from + kSlice);
+        requests.clear();
+        for (size_t i = from; i < to; ++i) {
+            requests.push_back(make());
+            if (handles != nullptr) {
+                requests.back().handle = (*handles)[i];
+            }
         }
-        RMReply reply;
-        if (int rc = callRm(s, r, reply); rc != PX_OK) {
+        if (int rc = callRmMany(s, requests, replies); rc != PX_OK) {
             return rc;
         }
-        fillEntry(out->resources[i], h, reply, defs);
+        for (size_t i = from; i < to; ++i) {
+            const zn_resource_handle* h = handles != nullptr ? &(*handles)[i] : nullptr;
+            fillEntry(out->resources[i], h, replies[i - from], defs);
+        }
     }
     attachHostErrors(out->hdr);
     *rsp = out.release();

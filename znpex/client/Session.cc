@@ -76,6 +76,52 @@ int callRm(px_session& s, const tarn_rmf2v::RMRequest& request, tarn_rmf2v::RMRe
     return PX_OK;
 }
 
+int callRmMany(px_session& s, const std::vector<tarn_rmf2v::RMRequest>& requests,
+               std::vector<tarn_rmf2v::RMReply>& replies) {
+    std::vector<Connection::Request> batch;
+    batch.reserve(requests.size());
+    for (const tarn_rmf2v::RMRequest& r : requests) {
+        try {
+            batch.push_back({proto::rmMethod(r.op), proto::encodeRequestParams(r)});
+        } catch (const proto::ProtocolError& e) {
+            return failInvalid(tarn_rmf2v::requestOpName(r.op), e.what());
+        }
+    }
+    std::vector<proto::RpcMessage> answers;
+    {
+        std::lock_guard<std::mutex> g(s.ioMu);
+        if (!s.conn) {
+            return failComm("(none)", "the session has no connection");
+        }
+        std::string why;
+        std::string method = batch.empty() ? std::string() : batch.front().method;
+        switch (s.conn->callMany(std::move(batch), kPipelineWindow, s.requestTimeoutMs, answers,
+                                 &why)) {
+            case Connection::Status::Ok:
+                break;
+            case Connection::Status::Timeout:
+                return failTimeout(s.conn->contact().text(), method, s.requestTimeoutMs);
+            case Connection::Status::Failed:
+                return failComm(s.conn->contact().text(), why);
+        }
+    }
+    replies.clear();
+    replies.reserve(answers.size());
+    for (size_t i = 0; i < answers.size(); ++i) {
+        std::string method = proto::rmMethod(requests[i].op);
+        if (answers[i].kind == proto::RpcMessage::Kind::Error) {
+            return failRpc(method, answers[i]);
+        }
+        try {
+            replies.push_back(proto::decodeReply(answers[i].result));
+        } catch (const proto::ProtocolError& e) {
+            return failReply(method, e.what());
+        }
+        collectHostErrors(method, answers[i].result);
+    }
+    return PX_OK;
+}
+
 int listClasses(px_session& s, std::vector<proto::ClassInfo>& out) {
     proto::Json result;
     if (int rc = call(s, proto::kClassList, proto::Json::object(), result); rc != PX_OK) {

@@ -43,6 +43,12 @@ void setDefaultTimeouts(int connectMs, int requestMs);
 int call(px_session& s, const std::string& method, proto::Json params, proto::Json& result);
 // A resource-manager request: encoded, sent, and its reply decoded.
 int callRm(px_session& s, const tarn_rmf2v::RMRequest& request, tarn_rmf2v::RMReply& reply);
+// Several of them with up to kPipelineWindow on the wire at once, so that a
+// request per resource costs no round trip each; replies in request order.
+// The first failure ends the batch, as the same requests one by one would.
+inline constexpr size_t kPipelineWindow = 16;
+int callRmMany(px_session& s, const std::vector<tarn_rmf2v::RMRequest>& requests,
+               std::vector<tarn_rmf2v::RMReply>& replies);
 // The class list (fetched afresh, and cached).
 int listClasses(px_session& s, std::vector<proto::ClassInfo>& out);
 // The definition of one class, fetched once and again when not found;
