@@ -1,9 +1,8 @@
 // orvctl node add NAME [--ip ADDR]... [--id UID] [ATTR=VALUE]...: defines a
 // node. orvctl makes up no universal id: a node's network interfaces are
 // made once it has one, so addresses without one get a note saying so.
-#include <cstring>
-
 #include "orvctl/NodeFind.h"
+#include "orvctl/Values.h"
 #include "znpex/cli/Assignments.h"
 #include "znpex/cli/ValueText.h"
 #include "znpex/client/Responses.h"
@@ -16,28 +15,6 @@ using znpex::cli::kExitOk;
 using znpex::proto::Json;
 
 namespace {
-
-zn::OwnedValue stringValue(const std::string& s) {
-    zn_value_t v;
-    v.ptr_char = strdup(s.c_str());
-    if (v.ptr_char == nullptr) {
-        throw std::bad_alloc();
-    }
-    return zn::OwnedValue(ZN_CHAR_PTR, v);
-}
-
-zn::OwnedValue stringArray(const std::vector<std::string>& list) {
-    zn_value_t v;
-    v.ptr_array = zn_array_new(static_cast<uint32_t>(list.size()));
-    if (v.ptr_array == nullptr) {
-        throw std::bad_alloc();
-    }
-    zn::OwnedValue out(ZN_CHAR_PTR_ARRAY, v);
-    for (size_t i = 0; i < list.size(); ++i) {
-        out.value().ptr_array->elements[i] = stringValue(list[i]).release();
-    }
-    return out;
-}
 
 // The universal id the node is given, 0 when none.
 uint64_t universalIdOf(const znpex::cli::Assignments& a) {
@@ -54,9 +31,9 @@ uint64_t universalIdOf(const znpex::cli::Assignments& a) {
 
 int nodeAdd(CliSession& cli, const AddArgs& args) {
     znpex::cli::Assignments a;
-    a.add("Hostname", stringValue(args.name));
+    a.add("Hostname", textValue(args.name));
     if (!args.ips.empty()) {
-        a.add("ConnectivityIPAddrs", stringArray(args.ips));
+        a.add("ConnectivityIPAddrs", textArray(args.ips));
     }
     if (!args.id.empty()) {
         std::string why;

@@ -2,27 +2,18 @@
 // interfaces and group memberships, which the manager removes with them),
 // naming each one removed or refused. Names no node has are reported and
 // the others are still removed.
-#include <map>
-
 #include "orvctl/NodeFind.h"
-#include "znpex/client/Responses.h"
-#include "znpex/proto/ValueCodec.h"
+#include "orvctl/Undefine.h"
 
 namespace orvctl {
 
 using znpex::cli::kExitFailed;
 using znpex::cli::kExitOk;
-using znpex::proto::Json;
 
 namespace {
 
-struct Target {
-    zn_resource_handle handle;
-    std::string name;
-};
-
 // The nodes to remove; false after printing why the lookup failed.
-bool targets(CliSession& cli, const RemoveArgs& args, std::vector<Target>& out, Json& missing,
+bool targets(CliSession& cli, const RemoveArgs& args, std::vector<Named>& out, Removal& r,
              int* status) {
     if (args.hasSelection) {
         static const std::vector<std::string> kName = {"Hostname"};
@@ -32,7 +23,7 @@ bool targets(CliSession& cli, const RemoveArgs& args, std::vector<Target>& out, 
             return false;
         }
         for (const auto& n : nodes) {
-            out.push_back({n.handle, n.hostname()});
+            out.push_back({n.handle, n.text("Hostname")});
         }
         return true;
     }
@@ -44,7 +35,7 @@ bool targets(CliSession& cli, const RemoveArgs& args, std::vector<Target>& out, 
                 break;
             case Found::No:
                 cli.err() << cli.program() << ": " << noNodeNamed(name) << '\n';
-                missing.push_back(name);
+                r.missing.push_back(name);
                 *status = kExitFailed;
                 break;
             case Found::Failed:
@@ -61,61 +52,16 @@ int nodeRemove(CliSession& cli, const RemoveArgs& args) {
         return cli.usage("give the nodes either by name or with --selection");
     }
     int status = kExitOk;
-    std::vector<Target> nodes;
-    Json missing = Json::array();
-    if (!targets(cli, args, nodes, missing, &status)) {
+    std::vector<Named> nodes;
+    Removal removal;
+    if (!targets(cli, args, nodes, removal, &status) ||
+        !undefineNamed(cli, kNodeClass, nodes, removal, &status)) {
         return kExitFailed;
     }
-    Json removed = Json::array();
-    Json refused = Json::array();
-    if (!nodes.empty()) {
-        std::vector<zn_resource_handle> handles;
-        for (const auto& n : nodes) {
-            handles.push_back(n.handle);
-        }
-        px_resources_rsp_t* r = nullptr;
-        if (px_undefine_resource(cli.session(), kNodeClass, handles.data(),
-                                 static_cast<uint32_t>(handles.size()), nullptr, &r) != PX_OK) {
-            return cli.failCall();
-        }
-        znpex::client::RspPtr<px_resources_rsp_t> rsp(r);
-        if (r->hdr.pr_error != nullptr) {
-            return cli.fail(r->hdr.pr_error);
-        }
-        std::map<std::string, std::string> names;  // handle (hex), host name
-        for (const auto& n : nodes) {
-            names[znpex::proto::handleToHex(n.handle)] = n.name;
-        }
-        for (uint32_t i = 0; i < r->resource_count; ++i) {
-            const px_resource_rsp_t& e = r->resources[i];
-            std::string name = znpex::proto::handleToHex(e.handle);
-            if (auto it = names.find(name); it != names.end()) {
-                name = it->second;
-            }
-            if (e.error != nullptr) {
-                cli.printError(e.error, name);
-                refused.push_back({{"name", name}, {"error", CliSession::errorJson(e.error)}});
-                status = kExitFailed;
-            } else {
-                removed.push_back(name);
-                if (!cli.opts().json()) {
-                    cli.out() << "Removed " << name << '\n';
-                }
-            }
-        }
-    } else if (args.hasSelection && !cli.opts().json()) {
+    if (nodes.empty() && args.hasSelection && !cli.opts().json()) {
         cli.out() << "No node matches the selection\n";
     }
-    if (cli.opts().json()) {
-        Json out{{"removed", std::move(removed)}};
-        if (!refused.empty()) {
-            out["refused"] = std::move(refused);
-        }
-        if (!missing.empty()) {
-            out["missing"] = std::move(missing);
-        }
-        cli.out() << out.dump(2) << '\n';
-    }
+    printRemoval(cli, removal);
     return status;
 }
 
