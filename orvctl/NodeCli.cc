@@ -18,7 +18,8 @@ struct SetArgs {
 }  // namespace
 
 void addNodeCommands(CLI::App& app, bool progress, std::vector<Command>& out) {
-    auto* node = app.add_subcommand("node", "Managed nodes: add, ls, show, set, rm, import");
+    auto* node =
+        app.add_subcommand("node", "Managed nodes: add, ls, show, set, rm, import, groups");
     node->require_subcommand(1, 1);
     node->footer(kFooter);
 
@@ -87,6 +88,14 @@ void addNodeCommands(CLI::App& app, bool progress, std::vector<Command>& out) {
     out.push_back({importCmd, [import](CliSession& cli, bool) {
                        return znpex::cli::cmdDefineFile(cli, *import);
                    }});
+
+    auto groupsName = std::make_shared<std::string>();
+    auto* groupsCmd =
+        node->add_subcommand("groups", "List the groups whose expanded members hold a node");
+    groupsCmd->add_option("name", *groupsName, "The node's host name")->required();
+    groupsCmd->footer("One group a line, by name; -o json gives a JSON array.");
+    out.push_back(
+        {groupsCmd, [groupsName](CliSession& cli, bool) { return nodeGroups(cli, *groupsName); }});
 }
 
 }  // namespace orvctl

@@ -33,5 +33,7 @@ int nodeList(CliSession& cli, const std::string& selection, bool wide);
 int nodeShow(CliSession& cli, const std::string& name);
 int nodeSet(CliSession& cli, const std::string& name, const std::vector<std::string>& assignments);
 int nodeRemove(CliSession& cli, const RemoveArgs& args);
+// The groups whose expanded member list holds the node.
+int nodeGroups(CliSession& cli, const std::string& name);
 
 }  // namespace orvctl

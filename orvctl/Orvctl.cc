@@ -40,13 +40,14 @@ void addGlobalOptionsBelow(CLI::App* app, GlobalOptions& g) {
 
 int runOrvctl(int argc, const char* const* argv, std::ostream& out, std::ostream& err,
               bool errIsTerminal) {
-    CLI::App app{"orvctl: manage the nodes of this management server", "orvctl"};
+    CLI::App app{"orvctl: manage the nodes and node groups of this management server", "orvctl"};
     app.footer(kFooter);
     GlobalOptions g;
     addGlobalOptions(&app, g, "Options");
     app.require_subcommand(1, 1);
     std::vector<Command> commands;
     addNodeCommands(app, errIsTerminal, commands);
+    addGroupCommands(app, commands);
     addGlobalOptionsBelow(&app, g);
     try {
         app.parse(argc, argv);

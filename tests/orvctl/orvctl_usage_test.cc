@@ -19,9 +19,18 @@ TEST(OrvctlUsage, EveryCommandAnswersHelp) {
         {"node", "set", "--help"},
         {"node", "rm", "--help"},
         {"node", "import", "--help"},
+        {"node", "groups", "--help"},
+        {"group", "--help"},
+        {"group", "add", "--help"},
+        {"group", "ls", "--help"},
+        {"group", "show", "--help"},
+        {"group", "members", "--help"},
+        {"group", "add-members", "--help"},
+        {"group", "rm-members", "--help"},
+        {"group", "rm", "--help"},
     };
     for (const auto& args : commands) {
-        SCOPED_TRACE(args.size() > 1 ? args[1] : args[0]);
+        SCOPED_TRACE(args.size() > 2 ? args[0] + " " + args[1] : args[0]);
         Outcome r = orvctl(args);
         EXPECT_EQ(r.status, 0) << r.err;
         EXPECT_NE(r.out.find("Usage:"), std::string::npos) << r.out;
@@ -33,6 +42,10 @@ TEST(OrvctlUsage, EveryCommandAnswersHelp) {
               std::string::npos)
         << "the help says how arrays are written";
     EXPECT_NE(orvctl({"--help"}).out.find("Exit status: 0 done, 1"), std::string::npos);
+    std::string add = orvctl({"group", "add", "--help"}).out;
+    for (const char* option : {"--members", "--select", "--validate"}) {
+        EXPECT_NE(add.find(option), std::string::npos) << option;
+    }
 }
 
 TEST(OrvctlUsage, UsageErrorsExitWithTwo) {
@@ -52,6 +65,22 @@ TEST(OrvctlUsage, UsageErrorsExitWithTwo) {
         {"node", "rm", "n1", "--selection", "*"},
         {"node", "add", "n1", "--id", "12x"},
         {"node", "add", "n1", "--id", "-1"},
+        {"node", "groups"},
+        {"node", "groups", "n1", "n2"},
+        {"group"},
+        {"group", "frob"},
+        {"group", "add"},
+        {"group", "add", "g"},
+        {"group", "add", "g", "--validate"},
+        {"group", "add", "g", "--members", "n1", "--select", "*"},
+        {"group", "add", "g", "--members"},
+        {"group", "ls", "extra"},
+        {"group", "ls", "-o", "xml"},
+        {"group", "show"},
+        {"group", "members"},
+        {"group", "add-members", "g"},
+        {"group", "rm-members", "g"},
+        {"group", "rm"},
     };
     for (const auto& args : bad) {
         std::string line;
@@ -62,6 +91,25 @@ TEST(OrvctlUsage, UsageErrorsExitWithTwo) {
         Outcome r = orvctl(args);
         EXPECT_EQ(r.status, 2) << r.out << r.err;
         EXPECT_FALSE(r.err.empty());
+    }
+}
+
+TEST(OrvctlUsage, AGroupIsGivenByItsMembersOrBySelectionNeverBoth) {
+    for (auto args :
+         {std::vector<std::string>{"group", "add", "g", "--select", "*", "--members", "n1"},
+          std::vector<std::string>{"group", "add", "g", "--members", "n1", "--select", "*",
+                                   "--validate"}}) {
+        Outcome both = orvctl(args);
+        EXPECT_EQ(both.status, 2);
+        EXPECT_EQ(both.err.rfind("--members excludes --select\n", 0), 0u) << both.err;
+        EXPECT_EQ(both.out, "");
+    }
+    for (auto args : {std::vector<std::string>{"group", "add", "g"},
+                      std::vector<std::string>{"group", "add", "g", "--validate"}}) {
+        Outcome neither = orvctl(args);
+        EXPECT_EQ(neither.status, 2);
+        EXPECT_EQ(neither.err, "orvctl: give the group either --members or --select\n");
+        EXPECT_EQ(neither.out, "");
     }
 }
 
