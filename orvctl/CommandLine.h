@@ -26,7 +26,7 @@ inline constexpr char kFooter[] =
     "Exit status: 0 done, 1 anything refused or failed (the manager's message is\n"
     "printed as sent), 2 a usage error.";
 
-// node add, ls, show, set, rm, import, groups. `progress`: import shows
+// node add, ls, show, set, rm, import, groups, sync. `progress`: import shows
 // its progress on standard error.
 void addNodeCommands(CLI::App& app, bool progress, std::vector<Command>& out);
 // group add, ls, show, members, add-members, rm-members, rm.

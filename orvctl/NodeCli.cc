@@ -19,7 +19,7 @@ struct SetArgs {
 
 void addNodeCommands(CLI::App& app, bool progress, std::vector<Command>& out) {
     auto* node =
-        app.add_subcommand("node", "Managed nodes: add, ls, show, set, rm, import, groups");
+        app.add_subcommand("node", "Managed nodes: add, ls, show, set, rm, import, groups, sync");
     node->require_subcommand(1, 1);
     node->footer(kFooter);
 
@@ -96,6 +96,16 @@ void addNodeCommands(CLI::App& app, bool progress, std::vector<Command>& out) {
     groupsCmd->footer("One group a line, by name; -o json gives a JSON array.");
     out.push_back(
         {groupsCmd, [groupsName](CliSession& cli, bool) { return nodeGroups(cli, *groupsName); }});
+
+    auto syncName = std::make_shared<std::string>();
+    auto* syncCmd = node->add_subcommand(
+        "sync", "Fetch a node's data from its host's record of this server, show what changed");
+    syncCmd->add_option("name", *syncName, "The node's host name")->required();
+    syncCmd->footer(
+        "Prints each attribute that changed as 'ATTR: old -> new', or 'no change';\n"
+        "-o json gives {\"changed\": {ATTR: {\"old\": ..., \"new\": ...}}} with raw values.");
+    out.push_back(
+        {syncCmd, [syncName](CliSession& cli, bool) { return nodeSync(cli, *syncName); }});
 }
 
 }  // namespace orvctl

@@ -35,5 +35,7 @@ int nodeSet(CliSession& cli, const std::string& name, const std::vector<std::str
 int nodeRemove(CliSession& cli, const RemoveArgs& args);
 // The groups whose expanded member list holds the node.
 int nodeGroups(CliSession& cli, const std::string& name);
+// The node's syncData action, and what it changed.
+int nodeSync(CliSession& cli, const std::string& name);
 
 }  // namespace orvctl

@@ -1,4 +1,4 @@
-// orvctl's command line: "orvctl node add|ls|show|set|rm|import|groups
+// orvctl's command line: "orvctl node add|ls|show|set|rm|import|groups|sync
 // ..." and "orvctl group add|ls|show|members|add-members|rm-members|rm ...",
 // parsed and run against this host's monitoring service on its local socket,
 // as the calling user, writing to the given streams (tests run it

@@ -213,4 +213,25 @@ TEST_F(Orvctl, AReachableMinimallyManagedNodeShowsUp) {
         << line;
 }
 
+TEST_F(Orvctl, ANodeIsNotSynchronisedWhenItsHostKeepsNoRecordOfThisServer) {
+    ASSERT_EQ(orvctl({"node", "add", "s1", "--id", "11", "UserComment=kept"}).status, 0);
+    // This host alone, and it runs no manager of such records.
+    Outcome sync = orvctl({"node", "sync", "s1"});
+    EXPECT_EQ(sync.status, 1);
+    EXPECT_EQ(sync.out, "");
+    EXPECT_EQ(sync.err,
+              "orvctl: 2610-207 The resource class Kor.ManagementServer is not known to this "
+              "resource manager.\n");
+    Outcome asJson = orvctl({"-o", "json", "node", "sync", "s1"});
+    EXPECT_EQ(asJson.status, 1);
+    EXPECT_EQ(json::parse(asJson.out)["error"]["text"],
+              "2610-207 The resource class Kor.ManagementServer is not known to this resource "
+              "manager.\n");
+    EXPECT_EQ(squeezed(lineOf(orvctl({"node", "show", "s1"}).out, "UserComment")),
+              "UserComment kept");
+    Outcome nope = orvctl({"node", "sync", "nope"});
+    EXPECT_EQ(nope.status, 1);
+    EXPECT_EQ(nope.err, "orvctl: no node named nope\n");
+}
+
 }  // namespace

@@ -20,6 +20,7 @@ TEST(OrvctlUsage, EveryCommandAnswersHelp) {
         {"node", "rm", "--help"},
         {"node", "import", "--help"},
         {"node", "groups", "--help"},
+        {"node", "sync", "--help"},
         {"group", "--help"},
         {"group", "add", "--help"},
         {"group", "ls", "--help"},
@@ -46,6 +47,7 @@ TEST(OrvctlUsage, EveryCommandAnswersHelp) {
     for (const char* option : {"--members", "--select", "--validate"}) {
         EXPECT_NE(add.find(option), std::string::npos) << option;
     }
+    EXPECT_NE(orvctl({"node", "sync", "--help"}).out.find("ATTR: old -> new"), std::string::npos);
 }
 
 TEST(OrvctlUsage, UsageErrorsExitWithTwo) {
@@ -67,6 +69,7 @@ TEST(OrvctlUsage, UsageErrorsExitWithTwo) {
         {"node", "add", "n1", "--id", "-1"},
         {"node", "groups"},
         {"node", "groups", "n1", "n2"},
+        {"node", "sync"},
         {"group"},
         {"group", "frob"},
         {"group", "add"},
