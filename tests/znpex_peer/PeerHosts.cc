@@ -100,16 +100,18 @@ std::unique_ptr<TestClient> Host::root_client() const {
 }
 
 const KeyPair& hostKey(size_t i) {
-    static const std::vector<KeyPair> keys = [] {
+    // Kept for the whole process and never destroyed, so that the key
+    // buffers stay reachable to the leak checker at exit.
+    static const std::vector<KeyPair>* keys = new std::vector<KeyPair>([] {
         std::vector<KeyPair> k(4);
         for (KeyPair& p : k) {
             if (sec_generate_rsa_localhost_token(SEC_KEYTYPE_RSA1024, &p.pvt, &p.pub) != 0) {
                 ADD_FAILURE() << "no host key could be made";
             }
         }
-        return k;  // kept for the whole process
-    }();
-    return keys.at(i);
+        return k;
+    }());
+    return keys->at(i);
 }
 
 namespace {
