@@ -3,6 +3,7 @@
 // when it goes. One at a time per process.
 #pragma once
 
+#include <atomic>
 #include <csignal>
 
 namespace znpex::cli {
@@ -10,9 +11,9 @@ namespace znpex::cli {
 class InterruptScope {
 public:
     InterruptScope() {
-        flag() = 0;
+        flag().store(false);
         struct sigaction sa {};
-        sa.sa_handler = [](int) { flag() = 1; };
+        sa.sa_handler = [](int) { flag().store(true); };
         sigemptyset(&sa.sa_mask);
         sigaction(SIGINT, &sa, &oldInt_);
         sigaction(SIGTERM, &sa, &oldTerm_);
@@ -24,11 +25,14 @@ public:
     InterruptScope(const InterruptScope&) = delete;
     InterruptScope& operator=(const InterruptScope&) = delete;
 
-    bool interrupted() const { return flag() != 0; }
+    bool interrupted() const { return flag().load(); }
 
 private:
-    static volatile std::sig_atomic_t& flag() {
-        static volatile std::sig_atomic_t f = 0;
+    // Set by the handler on whichever thread takes the signal and read by
+    // another: an atomic, lock-free so the handler may touch it.
+    static std::atomic<bool>& flag() {
+        static std::atomic<bool> f{false};
+        static_assert(std::atomic<bool>::is_always_lock_free);
         return f;
     }
     struct sigaction oldInt_ {};
