@@ -90,8 +90,8 @@ std::vector<std::unique_ptr<Watcher>> openWatchers(int n) {
     return out;
 }
 
-// Ends the sessions from several threads: each end waits for its dispatch
-// loop to notice, which takes up to the loop's wait.
+// Ends the sessions from several threads: each end wakes its dispatch loop,
+// which returns at once.
 void closeWatchers(std::vector<std::unique_ptr<Watcher>>& ws) {
     const size_t closers = std::min<size_t>(ws.size(), 64);
     std::vector<std::thread> ts;

@@ -67,6 +67,10 @@ int failInvalid(const char* function, const std::string& why) {
     return PX_EINVAL;
 }
 
+int failEnded(const char* function) {
+    return failInvalid(function, "the session has ended");
+}
+
 int failNoAttr(const std::string& className, const char* kind, const std::string& name) {
     cu_set_error_1(PXC_ENOATTR, nullptr, kClientCatalog, kClientSet, 7, kNoAttrText,
                    className.c_str(), kind, name.c_str());

@@ -34,6 +34,8 @@ int failComm(const std::string& where, const std::string& why);
 int failTimeout(const std::string& where, const std::string& method, int ms);
 int failReply(const std::string& method, const std::string& why);
 int failInvalid(const char* function, const std::string& why);
+// A call on a session that was ended, or is ending (PX_EINVAL).
+int failEnded(const char* function);
 int failNoAttr(const std::string& className, const char* kind, const std::string& name);
 int failNoAction(const std::string& className, const char* kind, const std::string& name);
 int failType(const std::string& className, const std::string& attr, int want, int have);

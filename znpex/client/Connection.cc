@@ -233,17 +233,35 @@ Connection::Status Connection::receive(uint64_t first, uint64_t last, int timeou
     }
 }
 
-Connection::Status Connection::pump(int timeoutMs, std::string* why) {
+Connection::Status Connection::pump(int timeoutMs, std::string* why, int wakeFd) {
     if (broken_) {
         *why = "the connection was lost earlier";
         return Status::Failed;
     }
-    int wait = timeoutMs;
+    auto end = Clock::now() + std::chrono::milliseconds(timeoutMs > 0 ? timeoutMs : 0);
+    bool took = false;
     for (;;) {
         std::string frame;
-        proto::IoStatus rs = reader_.next(frame, wait);
+        proto::IoStatus rs = reader_.next(frame, 0);  // what has come already
         if (rs == proto::IoStatus::Timeout) {
-            return wait == 0 ? Status::Ok : Status::Timeout;
+            if (took || timeoutMs == 0) {
+                return Status::Ok;
+            }
+            int left = timeoutMs < 0 ? -1 : msLeft(end);
+            if (left == 0) {
+                return Status::Timeout;
+            }
+            pollfd p[2] = {{fd_, POLLIN, 0}, {wakeFd, POLLIN, 0}};  // a negative fd is skipped
+            int n = ::poll(p, 2, left);
+            if (n < 0 && errno != EINTR) {
+                broken_ = true;
+                *why = std::strerror(errno);
+                return Status::Failed;
+            }
+            if (n > 0 && p[1].revents != 0) {
+                return Status::Ok;  // woken: the caller looks why
+            }
+            continue;  // the socket has something, or it closed: next() tells
         }
         if (rs != proto::IoStatus::Ok) {
             broken_ = true;
@@ -261,7 +279,7 @@ Connection::Status Connection::pump(int timeoutMs, std::string* why) {
         if (m.kind == proto::RpcMessage::Kind::Notification && sink_) {
             sink_(std::move(m));
         }
-        wait = 0;  // then only what is already there
+        took = true;
     }
 }
 

@@ -46,9 +46,11 @@ public:
     // Notifications read by call() or pump() go to the sink (none: skipped).
     using NotificationSink = std::function<void(proto::RpcMessage&&)>;
     void setNotificationSink(NotificationSink sink) { sink_ = std::move(sink); }
-    // Waits up to timeoutMs for a frame, then takes whatever else is already
-    // there; notifications go to the sink, stale replies are skipped.
-    Status pump(int timeoutMs, std::string* why);
+    // Waits up to timeoutMs (< 0: no limit) for a frame, then takes whatever
+    // else is already there; notifications go to the sink, stale replies are
+    // skipped. With wakeFd (-1: none) the wait also ends, Ok, as soon as
+    // that descriptor is readable; the caller clears it.
+    Status pump(int timeoutMs, std::string* why, int wakeFd = -1);
     bool broken() const { return broken_; }
     const Contact& contact() const { return contact_; }
 

@@ -5,6 +5,7 @@
 
 #include "znpex/client/ClientErrors.h"
 #include "znpex/client/HostErrors.h"
+#include "znpex/client/SessionLife.h"
 #include "znpex/proto/ClassDefCodec.h"
 
 namespace znpex::client {
@@ -197,6 +198,14 @@ int guarded(const char* fn, const std::function<int()>& body) {
     } catch (const std::bad_alloc&) {
         return failNoMemory(fn);
     }
+}
+
+int onSession(const char* fn, px_session_t s, const std::function<int()>& body) {
+    SessionUse use(s);
+    if (!use) {
+        return failEnded(fn);
+    }
+    return guarded(fn, body);
 }
 
 }  // namespace znpex::client

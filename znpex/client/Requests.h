@@ -63,5 +63,8 @@ int perTarget(px_session& s, Target target, const std::string& className,
 
 // Maps an escaping allocation failure to PX_ENOMEM.
 int guarded(const char* fn, const std::function<int()>& body);
+// guarded() as one call on session s (SessionLife.h): refused with PX_EINVAL
+// once the session is ending.
+int onSession(const char* fn, px_session_t s, const std::function<int()>& body);
 
 }  // namespace znpex::client

@@ -5,6 +5,7 @@
 #include "tarn_rmf/RMCommonErrors.h"
 #include "znpex/client/ClientErrors.h"
 #include "znpex/client/HostErrors.h"
+#include "znpex/client/SessionLife.h"
 #include "znpex/client/px_client.h"
 #include "znpex/proto/RequestCodec.h"
 #include "znpex/proto/ServiceMessages.h"
@@ -34,7 +35,7 @@ void setDefaultTimeouts(int connectMs, int requestMs) {
 }
 
 int call(px_session& s, const std::string& method, proto::Json params, proto::Json& result) {
-    std::lock_guard<std::mutex> g(s.ioMu);
+    IoLock io(s);
     if (!s.conn) {
         return failComm("(none)", "the session has no connection");
     }

@@ -2,9 +2,10 @@
 // the timeouts and a cache of class definitions (for attribute and action
 // names). The px_ functions and the command line go through call()/callRm().
 // Thread-safe: calls on one session are serialised by its I/O mutex; the
-// class cache has its own mutex.
+// class cache has its own mutex; how long it lives is in SessionLife.h.
 #pragma once
 
+#include <condition_variable>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -14,11 +15,12 @@
 #include "tarn_rmf2v/RMReply.h"
 #include "tarn_rmf2v/RMRequest.h"
 #include "znpex/client/Connection.h"
+#include "znpex/client/WakeFd.h"
 #include "znpex/client/px_event_state.h"
 #include "znpex/proto/ClassDefCodec.h"
 
 struct px_session {
-    std::mutex ioMu;  // one request on the wire at a time
+    std::mutex ioMu;  // one request on the wire at a time; taken through IoLock
     std::unique_ptr<znpex::client::Connection> conn;
     std::string identity;
     uint64_t sessionId = 0;
@@ -29,6 +31,16 @@ struct px_session {
     bool classesLoaded = false;
 
     znpex::client::EventState events;  // event watches and their queue
+
+    // Calls under way and the hand-over of ioMu to them from a px_dispatch
+    // waiting on the socket (SessionLife.h). Never held while ioMu is taken.
+    std::mutex lifeMu;               // guards the four below
+    std::condition_variable lifeCv;  // a call let go of ioMu, or the session is ending
+    int calls = 0;                   // calls under way (px_end_session's among them)
+    bool ending = false;             // px_end_session has begun: no call enters
+    int ioUsers = 0;                 // calls that want or hold ioMu (IoLock)
+    bool polling = false;            // px_dispatch waits on the socket holding ioMu
+    znpex::client::WakeFd wake;      // ends that wait: another call, or the end
 };
 
 namespace znpex::client {

@@ -19,7 +19,7 @@ int invoke(const char* fn, px_session_t s, const char* className, Target target,
     if (int rc = checkHandles(fn, handles, handleCount); rc != PX_OK) {
         return rc;
     }
-    return guarded(fn, [&] {
+    return onSession(fn, s, [&] {
         RMClassDef def;
         if (int rc = classDef(*s, className, def); rc != PX_OK) {
             return rc;
@@ -78,7 +78,7 @@ int px_online(px_session_t session, const char* class_name, const zn_resource_ha
     if (node_count > 0 && node_ids == nullptr) {
         return failInvalid(fn, "a node count without node ids");
     }
-    return guarded(fn, [&] {
+    return onSession(fn, session, [&] {
         RequestMaker make = [&] {
             RMRequest r;
             r.op = RMRequestOp::Online;
@@ -103,7 +103,7 @@ int px_offline(px_session_t session, const char* class_name, const zn_resource_h
     if (int rc = checkHandles(fn, handles, handle_count); rc != PX_OK) {
         return rc;
     }
-    return guarded(fn, [&] {
+    return onSession(fn, session, [&] {
         RequestMaker make = [&] {
             RMRequest r;
             r.op = RMRequestOp::Offline;

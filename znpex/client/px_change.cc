@@ -63,7 +63,7 @@ int setAttrs(const char* fn, px_session_t s, const char* className, Target targe
     if (int rc = checkHandles(fn, handles, handleCount); rc != PX_OK) {
         return rc;
     }
-    return guarded(fn, [&] {
+    return onSession(fn, s, [&] {
         RMClassDef def;
         if (int rc = classDef(*s, className, def); rc != PX_OK) {
             return rc;
@@ -97,7 +97,7 @@ int px_define_resource(px_session_t session, const char* class_name, const px_at
         return rc;
     }
     *rsp = nullptr;
-    return guarded(fn, [&] {
+    return onSession(fn, session, [&] {
         RMClassDef def;
         if (int rc = classDef(*session, class_name, def); rc != PX_OK) {
             return rc;
@@ -130,7 +130,7 @@ int px_undefine_resource(px_session_t session, const char* class_name,
     if (int rc = checkHandles(fn, handles, handle_count); rc != PX_OK) {
         return rc;
     }
-    return guarded(fn, [&] {
+    return onSession(fn, session, [&] {
         return undefine(*session, class_name, {handles, handles + handle_count}, options, rsp);
     });
 }
@@ -142,7 +142,7 @@ int px_undefine_select(px_session_t session, const char* class_name, const char*
         return rc;
     }
     *rsp = nullptr;
-    return guarded(fn, [&] {
+    return onSession(fn, session, [&] {
         RMReply chosen;
         if (int rc = selectHandles(*session, class_name, selection, chosen); rc != PX_OK) {
             return rc;

@@ -9,7 +9,19 @@
 //
 // Threads: a session may be shared; its calls are serialised (one request on
 // the wire at a time per session). Use one session per thread for parallel
-// requests. px_end_session must not race other calls on the same session.
+// requests.
+// Ending: px_end_session may be called on any thread, also while other calls
+// on the session run there. From the moment it begins, no call enters the
+// session: px_dispatch returns PX_DISPATCH_ENDED (4), the others PX_EINVAL.
+// A px_dispatch running on another thread is woken and returns 4 at once
+// (after the callback it may be in), and px_end_session waits for that, so
+// once it has returned no callback of the session runs (so do not end a
+// session holding a lock its callbacks take); a callback may end its own
+// session. A request under way finishes (or times out) first. The
+// session's memory goes when the last call on it has left. The library keeps
+// the handles of its live sessions, so a call made with the handle of an
+// ended session is refused rather than harmful, until a later
+// px_start_session gives out the same handle again: do not keep using one.
 // Timeouts: connecting and every request are bounded (px_set_timeouts).
 #pragma once
 
@@ -168,6 +180,7 @@ struct px_class_list_t {
 // Sessions. Options other than 1, 0x401, 4 and 0x404 return PX_ENOTSUPPORTED.
 int px_start_session(const px_contact_t* contacts, uint32_t contact_count,
                      px_session_opts_t options, px_session_t* session);
+// PX_EINVAL when the session was ended, or is ending, already.
 int px_end_session(px_session_t session);
 // Milliseconds; <= 0 keeps the current value. Defaults: connect 5000,
 // request 30000. The process-wide defaults apply to sessions started later.

@@ -5,10 +5,12 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <thread>
 
 #include "znpex/client/ClientErrors.h"
 #include "znpex/client/Responses.h"
 #include "znpex/client/Session.h"
+#include "znpex/client/SessionLife.h"
 #include "znpex/proto/ProtocolError.h"
 #include "znpex/proto/ValueCodec.h"
 
@@ -20,12 +22,6 @@ namespace {
 constexpr char kRegister[] = "event.register";
 constexpr char kUnregister[] = "event.unregister";
 constexpr char kFired[] = "event.fired";
-// How long px_dispatch holds the session's connection per wait, so other
-// calls on the session get their turn and px_end_session is noticed. Each
-// wait that ends empty costs a wake-up of the dispatching thread, which adds
-// up with many sessions in one process (1,000 sessions waiting 20 ms each
-// woke 50,000 times a second, most of the client's time under load).
-constexpr int kPumpMs = 200;
 
 char* copyText(const std::string& s) {
     char* p = strdup(s.c_str());
@@ -135,19 +131,50 @@ bool takeEvent(px_session& s, proto::Json& out) {
     return true;
 }
 
-bool ending(px_session& s) {
-    std::lock_guard<std::mutex> g(s.events.mu);
-    return s.events.ending;
+// Reads what has come already, without waiting (px_dispatch option 0).
+int pumpNow(px_session& s) {
+    IoLock io(s);
+    std::string why;
+    if (s.conn->pump(0, &why) == Connection::Status::Failed) {
+        return failComm(s.conn->contact().text(), why);
+    }
+    return PX_OK;
 }
 
-// Reads what the service sent within kPumpMs (0: without waiting).
-int pump(px_session& s, int waitMs) {
-    std::lock_guard<std::mutex> g(s.ioMu);
-    if (!s.conn) {
-        return failComm("(none)", "the session has no connection");
+bool eventsWaiting(px_session& s) {
+    std::lock_guard<std::mutex> g(s.events.mu);
+    return !s.events.queue.empty();
+}
+
+// Waits for the service on the socket and the session's wake-up descriptor
+// together, holding the connection only while no other call wants it (they
+// read events for us meanwhile). Returns when something was read, events
+// wait, another call wants the connection, or the session is ending; the
+// caller looks which.
+int waitAndRead(px_session& s) {
+    {
+        std::unique_lock<std::mutex> l(s.lifeMu);
+        s.lifeCv.wait(l, [&s] { return s.ending || s.ioUsers == 0 || eventsWaiting(s); });
+        // ioUsers is 0: every call takes ioMu through IoLock, so it is free.
+        if (s.ending || s.ioUsers > 0 || !s.ioMu.try_lock()) {
+            return PX_OK;
+        }
+        s.polling = true;  // from now on a call that wants ioMu wakes us
     }
+    std::unique_lock<std::mutex> io(s.ioMu, std::adopt_lock);
     std::string why;
-    if (s.conn->pump(waitMs, &why) == Connection::Status::Failed) {
+    Connection::Status st = Connection::Status::Ok;
+    // The last call that had the connection may have read events: those first.
+    if (!eventsWaiting(s)) {
+        st = s.conn->pump(-1, &why, s.wake.fd());
+    }
+    {
+        std::lock_guard<std::mutex> l(s.lifeMu);
+        s.polling = false;
+    }
+    // Whatever woke us is in the session's state, looked at next.
+    s.wake.drain();
+    if (st == Connection::Status::Failed) {
         return failComm(s.conn->contact().text(), why);
     }
     return PX_OK;
@@ -170,10 +197,10 @@ void freeEventParts(px_rsp_hdr_t* rsp) {
     std::free(e->pe_attrs);
 }
 
-void endDispatch(EventState& e) {
+void waitDispatchGone(EventState& e) {
     std::unique_lock<std::mutex> lk(e.mu);
-    e.ending = true;
-    e.changed.wait(lk, [&e] { return e.dispatchers == 0; });
+    e.changed.wait(lk,
+                   [&e] { return !e.dispatching || e.dispatcher == std::this_thread::get_id(); });
 }
 
 }  // namespace znpex::client
@@ -191,6 +218,10 @@ int px_reg_event_select(px_session_t session, uint32_t option, const char* class
                            "a session, class, expression, callback and response are required");
     }
     *rsp = nullptr;
+    SessionUse use(session);
+    if (!use) {
+        return failEnded("px_reg_event_select");
+    }
     proto::Json names = proto::Json::array();
     for (uint32_t i = 0; i < attr_count; ++i) {
         if (attr_names[i] == nullptr) {
@@ -210,10 +241,7 @@ int px_reg_event_select(px_session_t session, uint32_t option, const char* class
         params["classLevel"] = true;
     }
     {
-        std::lock_guard<std::mutex> g(session->ioMu);
-        if (!session->conn) {
-            return failComm("(none)", "the session has no connection");
-        }
+        IoLock io(*session);
         hook(*session);
     }
     auto* out = static_cast<px_reg_event_rsp_t*>(std::calloc(1, sizeof(px_reg_event_rsp_t)));
@@ -244,6 +272,10 @@ int px_unreg_event(px_session_t session, uint64_t registration) {
     if (session == nullptr) {
         return failInvalid("px_unreg_event", "no session");
     }
+    SessionUse use(session);
+    if (!use) {
+        return failEnded("px_unreg_event");
+    }
     proto::Json result;
     int rc = call(*session, kUnregister, proto::Json{{"registration", registration}}, result);
     if (rc == PX_OK) {
@@ -257,18 +289,23 @@ int px_dispatch(px_session_t session, int option) {
     if (session == nullptr || (option != 0 && option != 1)) {
         return failInvalid("px_dispatch", "a session and option 0 or 1 are required");
     }
+    SessionUse use(session);
+    if (!use) {
+        return PX_DISPATCH_ENDED;
+    }
     px_session& s = *session;
     {
         std::lock_guard<std::mutex> g(s.events.mu);
-        if (s.events.ending) {
-            return PX_DISPATCH_ENDED;
+        if (s.events.dispatching) {
+            return failInvalid("px_dispatch", "another px_dispatch runs on this session");
         }
-        ++s.events.dispatchers;
+        s.events.dispatching = true;
+        s.events.dispatcher = std::this_thread::get_id();
     }
     int rc = PX_OK;
     bool pumped = false;
     for (;;) {
-        if (ending(s)) {
+        if (isEnding(s)) {
             rc = PX_DISPATCH_ENDED;
             break;
         }
@@ -280,12 +317,12 @@ int px_dispatch(px_session_t session, int option) {
         if (option == 0 && pumped) {
             break;
         }
-        rc = pump(s, option == 0 ? 0 : kPumpMs);
+        rc = option == 0 ? pumpNow(s) : waitAndRead(s);
         pumped = true;
         if (rc != PX_OK) {
             // What came before the connection failed still reaches its callback.
             proto::Json last;
-            while (!ending(s) && takeEvent(s, last)) {
+            while (!isEnding(s) && takeEvent(s, last)) {
                 deliver(s, last);
             }
             break;
@@ -293,14 +330,17 @@ int px_dispatch(px_session_t session, int option) {
     }
     {
         std::lock_guard<std::mutex> g(s.events.mu);
-        --s.events.dispatchers;
+        s.events.dispatching = false;
+        s.events.dispatcher = std::thread::id();
     }
+    // Still a call on the session (use): px_end_session may be waiting for this.
     s.events.changed.notify_all();
     return rc;
 }
 
 uint64_t px_events_dropped(px_session_t session) {
-    if (session == nullptr) {
+    SessionUse use(session);
+    if (!use) {
         return 0;
     }
     std::lock_guard<std::mutex> g(session->events.mu);

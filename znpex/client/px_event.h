@@ -18,10 +18,12 @@
 //   (px_events_dropped). Each is delivered once.
 // - px_dispatch(session, 1) blocks, calling each event's callback on the
 //   calling thread, and returns PX_DISPATCH_ENDED (4) when px_end_session
-//   was called on the session from another thread, PX_ECOMM when the
-//   connection was lost. px_dispatch(session, 0) delivers what is waiting and
-//   returns PX_OK. Other options: PX_EINVAL. One px_dispatch per session at a
-//   time; callbacks must not end their own session.
+//   was called on the session (on another thread, or in a callback),
+//   PX_ECOMM when the connection was lost. It waits on the connection and a
+//   wake-up descriptor together: other calls on the session and its end
+//   wake it at once. px_dispatch(session, 0) delivers what is waiting and
+//   returns PX_OK. Other options: PX_EINVAL, and so is a second px_dispatch
+//   on a session while one runs. Ending from any thread: px_client.h.
 // - The callback owns the event and releases it with px_free_response.
 #pragma once
 

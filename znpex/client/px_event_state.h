@@ -1,7 +1,7 @@
 // What a session keeps for its event watches: the callbacks by registration
-// id, the events received but not yet delivered (bounded), and whether a
-// px_dispatch runs or the session is ending. Guarded by its own mutex, never
-// held while a callback runs or while the session's I/O mutex is taken.
+// id, the events received but not yet delivered (bounded), and which thread
+// runs px_dispatch. Guarded by its own mutex, never held while a callback
+// runs or while the session's I/O mutex is taken.
 #pragma once
 
 #include <condition_variable>
@@ -9,6 +9,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <thread>
 
 #include "znpex/proto/Json.h"
 
@@ -22,17 +23,18 @@ struct EventState {
         void* arg = nullptr;
     };
     std::mutex mu;
-    std::condition_variable changed;  // dispatchers left
+    std::condition_variable changed;  // the dispatcher left
     std::map<uint64_t, Registration> registrations;
     std::deque<proto::Json> queue;  // "event.fired" params, oldest first
     uint64_t dropped = 0;
-    int dispatchers = 0;
-    bool ending = false;
-    bool hooked = false;  // the connection hands its notifications here
+    bool dispatching = false;
+    std::thread::id dispatcher;  // while dispatching
+    bool hooked = false;         // the connection hands its notifications here
 };
 
-// Tells a running px_dispatch that the session ends and waits until it has
-// returned (called by px_end_session before the session goes).
-void endDispatch(EventState& e);
+// Waits until no px_dispatch runs on the session, unless the caller is the
+// dispatching thread itself (a callback ending its own session). Called by
+// px_end_session once the session is ending, so the dispatch returns soon.
+void waitDispatchGone(EventState& e);
 
 }  // namespace znpex::client

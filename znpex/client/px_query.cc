@@ -38,7 +38,7 @@ int query(const char* fn, px_session_t s, const char* className, AttrScope scope
     if (nameCount > 0 && names == nullptr) {
         return failInvalid(fn, "a name count without names");
     }
-    return guarded(fn, [&] {
+    return onSession(fn, s, [&] {
         RMClassDef def;
         if (int rc = classDef(*s, className, def); rc != PX_OK) {
             return rc;
@@ -67,7 +67,7 @@ int px_enumerate_select(px_session_t session, const char* class_name, const char
         return rc;
     }
     *rsp = nullptr;
-    return guarded("px_enumerate_select", [&] {
+    return onSession("px_enumerate_select", session, [&] {
         RMReply reply;
         if (int rc = selectHandles(*session, class_name, selection, reply); rc != PX_OK) {
             return rc;

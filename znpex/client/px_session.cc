@@ -1,11 +1,14 @@
 // Sessions: connecting to the first contact that answers, the handshake,
 // the end of a session, timeouts and the class list.
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <memory>
 
 #include "znpex/client/ClientErrors.h"
 #include "znpex/client/Requests.h"
 #include "znpex/client/Session.h"
+#include "znpex/client/SessionLife.h"
 #include "znpex/proto/ServiceMessages.h"
 
 using namespace znpex::client;
@@ -74,6 +77,10 @@ int px_start_session(const px_contact_t* contacts, uint32_t contact_count,
         int rc = PX_ECONNECT;
         for (const Contact& c : targets) {
             auto s = std::make_unique<px_session>();
+            if (!s->wake.valid()) {
+                return failConnect(c.text(),
+                                   std::string("no wake-up descriptor: ") + std::strerror(errno));
+            }
             std::string why;
             s->conn = Connection::open(c, defaultConnectTimeoutMs(), &why);
             if (!s->conn) {
@@ -87,6 +94,7 @@ int px_start_session(const px_contact_t* contacts, uint32_t contact_count,
             s->requestTimeoutMs = defaultRequestTimeoutMs();
             if (rc == PX_OK) {
                 *session = s.release();
+                addSession(*session);
                 return PX_OK;
             }
         }
@@ -98,14 +106,28 @@ int px_end_session(px_session_t session) {
     if (session == nullptr) {
         return failInvalid("px_end_session", "no session");
     }
-    // A px_dispatch on another thread returns first: nothing may use the session after this.
-    endDispatch(session->events);
-    std::unique_ptr<px_session> s(session);
-    if (s->conn && !s->conn->broken()) {
+    // From here no call enters; the last one under way (this one, or any
+    // still running on another thread) frees the session when it leaves.
+    SessionUse use(session, beginEnd(session));
+    if (!use) {
+        return failEnded("px_end_session");
+    }
+    px_session& s = *session;
+    // Woken by beginEnd, a px_dispatch on another thread returns 4 promptly;
+    // once it has, no callback of this session runs any more.
+    waitDispatchGone(s.events);
+    bool open = false;
+    {
+        IoLock io(s);
+        open = !s.conn->broken();
+        s.requestTimeoutMs = std::min(s.requestTimeoutMs, kEndTimeoutMs);
+    }
+    if (open) {
         // Best effort: the connection closes whatever the answer.
-        s->requestTimeoutMs = std::min(s->requestTimeoutMs, kEndTimeoutMs);
         proto::Json ignored;
-        if (call(*s, proto::kSessionEnd, proto::Json::object(), ignored) != PX_OK) {
+        if (guarded("px_end_session", [&] {
+                return call(s, proto::kSessionEnd, proto::Json::object(), ignored);
+            }) != PX_OK) {
             cu_set_no_error_1();
         }
     }
@@ -121,15 +143,20 @@ int px_set_timeouts(px_session_t session, int request_ms) {
     if (session == nullptr) {
         return failInvalid("px_set_timeouts", "no session");
     }
+    SessionUse use(session);
+    if (!use) {
+        return failEnded("px_set_timeouts");
+    }
     if (request_ms > 0) {
-        std::lock_guard<std::mutex> g(session->ioMu);
+        IoLock io(*session);
         session->requestTimeoutMs = request_ms;
     }
     return PX_OK;
 }
 
 const char* px_session_identity(px_session_t session) {
-    return session != nullptr ? session->identity.c_str() : "";
+    SessionUse use(session);
+    return use ? session->identity.c_str() : "";
 }
 
 int px_list_classes(px_session_t session, px_class_list_t** rsp) {
@@ -137,7 +164,7 @@ int px_list_classes(px_session_t session, px_class_list_t** rsp) {
         return failInvalid("px_list_classes", "no session or nowhere to put the response");
     }
     *rsp = nullptr;
-    return guarded("px_list_classes", [&] {
+    return onSession("px_list_classes", session, [&] {
         std::vector<proto::ClassInfo> classes;
         if (int rc = listClasses(*session, classes); rc != PX_OK) {
             return rc;
