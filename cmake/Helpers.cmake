@@ -1,10 +1,17 @@
-# orvrm_test(<name> SOURCES ... LIBS ...): one GoogleTest program; its cases
-# are listed to CTest when CTest runs, so ctest -j spreads them.
+# orvrm_test(<name> [THREADED] SOURCES ... LIBS ...): one GoogleTest
+# program; its cases are listed to CTest when CTest runs, so ctest -j spreads
+# them. THREADED marks the programs of the parts that run threads (framework,
+# service, client library, daemon classes): the ThreadSanitizer build
+# (ORVRM_TSAN) builds and runs only those.
 include(GoogleTest)
 function(orvrm_test name)
-  cmake_parse_arguments(T "" "" "SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(T "THREADED" "" "SOURCES;LIBS" ${ARGN})
   add_executable(${name} ${T_SOURCES})
   target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gmock GTest::gtest GTest::gtest_main Threads::Threads)
+  if(ORVRM_TSAN AND NOT T_THREADED)
+    set_target_properties(${name} PROPERTIES EXCLUDE_FROM_ALL TRUE)
+    return()
+  endif()
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
     PROPERTIES TIMEOUT 300 ENVIRONMENT "ORVRM_BIN_DIR=${PROJECT_BINARY_DIR}")
 endfunction()

@@ -25,6 +25,22 @@ if(ORVRM_SANITIZE)
   add_compile_definitions(ORVRM_SANITIZED=1)
 endif()
 
+# ThreadSanitizer cannot share a process with AddressSanitizer: a build of
+# its own. Its suppressions (code that is not ours) are in
+# tests/tsan.supp, which scripts/test --thread hands to the runs.
+if(ORVRM_TSAN)
+  if(ORVRM_SANITIZE OR ORVRM_LIBFUZZER)
+    message(FATAL_ERROR "ORVRM_TSAN cannot be combined with ORVRM_SANITIZE or ORVRM_LIBFUZZER")
+  endif()
+  set(ORVRM_TSAN_FLAGS -fsanitize=thread -fno-omit-frame-pointer)
+  add_compile_options(${ORVRM_TSAN_FLAGS})
+  add_link_options(${ORVRM_TSAN_FLAGS})
+  # ThreadSanitizer does not model standalone fences, and g++ refuses them
+  # (-Wtsan). Asio's fenced blocks only back up what its scheduler's mutex
+  # already orders, which the sanitizer sees; asio's own switch drops them.
+  add_compile_definitions(ASIO_DISABLE_FENCED_BLOCK)
+endif()
+
 # The libFuzzer build instruments every library, not only the targets' own
 # files: the fuzzers are then guided by the coverage of the code they feed,
 # and the sanitizers see its memory accesses. -O1 with line tables only
