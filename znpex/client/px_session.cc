@@ -93,8 +93,8 @@ int px_start_session(const px_contact_t* contacts, uint32_t contact_count,
             rc = handshake(*s, options);
             s->requestTimeoutMs = defaultRequestTimeoutMs();
             if (rc == PX_OK) {
+                addSession(s.get());  // may throw: the session is still owned here
                 *session = s.release();
-                addSession(*session);
                 return PX_OK;
             }
         }
