@@ -33,7 +33,7 @@ struct px_session {
     znpex::client::EventState events;  // event watches and their queue
 
     // Calls under way and the hand-over of ioMu to them from a px_dispatch
-    // waiting on the socket (SessionLife.h). Never held while ioMu is taken.
+    // waiting on the socket (SessionLife.h). Never taken while ioMu is held.
     std::mutex lifeMu;               // guards the four below
     std::condition_variable lifeCv;  // a call let go of ioMu, or the session is ending
     int calls = 0;                   // calls under way (px_end_session's among them)

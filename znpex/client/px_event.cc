@@ -161,14 +161,18 @@ int waitAndRead(px_session& s) {
         }
         s.polling = true;  // from now on a call that wants ioMu wakes us
     }
-    std::unique_lock<std::mutex> io(s.ioMu, std::adopt_lock);
     std::string why;
     Connection::Status st = Connection::Status::Ok;
-    // The last call that had the connection may have read events: those first.
-    if (!eventsWaiting(s)) {
-        st = s.conn->pump(-1, &why, s.wake.fd());
+    {
+        std::unique_lock<std::mutex> io(s.ioMu, std::adopt_lock);
+        // The last call that had the connection may have read events: those first.
+        if (!eventsWaiting(s)) {
+            st = s.conn->pump(-1, &why, s.wake.fd());
+        }
     }
     {
+        // Not under ioMu: lifeMu is never taken holding it. A call that saw
+        // polling meanwhile woke us for nothing; the drain below clears that.
         std::lock_guard<std::mutex> l(s.lifeMu);
         s.polling = false;
     }
