@@ -90,7 +90,7 @@ int callRmMany(px_session& s, const std::vector<tarn_rmf2v::RMRequest>& requests
     }
     std::vector<proto::RpcMessage> answers;
     {
-        std::lock_guard<std::mutex> g(s.ioMu);
+        IoLock io(s);
         if (!s.conn) {
             return failComm("(none)", "the session has no connection");
         }
