@@ -1,0 +1,72 @@
+// Changing a group's definition (set): what its containers make of it, in
+// both recomputation modes.
+#include "tests/orvrm/nodegroup/GroupFixture.h"
+
+namespace classtest {
+namespace {
+
+using Expansion = NodeGroupRccp::Expansion;
+
+class GroupChangeTest : public GroupTest, public ::testing::WithParamInterface<Expansion> {
+protected:
+    void SetUp() override {
+        GroupTest::SetUp();
+        groups()->setExpansion(GetParam());
+    }
+};
+
+// A contained group turns from members to a selection and back, one change
+// at a time; its container follows each change at once and reports it.
+TEST_P(GroupChangeTest, AContainerFollowsItsGroupBetweenMembersAndSelection) {
+    node("n1", "m1");
+    node("n2", "m2");
+    zn_resource_handle inner = memberGroup("inner", {"n1"});
+    memberGroup("outer", {"+inner"});
+    struct Step {
+        const char* what;
+        std::function<std::vector<RMReplyAttr>()> values;
+        Names expanded;  // inner's and so outer's
+        Names added, removed;
+    };
+    const Step steps[] = {
+        {"members cleared", [] { return attrs(strs(kNgMemberList, {})); }, {}, {}, {"n1"}},
+        {"a selection",
+         [] { return attrs(str(kNgSelectStr, "HWModel==\"m2\"")); },
+         {"n2"},
+         {"n2"},
+         {}},
+        {"another selection",
+         [] { return attrs(str(kNgSelectStr, "HWModel==\"m1\"")); },
+         {"n1"},
+         {"n1"},
+         {"n2"}},
+        {"the selection cleared", [] { return attrs(str(kNgSelectStr, "")); }, {}, {}, {"n1"}},
+        {"members again", [] { return attrs(strs(kNgMemberList, {"n2"})); }, {"n2"}, {"n2"}, {}},
+    };
+    for (const Step& s : steps) {
+        watch({"outer"});
+        RMReply r = set(kGroups, inner, s.values());
+        ASSERT_EQ(r.items.size(), 1u) << s.what;
+        ASSERT_EQ(errorId(r.items[0].error), 0) << s.what << ": " << errorText(r.items[0].error);
+        EXPECT_EQ(expanded("inner"), s.expanded) << s.what;
+        EXPECT_EQ(expanded("outer"), s.expanded) << s.what;
+        std::vector<Membership> m = memberships("outer");
+        ASSERT_EQ(m.size(), 1u) << s.what;
+        EXPECT_EQ(m[0].addList, s.added) << s.what;
+        EXPECT_EQ(m[0].delList, s.removed) << s.what;
+        EXPECT_EQ(m[0].current, s.expanded) << s.what;
+    }
+    // Nothing is left for a later recomputation to find.
+    out_.clear();
+    groups()->updateExpMemListAllWithLock();
+    EXPECT_TRUE(reportIds("outer").empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(BothWays, GroupChangeTest,
+                         ::testing::Values(Expansion::Indexed, Expansion::Rescan),
+                         [](const ::testing::TestParamInfo<Expansion>& i) {
+                             return i.param == Expansion::Indexed ? "Indexed" : "Rescan";
+                         });
+
+}  // namespace
+}  // namespace classtest
