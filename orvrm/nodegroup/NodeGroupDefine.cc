@@ -111,20 +111,28 @@ void NodeGroupRccp::defineResource(tarn_rmf2v::RMDefineResourceResponse* rsp, zn
         rsp->done(nullptr, r.error.get());
         return;
     }
+    // The model takes the row as soon as it is written, so that the two
+    // agree whatever fails after.
     std::string name;
+    GroupRecord* g = nullptr;
     try {
-        resourceTable()->sync();
-        GroupRecord& g = model_.add(rowOf(r.handle), 0);
-        name = g.name;
-        if (g.hasSelect()) {
-            selectionChanged(g);
+        g = &model_.add(rowOf(r.handle), 0);
+        name = g->name;
+        g->stale = true;  // until its expanded list is written
+    } catch (std::exception& e) {
+        cu_error_t* err = tarn_rmf::RMMapExceptionToError(e);
+        orvrmlog_error("NodeGroupRccp::defineResource", err);
+        cu_rel_error_1(err);
+    }
+    tableSync();
+    try {
+        if (g != nullptr && g->hasSelect()) {
+            selectionChanged(*g);
         }
         NameList list;
-        if (expand(g, g.hasSelect(), list)) {
-            writeExpanded(g, std::move(list), nullptr, nullptr);
-            g.stale = false;
-        } else {
-            g.stale = true;  // the next recomputation tries again
+        if (g != nullptr && expand(*g, g->hasSelect(), list)) {
+            writeExpanded(*g, std::move(list), nullptr, nullptr);
+            g->stale = false;
         }
     } catch (std::exception& e) {
         // The group stands; its list follows with the next recomputation.
@@ -152,14 +160,7 @@ void NodeGroupRccp::resourceRemoved(tarn_rmf2v::RMTableRcp* rcp) {
         index_->dropSelection(g->row);
         model_.remove(g->handle);
     }
-    try {
-        resourceTable()->sync();
-    } catch (std::exception& e) {
-        // The row is gone from the table; making it durable waits for the next sync.
-        cu_error_t* err = tarn_rmf::RMMapExceptionToError(e);
-        orvrmlog_error("NodeGroupRccp::undefineResources", err);
-        cu_rel_error_1(err);
-    }
+    tableSync();
     removeNodeGroupPEXD(name.c_str());
 }
 

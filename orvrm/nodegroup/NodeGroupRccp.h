@@ -110,6 +110,10 @@ public:
     // the class lock held.
     void scheduleUpdateExpMemList();
     void scheduleTableSync();
+    // Syncs the group table (class lock held). A failure is logged and
+    // nothing else: what was written stays in the table and the model, and
+    // a later sync makes it durable.
+    void tableSync();
     tarn_rmf2v::RMSchedule& schedule() { return *schedule_; }
 
     // NodeGroupHooks: the managed-node class's news.

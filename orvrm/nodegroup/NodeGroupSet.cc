@@ -84,6 +84,25 @@ cu_error_t* checkTogether(const GroupRecord& g, const std::vector<rm_attribute_v
     return nullptr;
 }
 
+// The model takes what was written, as it was written.
+void mirror(GroupModel& model, GroupRecord& g, const std::vector<rm_attribute_value>& written) {
+    for (const rm_attribute_value& v : written) {
+        switch (v.rm_attribute_id) {
+            case kNgMemberList:
+                model.setMembers(g, namesOf(v.rm_value.ptr_array));
+                break;
+            case kNgSelectStr:
+                model.setSelectStr(g, textOf(v));
+                break;
+            case kNgName:
+                model.setName(g, textOf(v));
+                break;
+            default:
+                break;
+        }
+    }
+}
+
 }  // namespace
 
 void NodeGroupRcp::setAttributeValues(tarn_rmf2v::RMAttributeIdResponse* rsp,
@@ -119,6 +138,7 @@ void NodeGroupRcp::setAttributeValues(tarn_rmf2v::RMAttributeIdResponse* rsp,
         }
     }
     zn::ErrorPtr failed(checkTogether(*g, accepted));
+    std::string oldName = g->name;
     if (!failed && !accepted.empty()) {
         try {
             std::vector<tarn_rmf::RMFieldValue> fields;
@@ -127,10 +147,13 @@ void NodeGroupRcp::setAttributeValues(tarn_rmf2v::RMAttributeIdResponse* rsp,
             }
             c->resourceTable()->changeRow(g->row, fields.data(),
                                           static_cast<unsigned>(fields.size()));
-            c->resourceTable()->sync();
         } catch (std::exception& e) {
             failed.reset(tarn_rmf::RMMapExceptionToError(e));
             orvrmlog_error("NodeGroupRcp::setAttributeValues", failed.get());
+        }
+        if (!failed) {
+            mirror(c->model(), *g, accepted);
+            c->tableSync();
         }
     }
     for (const rm_attribute_value& v : accepted) {
@@ -140,24 +163,17 @@ void NodeGroupRcp::setAttributeValues(tarn_rmf2v::RMAttributeIdResponse* rsp,
         rsp->done(nullptr);
         return;
     }
-    // Mirror what was written, then tell.
-    std::string oldName = g->name;
+    // Then what follows the change.
     bool membership = false;
-    bool renamed = false;
+    bool renamed = g->name != oldName;
     for (const rm_attribute_value& v : accepted) {
         switch (v.rm_attribute_id) {
             case kNgMemberList:
-                c->model().setMembers(*g, namesOf(v.rm_value.ptr_array));
                 membership = true;
                 break;
             case kNgSelectStr:
-                c->model().setSelectStr(*g, textOf(v));
                 c->selectionChanged(*g);
                 membership = true;
-                break;
-            case kNgName:
-                renamed = g->name != textOf(v);
-                c->model().setName(*g, textOf(v));
                 break;
             default:
                 break;
