@@ -44,7 +44,15 @@ void NodeGroupRcp::notifyPersistent(int id, const zn_value_t& value) {
         return;
     }
     rm_attribute_value v{id, spec().persistent.byId(id)->type, value};
-    notifyPersistentResourceAttrsModified(&v, 1);
+    try {
+        notifyPersistentResourceAttrsModified(&v, 1);
+    } catch (std::exception& e) {
+        // What it announces is written: a lost notice neither undoes it nor
+        // keeps what follows from running.
+        cu_error_t* err = tarn_rmf::RMMapExceptionToError(e);
+        orvrmlog_error("NodeGroupRcp::notifyPersistent", err);
+        cu_rel_error_1(err);
+    }
 }
 
 void NodeGroupRcp::notifyPersistent(int id, const NameList& value) {

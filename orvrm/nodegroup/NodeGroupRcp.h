@@ -31,7 +31,8 @@ public:
                             unsigned int count) override;
 
     // Reports, each made only while clients monitor the attribute (or
-    // asked to hear changes of the persistent one).
+    // asked to hear changes of the persistent one). A persistent change
+    // notice that cannot be sent is logged and dropped.
     void reportConfigChange();
     void reportMembershipChange(const NameList& added, const NameList& removed,
                                 const NameList& current);

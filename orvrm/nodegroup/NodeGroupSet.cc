@@ -103,6 +103,18 @@ void mirror(GroupModel& model, GroupRecord& g, const std::vector<rm_attribute_va
     }
 }
 
+// One step after a change was written; a failure is logged and ends it.
+template <typename Step>
+void afterWrite(Step&& step) {
+    try {
+        step();
+    } catch (std::exception& e) {
+        cu_error_t* err = tarn_rmf::RMMapExceptionToError(e);
+        orvrmlog_error("NodeGroupRcp::setAttributeValues", err);
+        cu_rel_error_1(err);
+    }
+}
+
 }  // namespace
 
 void NodeGroupRcp::setAttributeValues(tarn_rmf2v::RMAttributeIdResponse* rsp,
@@ -163,36 +175,36 @@ void NodeGroupRcp::setAttributeValues(tarn_rmf2v::RMAttributeIdResponse* rsp,
         rsp->done(nullptr);
         return;
     }
-    // Then what follows the change.
+    // Then what follows the change. A step that fails is logged and the
+    // others still run: the change stands, and what is left undone follows
+    // with the next recomputation.
     bool membership = false;
-    bool renamed = g->name != oldName;
+    bool selection = false;
     for (const rm_attribute_value& v : accepted) {
-        switch (v.rm_attribute_id) {
-            case kNgMemberList:
-                membership = true;
-                break;
-            case kNgSelectStr:
-                c->selectionChanged(*g);
-                membership = true;
-                break;
-            default:
-                break;
-        }
-        notifyPersistent(v.rm_attribute_id, v.rm_value);
+        membership =
+            membership || v.rm_attribute_id == kNgMemberList || v.rm_attribute_id == kNgSelectStr;
+        selection = selection || v.rm_attribute_id == kNgSelectStr;
     }
-    try {
+    afterWrite([&] {
+        if (selection) {
+            c->selectionChanged(*g);
+        }
+    });
+    afterWrite([&] {
+        for (const rm_attribute_value& v : accepted) {
+            notifyPersistent(v.rm_attribute_id, v.rm_value);
+        }
+    });
+    afterWrite([&] {
         if (membership) {
             membershipChanged(*g);
         }
-        if (renamed) {
+    });
+    afterWrite([&] {
+        if (g->name != oldName) {
             c->updateNodeGroupPEXD(g->name.c_str(), oldName.c_str());
         }
-    } catch (std::exception& e) {
-        // The change stands; the expanded list follows with the next recomputation.
-        cu_error_t* err = tarn_rmf::RMMapExceptionToError(e);
-        orvrmlog_error("NodeGroupRcp::setAttributeValues", err);
-        cu_rel_error_1(err);
-    }
+    });
     rsp->done(nullptr);
 }
 

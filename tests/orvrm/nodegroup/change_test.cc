@@ -1,5 +1,5 @@
-// Changing a group's definition (set): what its containers make of it, in
-// both recomputation modes.
+// Changing a group's definition (set): what its containers make of it, and
+// what a step that fails after the write leaves, in both recomputation modes.
 #include "tests/orvrm/nodegroup/GroupFixture.h"
 
 namespace classtest {
@@ -60,6 +60,43 @@ TEST_P(GroupChangeTest, AContainerFollowsItsGroupBetweenMembersAndSelection) {
     out_.clear();
     groups()->updateExpMemListAllWithLock();
     EXPECT_TRUE(reportIds("outer").empty());
+}
+
+// The change is written before it is announced: a notice the link cannot
+// take does not undo it, nor keep it from its answer and what follows it.
+TEST_P(GroupChangeTest, AChangeWhoseNoticeFailsIsAnsweredAndFollowed) {
+    node("n1", "m1");
+    node("n2", "m2");
+    zn_resource_handle inner = memberGroup("inner", {"n1"});
+    zn_resource_handle outer = memberGroup("outer", {"+inner"});
+    zn_resource_handle sel = selectionGroup("sel", "HWModel==\"m1\"");
+    watch({"inner", "outer", "sel"});
+    clearPublished();
+    out_.refusePersistentNotices(true);
+    struct Step {
+        const char* what;
+        zn_resource_handle target;
+        std::function<std::vector<RMReplyAttr>()> values;
+    };
+    const Step steps[] = {
+        {"members", inner, [] { return attrs(strs(kNgMemberList, {"n2"})); }},
+        {"a selection", sel, [] { return attrs(str(kNgSelectStr, "HWModel==\"m2\"")); }},
+        {"a name", outer, [] { return attrs(str(kNgName, "top")); }},
+    };
+    for (const Step& s : steps) {
+        RMReply r = set(kGroups, s.target, s.values());
+        EXPECT_EQ(errorId(r.error), 0) << s.what << ": " << errorText(r.error);
+        ASSERT_EQ(r.items.size(), 1u) << s.what;
+        EXPECT_EQ(errorId(r.items[0].error), 0) << s.what << ": " << errorText(r.items[0].error);
+    }
+    out_.refusePersistentNotices(false);
+    EXPECT_EQ(expanded("inner"), Names{"n2"});
+    EXPECT_EQ(expanded("top"), Names{"n2"});
+    EXPECT_EQ(expanded("sel"), Names{"n2"});
+    std::vector<Published> p = published();
+    ASSERT_FALSE(p.empty());
+    EXPECT_EQ(p.back().op, DI_TABLE_UPDATE);
+    EXPECT_EQ(p.back().groups[0].name, "top");
 }
 
 INSTANTIATE_TEST_SUITE_P(BothWays, GroupChangeTest,
