@@ -26,7 +26,9 @@ public:
     void invokeAction(tarn_rmf2v::RMActionResponse* rsp, int actionId,
                       zn_structured_data* input) override;
     // Takes the class lock; each value is checked as a define checks it,
-    // then across the request; what passes is written in one change.
+    // then across the request. All or nothing: the change is written whole
+    // in one write, or nothing is written when any value is refused; each
+    // value is answered, a refused one with its own error.
     void setAttributeValues(tarn_rmf2v::RMAttributeIdResponse* rsp, rm_attribute_value* values,
                             unsigned int count) override;
 

@@ -1,7 +1,8 @@
 // Changing a node group: each value is checked as a define checks it (with
-// the group's own ValidateNodes), then the values are checked together;
-// what passes is written in one change, announced, and followed by the
-// group's new expanded list and its publication under a new name.
+// the group's own ValidateNodes), then the values are checked together; a
+// change that passes is written whole in one write (one refused value
+// refuses it all), announced, and followed by the group's new expanded list
+// and its publication under a new name.
 #include <set>
 
 #include "orvrm/ORVRMLog.h"
@@ -59,6 +60,36 @@ cu_error_t* checkValue(NodeGroupRccp* c, const GroupRecord& g, const rm_attribut
         default:
             return nullptr;
     }
+}
+
+// Checks every value on its own: the refusal of each (null where it is
+// accepted), and the accepted values in order.
+std::vector<zn::ErrorPtr> checkEach(NodeGroupRccp* c, const GroupRecord& g,
+                                    const tarn_rmf2v::RMAttrTable& attrs,
+                                    const rm_attribute_value* values, unsigned int count,
+                                    std::vector<rm_attribute_value>& accepted) {
+    std::set<int> seen;
+    std::vector<zn::ErrorPtr> refused(count);
+    for (unsigned int i = 0; i < count; ++i) {
+        const rm_attribute_value& v = values[i];
+        const tarn_rmf2v::RMAttrSpec* a = attrs.byId(v.rm_attribute_id);
+        zn::ErrorPtr& err = refused[i];
+        if (a == nullptr) {
+            err.reset(common(tarn_rmf::RM_EINVALIDATTRID, kSetOp));
+        } else if (!seen.insert(a->id).second) {
+            err.reset(pkg_error(0x18004, 2, kSetOp, 0, a->name));
+        } else if (a->readOnly()) {
+            err.reset(common(tarn_rmf::RM_EREADONLYATTR, a->name, kSetOp));
+        } else if (v.rm_data_type != a->type) {
+            err.reset(common(tarn_rmf::RM_EDATATYPE, kSetOp));
+        } else {
+            err.reset(checkValue(c, g, v));
+        }
+        if (!err) {
+            accepted.push_back(v);
+        }
+    }
+    return refused;
 }
 
 // The rules across the accepted values; null accepts.
@@ -126,32 +157,20 @@ void NodeGroupRcp::setAttributeValues(tarn_rmf2v::RMAttributeIdResponse* rsp,
         rsp->done(zn::ErrorPtr(common(tarn_rmf::RM_EINVALIDHANDLE, kSetOp)).get());
         return;
     }
-    std::set<int> seen;
     std::vector<rm_attribute_value> accepted;
-    for (unsigned int i = 0; values != nullptr && i < count; ++i) {
-        const rm_attribute_value& v = values[i];
-        const tarn_rmf2v::RMAttrSpec* a = spec().persistent.byId(v.rm_attribute_id);
-        zn::ErrorPtr err;
-        if (a == nullptr) {
-            err.reset(common(tarn_rmf::RM_EINVALIDATTRID, kSetOp));
-        } else if (!seen.insert(a->id).second) {
-            err.reset(pkg_error(0x18004, 2, kSetOp, 0, a->name));
-        } else if (a->readOnly()) {
-            err.reset(common(tarn_rmf::RM_EREADONLYATTR, a->name, kSetOp));
-        } else if (v.rm_data_type != a->type) {
-            err.reset(common(tarn_rmf::RM_EDATATYPE, kSetOp));
-        } else {
-            err.reset(checkValue(c, *g, v));
-        }
-        if (err) {
-            rsp->result(v.rm_attribute_id, err.get());
-        } else {
-            accepted.push_back(v);
-        }
+    std::vector<zn::ErrorPtr> refused =
+        checkEach(c, *g, spec().persistent, values, values != nullptr ? count : 0, accepted);
+    cu_error_t* firstRefusal = nullptr;  // owned by `refused`
+    for (const zn::ErrorPtr& err : refused) {
+        firstRefusal = firstRefusal == nullptr ? err.get() : firstRefusal;
     }
-    zn::ErrorPtr failed(checkTogether(*g, accepted));
+    zn::ErrorPtr failed;
+    if (firstRefusal == nullptr) {
+        failed.reset(checkTogether(*g, accepted));
+    }
     std::string oldName = g->name;
-    if (!failed && !accepted.empty()) {
+    bool write = firstRefusal == nullptr && !failed && !accepted.empty();
+    if (write) {
         try {
             std::vector<tarn_rmf::RMFieldValue> fields;
             for (const rm_attribute_value& v : accepted) {
@@ -168,10 +187,13 @@ void NodeGroupRcp::setAttributeValues(tarn_rmf2v::RMAttributeIdResponse* rsp,
             c->tableSync();
         }
     }
-    for (const rm_attribute_value& v : accepted) {
-        rsp->result(v.rm_attribute_id, failed.get());
+    // In request order: a refused value its own error, the others what
+    // stopped the change (none when it was written).
+    cu_error_t* outcome = firstRefusal != nullptr ? firstRefusal : failed.get();
+    for (unsigned int i = 0; i < refused.size(); ++i) {
+        rsp->result(values[i].rm_attribute_id, refused[i] ? refused[i].get() : outcome);
     }
-    if (failed || accepted.empty()) {
+    if (!write || failed) {
         rsp->done(nullptr);
         return;
     }

@@ -1,5 +1,6 @@
 // Changing a group's definition (set): what its containers make of it, and
 // what a step that fails after the write leaves, in both recomputation modes.
+#include "tarn_rmf/RMCommonErrors.h"
 #include "tests/orvrm/nodegroup/GroupFixture.h"
 
 namespace classtest {
@@ -97,6 +98,53 @@ TEST_P(GroupChangeTest, AChangeWhoseNoticeFailsIsAnsweredAndFollowed) {
     ASSERT_FALSE(p.empty());
     EXPECT_EQ(p.back().op, DI_TABLE_UPDATE);
     EXPECT_EQ(p.back().groups[0].name, "top");
+}
+
+// A change is made whole or not at all: one refused value keeps the others
+// from being written, and each is answered, the refused one with its own
+// error and the others with the error that stopped the change.
+TEST_P(GroupChangeTest, OneRefusedValueRefusesTheWholeChange) {
+    node("n1");
+    node("n2");
+    zn_resource_handle g = memberGroup("g", {"n1"});
+    memberGroup("taken", {});
+    struct Case {
+        const char* what;
+        std::function<std::vector<RMReplyAttr>()> values;
+        std::vector<int> errors;  // per value, in request order
+    };
+    const Case cases[] = {
+        {"a name in use after good members",
+         [] { return attrs(strs(kNgMemberList, {"n2"}), str(kNgName, "taken")); },
+         {259, 259}},
+        {"an unknown node after a good name",
+         [] { return attrs(str(kNgName, "free"), strs(kNgMemberList, {"zz"})); },
+         {261, 261}},
+        {"a read-only value between good ones",
+         [] {
+             return attrs(str(kNgName, "free"), strs(kNgExpMemberList, {"n2"}),
+                          strs(kNgMemberList, {"n2"}));
+         },
+         {tarn_rmf::RM_EREADONLYATTR, tarn_rmf::RM_EREADONLYATTR, tarn_rmf::RM_EREADONLYATTR}},
+        {"two refused, each its own",
+         [] { return attrs(strs(kNgMemberList, {"zz"}), str(kNgName, "taken")); },
+         {261, 259}},
+    };
+    watch({"g"});
+    clearPublished();
+    for (const Case& c : cases) {
+        RMReply r = set(kGroups, g, c.values());
+        std::vector<int> errors;
+        for (const RMReplyItem& i : r.items) {
+            errors.push_back(errorId(i.error));
+        }
+        EXPECT_EQ(errors, c.errors) << c.what;
+        EXPECT_EQ(memberList("g"), Names{"n1"}) << c.what;
+        EXPECT_EQ(expanded("g"), Names{"n1"}) << c.what;
+        EXPECT_EQ(enumerate(kGroups, "Name==\"free\"").handles.size(), 0u) << c.what;
+    }
+    EXPECT_TRUE(reportIds("g").empty());
+    EXPECT_TRUE(published().empty());
 }
 
 INSTANTIATE_TEST_SUITE_P(BothWays, GroupChangeTest,
