@@ -2,6 +2,7 @@
 // selection must meet (also applied by changes and by AddMembers).
 #include <cstring>
 #include <deque>
+#include <optional>
 #include <unordered_set>
 
 #include "orvrm/ORVRMLog.h"
@@ -56,7 +57,7 @@ cu_error_t* NodeGroupRccp::checkDefineValue(const tarn_rmf2v::RMAttrSpec& attr,
         case kNgValidateNodes:
             return value.rm_value.val_uint32 > 1 ? pkg_error(260, 14, kDefineOp, 0) : nullptr;
         case kNgMemberList:
-            return hasDuplicates(namesOf(value.rm_value.ptr_array))
+            return checkForDuplicateStrings(namesOf(value.rm_value.ptr_array))
                        ? pkg_error(261, 15, kDefineOp, 0)
                        : nullptr;
         case kNgSelectStr:
@@ -129,9 +130,13 @@ void NodeGroupRccp::defineResource(tarn_rmf2v::RMDefineResourceResponse* rsp, zn
         if (g != nullptr && g->hasSelect()) {
             selectionChanged(*g);
         }
-        NameList list;
-        if (g != nullptr && expand(*g, g->hasSelect(), list)) {
-            writeExpanded(*g, std::move(list), nullptr, nullptr);
+        NodeGroupRcp* rcp = g != nullptr ? rcpOf(*g) : nullptr;
+        std::optional<NameList> list;
+        if (rcp != nullptr) {
+            list = rcp->retExpandedMemberList(g->hasSelect());
+        }
+        if (list) {
+            writeExpanded(*g, std::move(*list), nullptr, nullptr);
             g->stale = false;
         }
     } catch (std::exception& e) {

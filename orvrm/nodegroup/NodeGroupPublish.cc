@@ -17,8 +17,9 @@ bool refreshed(int rc) {
     return rc == DI_OK || rc == DI_EPARTIAL;
 }
 
-// The entries' strings as the table calls take them (not copies).
-std::vector<char*> getNodeList(const NameList& names) {
+}  // namespace
+
+std::vector<char*> NodeGroupRccp::getNodeList(const NameList& names) {
     std::vector<char*> out;
     out.reserve(names.size());
     for (const std::string& n : names) {
@@ -27,7 +28,10 @@ std::vector<char*> getNodeList(const NameList& names) {
     return out;
 }
 
-}  // namespace
+const NameList* NodeGroupRccp::getExpMemList(const char* name) {
+    const GroupRecord* g = model_.find(name != nullptr ? name : "");
+    return g != nullptr ? &g->expanded : nullptr;
+}
 
 void NodeGroupRccp::sendAllNodeGroupsPEXD() {
     std::lock_guard<std::mutex> g(orvrmcp_->diMutex());
@@ -84,9 +88,9 @@ int NodeGroupRccp::updatePEXNGInfo(di_table_op_t op, const char* name, char** na
 }
 
 void NodeGroupRccp::addNodeGroupPEXD(const char* name) {
-    const GroupRecord* g = model_.find(name != nullptr ? name : "");
-    NameList none;
-    std::vector<char*> names = getNodeList(g != nullptr ? g->expanded : none);
+    const NameList none;
+    const NameList* list = getExpMemList(name);
+    std::vector<char*> names = getNodeList(list != nullptr ? *list : none);
     updatePEXNGInfo(DI_TABLE_UPDATE, name, names.data(), static_cast<unsigned int>(names.size()));
 }
 

@@ -32,7 +32,7 @@ cu_error_t* checkValue(NodeGroupRccp* c, const GroupRecord& g, const rm_attribut
     switch (v.rm_attribute_id) {
         case kNgMemberList: {
             NameList members = namesOf(v.rm_value.ptr_array);
-            if (hasDuplicates(members)) {
+            if (checkForDuplicateStrings(members)) {
                 return pkg_error(261, 15, kSetOp, 0);
             }
             cu_error_t* err = nullptr;
@@ -152,7 +152,7 @@ void NodeGroupRcp::setAttributeValues(tarn_rmf2v::RMAttributeIdResponse* rsp,
                                       rm_attribute_value* values, unsigned int count) {
     NodeGroupRccp* c = groupRccp();
     tarn_rmf2v::lockRccp guard(c);
-    GroupRecord* g = c->model().find(*getResourceHandle());
+    GroupRecord* g = record();
     if (g == nullptr) {
         rsp->done(zn::ErrorPtr(common(tarn_rmf::RM_EINVALIDHANDLE, kSetOp)).get());
         return;
