@@ -3,6 +3,7 @@
 // (operation 1), one group added or replaced (2), one removed (4). Each
 // transaction runs under the control point's distributed-information
 // mutex; a refresh result of 0 or 8 is success, anything else is traced.
+// An entry the table refuses at start is traced and left out.
 #include <mutex>
 
 #include "orvrm/ORVRMLog.h"
@@ -52,9 +53,9 @@ void NodeGroupRccp::sendAllNodeGroupsPEXD() {
         rc = di_ngn_table_entry_1(t, group.name.c_str(), names.data(),
                                   static_cast<unsigned int>(names.size()));
         if (rc != DI_OK) {
+            // One refused entry (an old row without a name) keeps only
+            // itself out of the table.
             orvrminfo_trace("sendAllNodeGroupsPEXD::di_ngn_table_entry err rc %d", rc);
-            di_free_table_1(t);
-            return;
         }
     }
     rc = di_refresh_table_1(t);

@@ -1,5 +1,5 @@
 // The class's start-up: its entry trace before anything that may fail, and
-// the publication of every group even when the table refuses one of them.
+// the publication of every group the table takes when it refuses one.
 #include <mutex>
 
 #include "orvrm/ORVRMLog.h"
@@ -73,6 +73,34 @@ TEST_F(GroupStartTest, TheEntryTraceIsWrittenBeforeTheTablesAreOpened) {
     ASSERT_GE(l.size(), 5u);
     EXPECT_EQ(l[4], "[83] NodeGroupRccp::NodeGroupRccp entered");
     EXPECT_EQ(l[l.size() - 2], "[84] NodeGroupRccp::NodeGroupRccp leaving");
+}
+
+TEST_F(GroupTest, OneEntryTheTableRefusesLeavesTheOthersPublished) {
+    node("n1");
+    memberGroup("a", {"n1"});
+    zn_resource_handle b = memberGroup("b", {});
+    memberGroup("c", {"n1"}, 0);
+    {
+        // A row without a name, as an older system could leave it.
+        tarn_rmf2v::lockRccp guard(groups());
+        zn_value_t none{};
+        none.ptr_char = const_cast<char*>("");
+        tarn_rmf::RMFieldValue f{"Name", -1, ZN_CHAR_PTR, none};
+        groups()->resourceTable()->changeRow(groups()->model().find(b)->row, &f, 1);
+    }
+    clearPublished();
+    InfoTrace trace;
+    restart();
+    std::vector<Published> p = published();
+    ASSERT_EQ(p.size(), 1u);
+    EXPECT_EQ(p[0].op, DI_TABLE_ADD);
+    EXPECT_TRUE(p[0].clearGroups);
+    ASSERT_EQ(p[0].groups.size(), 2u);
+    EXPECT_EQ(p[0].groups[0].name, "a");
+    EXPECT_EQ(p[0].groups[1].name, "c");
+    EXPECT_EQ(p[0].groups[1].members, Names{"n1"});
+    EXPECT_TRUE(
+        trace.has("sendAllNodeGroupsPEXD::di_ngn_table_entry err rc " + std::to_string(DI_EINVAL)));
 }
 
 }  // namespace
