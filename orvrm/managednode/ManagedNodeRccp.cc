@@ -8,6 +8,7 @@
 #include "orvrm/ORVRMRmcp.h"
 #include "orvrm/managednode/ManagedNodeRcp.h"
 #include "orvrm/managednode/ManagedNodeSpec.h"
+#include "orvrm/managednode/PEXCBThread.h"
 #include "orvrm/netif/MNNetworkInterfaceRccp.h"
 #include "orvrm/orvctrl/OrvCtrlRccp.h"
 #include "tarn_rmf/RMCommonErrors.h"
@@ -43,6 +44,7 @@ ManagedNodeRccp::ManagedNodeRccp(char* className, rm_object_type type, ORVRMRmcp
       syncSchedule_(std::make_unique<tarn_rmf2v::RMSchedule>()) {
     loadResources();
     reconcileInterfaces();
+    scheduleLocalPEXEventReg(15);
     strent* hosts = nullptr;
     readHostList(&hosts, 1);
     if (hosts != nullptr) {
@@ -54,8 +56,11 @@ ManagedNodeRccp::ManagedNodeRccp(char* className, rm_object_type type, ORVRMRmcp
 }
 
 ManagedNodeRccp::~ManagedNodeRccp() {
-    // The schedules go first: a poll or write-back in progress is waited for
-    // while everything it uses still stands.
+    // The event sessions end first (their callbacks use the class; a
+    // registration still to come finds the class going), then the
+    // schedules: a poll or write-back in progress is waited for while
+    // everything it uses still stands.
+    endEventSessions();
     syncSchedule_.reset();
     statusSchedule_.reset();
 }

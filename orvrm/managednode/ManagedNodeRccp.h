@@ -4,7 +4,8 @@
 // interfaces, the node groups, the reachability poller), answers the other
 // classes' lookups by host name, universal id and selection, records the
 // management mode, and runs the reachability poll "NodeStatusUpdate" at the
-// domain's heartbeat frequency.
+// domain's heartbeat frequency. Power status comes from the hardware-control
+// manager's events, watched on a local session of the monitoring service.
 //
 // Locks: the class lock is taken before a node's own lock, never after.
 // Lookups (hostnameExists, getRcpByHostname, ...) take neither: the other
@@ -12,8 +13,10 @@
 // use the table's hash indexes on Hostname and UniversalId, whatever the size.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -22,6 +25,7 @@
 #include "orvrm/OrvTableRccp.h"
 #include "orvrm/strent.h"
 #include "tarn_rmf2v/RMSchedule.h"
+#include "znpex/client/px_event.h"
 
 class ORVRMRmcp;
 
@@ -38,6 +42,7 @@ struct PeerDomainInfo {
 };
 void freePeerDomainInfo(PeerDomainInfo* info);
 
+class EventDispatchThread;
 class ManagedNodeRcp;
 class MNNetworkInterfaceRccp;
 class NodeGroupHooks;
@@ -112,6 +117,25 @@ public:
     // One reachability poll, then the next one scheduled a heartbeat
     // frequency later (read anew each time).
     static void nodeStatusUpdate(void* rccp);
+    // Polls run so far.
+    uint64_t statusPolls() const { return statusPolls_.load(); }
+
+    // Power status from "Kor.NodeHwCtrl": the watch is registered on a local
+    // session `seconds` from now (15 after start, 30 after a failure or a
+    // lost session, again and again until it holds); its events arrive on
+    // LocalPEXCBThread.
+    void scheduleLocalPEXEventReg(unsigned int seconds);
+    static void regLocalPEXEvent(void* rccp);
+    static void powerStatusEventCB(void* session, px_event_2_t* event, void* rccp);
+    // Keeps *session (registered as `regId`) and starts LocalPEXCBThread on
+    // it; false when the class is going away (the caller ends the session).
+    bool createLocalPEXCBThread(px_session_t* session, uint64_t regId);
+    // Whether the power-status watch is registered now.
+    bool powerEventsRegistered();
+    // The dispatch thread's end: `rc` is px_dispatch's result on `session`.
+    // 4 (ended on purpose) clears the session; anything else also ends it
+    // and schedules the recovery.
+    void localDispatchEnded(px_session_t session, int rc);
 
     // Pairs the node with this universal id and the node serving the same
     // storage facility image into a two-node peer domain, as their statuses
@@ -165,7 +189,24 @@ private:
                const char* op);
     void scheduleStatusUpdate();
 
+    // An event session of the class and the thread that dispatches it.
+    struct EventLink {
+        px_session_t session = nullptr;
+        uint64_t regId = 0;
+        std::unique_ptr<EventDispatchThread> thread;
+    };
+    // Keeps a registered session and starts `thread` on it (a session the
+    // link still holds is ended and its thread joined first). False when
+    // the class is going: the caller ends the session.
+    bool adoptEventSession(EventLink& link, px_session_t session, uint64_t regId,
+                           std::unique_ptr<EventDispatchThread> thread);
+    // Clears the link if it still holds `session`; true when it did.
+    bool clearEventSession(EventLink& link, px_session_t session);
+    // Ends both sessions and waits for their threads (destruction).
+    void endEventSessions();
+
     std::unique_ptr<FpingClass> poller_;
+    std::atomic<uint64_t> statusPolls_{0};
     // The status schedule runs the poll; the sync schedule the write-back
     // (each cancels by its own argument).
     std::unique_ptr<tarn_rmf2v::RMSchedule> statusSchedule_;
@@ -182,6 +223,11 @@ private:
         bool hasPartition = false;  // LParID, HWModel and HWSerialNum all given
     };
     DefineFacts facts_;
+
+    std::mutex eventMu_;   // guards the links and stopping_
+    EventLink localLink_;  // power-status events
+    EventLink dpexLink_;   // management-server records
+    bool stopping_ = false;
 };
 
 }  // namespace orvrm
