@@ -56,6 +56,7 @@ Router::Router(AclStore& acl, RmRegistry& registry, di::DiStore& di, asio::any_i
       di_(di),
       budget_(options.bufferBudget) {
     budget_.setReclaim([this](size_t over) { reclaim(over); });
+    hb_ = di_.heartbeat();
 }
 
 Router::~Router() = default;
@@ -113,6 +114,7 @@ void Router::closeAll() {
     {
         std::lock_guard<std::mutex> g(housekeepingMu_);
         housekeeping_.reset();
+        hbTimer_.reset();
     }
     std::vector<std::shared_ptr<Connection>> all;
     {
