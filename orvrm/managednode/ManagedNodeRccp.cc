@@ -40,10 +40,12 @@ tarn_rmf2v::RMTableRccp::Options options() {
 ManagedNodeRccp::ManagedNodeRccp(char* className, rm_object_type type, ORVRMRmcp* rmcp)
     : OrvTableRccp(className, type, rmcp, managedNodeSpec(), options()),
       poller_(std::make_unique<FpingClass>()),
+      orvrmcp_(rmcp),
       statusSchedule_(std::make_unique<tarn_rmf2v::RMSchedule>()),
       syncSchedule_(std::make_unique<tarn_rmf2v::RMSchedule>()) {
     loadResources();
     reconcileInterfaces();
+    scheduleDPEXUpdate();
     scheduleLocalPEXEventReg(15);
     strent* hosts = nullptr;
     readHostList(&hosts, 1);

@@ -26,6 +26,7 @@
 #include "orvrm/strent.h"
 #include "tarn_rmf2v/RMSchedule.h"
 #include "znpex/client/px_event.h"
+#include "znpex/di/DiTypes.h"
 
 class ORVRMRmcp;
 
@@ -136,6 +137,7 @@ public:
     // 4 (ended on purpose) clears the session; anything else also ends it
     // and schedules the recovery.
     void localDispatchEnded(px_session_t session, int rc);
+    void dpexDispatchEnded(px_session_t session, int rc);
 
     // Pairs the node with this universal id and the node serving the same
     // storage facility image into a two-node peer domain, as their statuses
@@ -145,6 +147,33 @@ public:
     // Finds the pair and asks each for its peer-domain status; *out is
     // always a new record (freePeerDomainInfo). 0, or -1.
     int getPeerNodeData(uint64_t nodeId, PeerDomainInfo** out);
+
+    // Publication to the distributed-information node table. One change:
+    // 0, or the refresh's code (8, applied here only, counts as 0). Under
+    // the control point's distributed-information mutex.
+    int updatePEXNodeInfo(di_table_op_t op, uint64_t nodeId, const char* hostname, char** names,
+                          unsigned int nameCount, char** addresses, unsigned int addressCount);
+    // The whole table (emptied first, every node that resolves); 0 or a code.
+    int sendAllManagedNodesPEXD();
+    // One node as its row has it now; -1 when it is unknown or does not resolve.
+    int addNodePEXD(const char* hostname);
+    int removeNodePEXD(const char* hostname);
+    int updateNodePEXD(const char* oldHostname, uint64_t oldNodeId, const char* newHostname,
+                       uint64_t newNodeId);
+    // "InitDPEXInfo" 20 s from now: the whole table when the service may
+    // have lost it, then the management-server records' watch on a domain
+    // session (PEXCBThread); tried again 20 s later when it fails.
+    void scheduleDPEXUpdate();
+    static void initializeDistributedPEXInfo(void* rccp);
+    bool createPEXCBThread(px_session_t* session, uint64_t regId);
+    bool mgmtSvrEventsRegistered();
+    static void mgmtSvrCfgChngEvntCB(void* session, px_event_2_t* event, void* rccp);
+    // 1 when the event's "Hostname" (the record's management server) is this
+    // server's primary host name, else 0.
+    int isValidEvent(px_event_2_t* event);
+    // The record of this server on node `hostname` went: the node is silent.
+    // The caller holds the class lock.
+    void rsrcUndefCB(const char* hostname, const char* managementServerName);
 
     // Writes the resource table back "RegSyncDelay" seconds from now.
     void scheduleTableSync();
@@ -188,6 +217,9 @@ private:
     int exists(const char* selection, const tarn_rmf::RMSelParams& params, cu_error_t** err,
                const char* op);
     void scheduleStatusUpdate();
+    // Publishes the node named `hostname` with `op`; `invalidTrace` when it
+    // does not resolve.
+    int publishNode(di_table_op_t op, const char* hostname, const char* invalidTrace);
 
     // An event session of the class and the thread that dispatches it.
     struct EventLink {
@@ -207,6 +239,10 @@ private:
 
     std::unique_ptr<FpingClass> poller_;
     std::atomic<uint64_t> statusPolls_{0};
+    // The whole node table was published since start or since the service
+    // was last lost.
+    std::atomic<bool> tablePublished_{false};
+    ORVRMRmcp* const orvrmcp_;
     // The status schedule runs the poll; the sync schedule the write-back
     // (each cancels by its own argument).
     std::unique_ptr<tarn_rmf2v::RMSchedule> statusSchedule_;

@@ -15,6 +15,11 @@ int EventDispatchThread::dispatch(const char* name) {
     return rc;
 }
 
+void PEXCBThread::run(void*) {
+    int rc = dispatch("PEXCBThread");
+    rccp_->dpexDispatchEnded(session_, rc);
+}
+
 void LocalPEXCBThread::run(void*) {
     int rc = dispatch("LocalPEXCBThread");
     rccp_->localDispatchEnded(session_, rc);

@@ -1,5 +1,6 @@
-// The threads that wait on the monitoring service for the managed-node
-// class: LocalPEXCBThread on the local session (power status). Each blocks in
+// The two threads that wait on the monitoring service for the managed-node
+// class: PEXCBThread on the domain session (management-server records),
+// LocalPEXCBThread on the local session (power status). Each blocks in
 // px_dispatch until its session ends, then hands the result back to the
 // class, which clears the session and, when it was lost rather than ended on
 // purpose, schedules the recovery.
@@ -26,6 +27,12 @@ protected:
 
     ManagedNodeRccp* const rccp_;
     const px_session_t session_;
+};
+
+class PEXCBThread : public EventDispatchThread {
+public:
+    using EventDispatchThread::EventDispatchThread;
+    void run(void* arg) override;
 };
 
 class LocalPEXCBThread : public EventDispatchThread {

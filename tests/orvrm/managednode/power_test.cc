@@ -11,9 +11,7 @@
 #include <fstream>
 
 #include "platform/paths.h"
-#include "tests/orvrm/managednode/NodeFixture.h"
-#include "tests/orvrm/support/ScriptedHwCtrl.h"
-#include "tests/support/Subprocess.h"
+#include "tests/orvrm/managednode/ServiceFixture.h"
 #include "znpex/client/px_event.h"
 
 namespace classtest {
@@ -158,15 +156,11 @@ TEST_F(PowerEventTest, EventsSetThePowerStatusOfTheNodeTheyName) {
 
 // The daemon's classes in this process with a real service under the test
 // root and the hardware-control manager beside them.
-class PowerStatusTest : public NodeTest {
+// The hardware-control manager beside the classes and the service.
+class PowerStatusTest : public NodeServiceTest {
 protected:
     void SetUp() override {
-        std::string acl = root_ / "usr/sbin/tarn/cfg/znpex.acls";
-        std::filesystem::create_directories(std::filesystem::path(acl).parent_path());
-        std::ifstream shipped(std::string(ORVRM_SOURCE_DIR) + "/etc/znpex.acls");
-        std::ofstream(acl) << shipped.rdbuf();
-        startService();
-        NodeTest::SetUp();
+        NodeServiceTest::SetUp();
         a_ = defineNode("a", attrs(str(kMnMode, kModeManaged))).newHandle;
         b_ = defineNode("b", attrs(str(kMnMode, kModeManaged))).newHandle;
         startMonitoring(kNodes, &a_, {kMnPowerStatus});
@@ -175,22 +169,12 @@ protected:
     }
     void TearDown() override {
         hw_.reset();
-        service_.reset();
-    }
-    std::string socket() const { return root_.path() + zn::paths::kPexSocket; }
-    void startService() {
-        std::filesystem::remove(socket());
-        service_ = std::make_unique<testsupport::Subprocess>(
-            testsupport::binPath("znpex/server/znpexd"),
-            std::vector<std::string>{"--state-root", root_.path(), "--no-tcp"},
-            std::vector<std::string>{}, root_ / "znpexd.stderr");
-        ASSERT_TRUE(waitFor([&] { return std::filesystem::exists(socket()); }));
+        NodeServiceTest::TearDown();
     }
     bool registered() { return nodes()->powerEventsRegistered(); }
     uint32_t power(const zn_resource_handle& h) { return node(h)->getPowerStatus(); }
 
     zn_resource_handle a_{}, b_{};
-    std::unique_ptr<testsupport::Subprocess> service_;
     std::unique_ptr<hwctrltest::ScriptedHwCtrl> hw_;
 };
 
@@ -239,8 +223,7 @@ TEST_F(PowerStatusTest, RegistrationIsTriedEvery30SecondsUntilItHoldsAndAfterThe
 
     // The service stops: the session is lost and the registration is made
     // again 30 s later, once there is a service again.
-    service_->signal(SIGTERM);
-    ASSERT_NE(service_->wait(), -1);
+    stopService();
     ASSERT_TRUE(waitFor([&] { return !registered(); }));
     advance(30s);
     EXPECT_FALSE(registered()) << "no service to register with";

@@ -32,6 +32,7 @@ const RMAttrSpec kHost[] = {
 };
 const RMAttrSpec kClassAttrs[] = {{0, "Variety", ZN_UINT32, kKept, rmUintDefault(1)}};
 const RMAttrSpec kPower[] = {{0, "PowerStatus", ZN_UINT32, 0, rmNoDefault()}};
+const RMAttrSpec kConfig[] = {{0, "ConfigChanged", ZN_UINT32, 0, rmNoDefault()}};
 
 const RMClassSpec& hwSpec() {
     static const RMClassSpec s{.name = "Kor.NodeHwCtrl",
@@ -40,6 +41,15 @@ const RMClassSpec& hwSpec() {
                                .classPersistent = kClassAttrs,
                                .persistent = kHost,
                                .dynamic = kPower};
+    return s;
+}
+const RMClassSpec& recordSpec() {
+    static const RMClassSpec s{.name = "Kor.ManagementServer",
+                               .classTable = "/Kor/ManagementServer/Class",
+                               .resourceTable = "/Kor/ManagementServer/Resources",
+                               .classPersistent = kClassAttrs,
+                               .persistent = kHost,
+                               .dynamic = kConfig};
     return s;
 }
 
@@ -56,7 +66,7 @@ public:
 
     void setPower(uint32_t p) {
         if (power.exchange(p) != p) {
-            reportDynamic("PowerStatus", ZN_UINT32, u32(p));
+            reportDynamic(spec().dynamic.byId(0)->name, ZN_UINT32, u32(p));
         }
     }
 
@@ -78,8 +88,8 @@ RMTableRccp::Options hostOptions() {
 
 class HwRccp : public RMTableRccp {
 public:
-    explicit HwRccp(RMRmcp* rmcp)
-        : RMTableRccp(hwSpec().name, RM_OBJECT_CLASS, rmcp, hwSpec(), hostOptions()) {
+    HwRccp(RMRmcp* rmcp, const RMClassSpec& spec)
+        : RMTableRccp(spec.name, RM_OBJECT_CLASS, rmcp, spec, hostOptions()) {
         loadResources();
     }
     // The host's control point (not reserved), or null.
@@ -118,18 +128,19 @@ protected:
 
 class HwCtrlRmcp : public RMRmcp {
 public:
-    explicit HwCtrlRmcp(const std::string& treeDir)
-        : RMRmcp("Kor.HwCtrlRM", 1, nullptr, 0, 1), tree_(treeDir.c_str()) {}
+    HwCtrlRmcp(const char* rmName, const std::string& treeDir)
+        : RMRmcp(rmName, 1, nullptr, 0, 1), tree_(treeDir.c_str()) {}
     tarn_rmf::RMTree* getTree() override { return &tree_; }
-    HwRccp* hosts() { return static_cast<HwRccp*>(findRccpByName("Kor.NodeHwCtrl")); }
+    HwRccp* hosts() { return static_cast<HwRccp*>(classes().front()); }
 
 private:
     tarn_rmf::RMTree tree_;
 };
 
-ScriptedHwCtrl::ScriptedHwCtrl(const std::string& socketPath, const std::string& treeDir)
-    : rmcp_(std::make_unique<HwCtrlRmcp>(treeDir)) {
-    new HwRccp(rmcp_.get());
+ScriptedHwCtrl::ScriptedHwCtrl(const std::string& socketPath, const std::string& treeDir, Kind kind)
+    : rmcp_(std::make_unique<HwCtrlRmcp>(
+          kind == Kind::HardwareControl ? "Kor.HwCtrlRM" : "Kor.MgmtSvrRM", treeDir)) {
+    new HwRccp(rmcp_.get(), kind == Kind::HardwareControl ? hwSpec() : recordSpec());
     for (int i = 0; i < 2; ++i) {
         unsigned long id = 0;
         rmcp_->start(&id);

@@ -1,8 +1,10 @@
-// The hardware-control manager of a host, scripted for tests: "Kor.NodeHwCtrl"
-// served by the resource-manager framework over a real service's socket, one
-// resource per host with its "Hostname" and a "PowerStatus" the test sets.
-// A change is reported to the clients that monitor it, as the real manager
-// reports a host powered on or off.
+// A host's manager of one class, scripted for tests: the hardware-control
+// manager ("Kor.NodeHwCtrl": one resource per host with its "Hostname" and
+// a "PowerStatus" the test sets) or the management-server records
+// ("Kor.ManagementServer": "Hostname" names the server, "ConfigChanged" is
+// reported when the test says so), served by the resource-manager framework
+// over a real service's socket. A change is reported to the clients that
+// monitor it, as the real managers report one.
 #pragma once
 
 #include <cstdint>
@@ -19,9 +21,11 @@ class HwCtrlRmcp;
 
 class ScriptedHwCtrl {
 public:
+    enum class Kind { HardwareControl, ManagementServer };
     // A manager on the service at `socketPath`, its registry at `treeDir`
     // (under the process's state root).
-    ScriptedHwCtrl(const std::string& socketPath, const std::string& treeDir);
+    ScriptedHwCtrl(const std::string& socketPath, const std::string& treeDir,
+                   Kind kind = Kind::HardwareControl);
     ~ScriptedHwCtrl();
     // False when it did not register in time.
     bool start();
@@ -31,7 +35,7 @@ public:
     bool connected() const;
 
     void addHost(const std::string& hostname, uint32_t powerStatus);
-    // Sets a host's power status and reports it when it changed.
+    // Sets a host's power status (or ConfigChanged) and reports it when it changed.
     void setPower(const std::string& hostname, uint32_t powerStatus);
     // Undefines the host's resource (its watchers get error 0x40004).
     void removeHost(const std::string& hostname);
