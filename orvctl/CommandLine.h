@@ -31,5 +31,7 @@ inline constexpr char kFooter[] =
 void addNodeCommands(CLI::App& app, bool progress, std::vector<Command>& out);
 // group add, ls, show, members, add-members, rm-members, rm.
 void addGroupCommands(CLI::App& app, std::vector<Command>& out);
+// status, watch.
+void addStatusCommands(CLI::App& app, std::vector<Command>& out);
 
 }  // namespace orvctl

@@ -48,6 +48,7 @@ int runOrvctl(int argc, const char* const* argv, std::ostream& out, std::ostream
     std::vector<Command> commands;
     addNodeCommands(app, errIsTerminal, commands);
     addGroupCommands(app, commands);
+    addStatusCommands(app, commands);
     addGlobalOptionsBelow(&app, g);
     try {
         app.parse(argc, argv);

@@ -6,13 +6,13 @@
 #include <string>
 
 #include "orvrm/ClassList.h"
-#include "orvrm/HeartbeatReport.h"
 #include "orvrm/HeartbeatTargets.h"
 #include "orvrm/ORVRMLog.h"
 #include "orvrm/ORVRMMessages.h"
 #include "orvrm/ORVRMTrace.h"
 #include "platform/paths.h"
 #include "tarn_rmf/RMCommonErrors.h"
+#include "znpex/proto/HeartbeatReport.h"
 
 ORVRMRmcp::ORVRMRmcp(const char* rmName, unsigned int arg)
     : RMRmcp(rmName, static_cast<int>(arg), nullptr, 0, 1) {
@@ -93,9 +93,9 @@ void ORVRMRmcp::PEXMessageReceived(int, int, void* data, unsigned int length) {
         findRccpByName(orvrm::kNetworkInterfaceClass));
     auto* nodes =
         dynamic_cast<orvrm::NodeHeartbeatTarget*>(findRccpByName(orvrm::kManagedNodeClass));
-    orvrm::HeartbeatReport report;
+    znpex::proto::HeartbeatReport report;
     std::string why;
-    if (!orvrm::parseHeartbeatReport(data, length, report, why)) {
+    if (!znpex::proto::parseHeartbeatReport(data, length, report, why)) {
         // From another host: a report that does not hold together changes nothing.
         if (auto* tc = orvrm::traceComponent()) {
             tc->writef(orvrm::kTraceErrors, "ORVRMRmcp::PEXMessageRecieved: rejected report: %s",

@@ -4,22 +4,22 @@
 #include <cstdint>
 #include <string>
 
-#include "orvrm/HeartbeatReport.h"
+#include "znpex/proto/HeartbeatReport.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    orvrm::HeartbeatReport r;
+    znpex::proto::HeartbeatReport r;
     std::string why;
-    if (orvrm::parseHeartbeatReport(data, size, r, why)) {
+    if (znpex::proto::parseHeartbeatReport(data, size, r, why)) {
         for (const auto& e : r.entries) {
-            if (e.address.size() > orvrm::kMaxHeartbeatAddress) {
+            if (e.address.size() > znpex::proto::kMaxHeartbeatAddress) {
                 __builtin_trap();
             }
         }
-        auto again = orvrm::buildHeartbeatReport(r);
-        orvrm::HeartbeatReport r2;
-        if (!orvrm::parseHeartbeatReport(again.data(), again.size(), r2, why) ||
+        auto again = znpex::proto::buildHeartbeatReport(r);
+        znpex::proto::HeartbeatReport r2;
+        if (!znpex::proto::parseHeartbeatReport(again.data(), again.size(), r2, why) ||
             r2.entries.size() != r.entries.size()) {
             __builtin_trap();
         }

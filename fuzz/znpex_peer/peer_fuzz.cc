@@ -62,7 +62,9 @@ void decode(uint8_t which, const Json& j) {
             roundTrip(j, di::decodeGroups, di::encodeGroups, "group table");
             break;
         default:
-            roundTrip(j, di::decodeHeartbeat, di::encodeHeartbeat, "heartbeat");
+            roundTrip(
+                j, [](const Json& p) { return di::decodeHeartbeat(p); }, di::encodeHeartbeat,
+                "heartbeat");
             break;
     }
 }

@@ -148,6 +148,9 @@ zn_resource_handle* ManagedNodeRccp::createResource(zn_structured_data*, rm_attr
     if (NodeGroupHooks* groups = nodeGroups()) {
         groups->nodeAdded(facts_.hostname);
     }
+    if (facts_.hostname != nullptr) {
+        addNodePEXD(facts_.hostname);
+    }
     auto* copy = static_cast<zn_resource_handle*>(std::malloc(sizeof(zn_resource_handle)));
     if (copy != nullptr) {
         *copy = r.handle;

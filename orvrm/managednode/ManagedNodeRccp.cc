@@ -8,6 +8,7 @@
 #include "orvrm/ORVRMRmcp.h"
 #include "orvrm/managednode/ManagedNodeRcp.h"
 #include "orvrm/managednode/ManagedNodeSpec.h"
+#include "orvrm/managednode/PEXCBThread.h"
 #include "orvrm/netif/MNNetworkInterfaceRccp.h"
 #include "orvrm/orvctrl/OrvCtrlRccp.h"
 #include "tarn_rmf/RMCommonErrors.h"
@@ -39,10 +40,13 @@ tarn_rmf2v::RMTableRccp::Options options() {
 ManagedNodeRccp::ManagedNodeRccp(char* className, rm_object_type type, ORVRMRmcp* rmcp)
     : OrvTableRccp(className, type, rmcp, managedNodeSpec(), options()),
       poller_(std::make_unique<FpingClass>()),
+      orvrmcp_(rmcp),
       statusSchedule_(std::make_unique<tarn_rmf2v::RMSchedule>()),
       syncSchedule_(std::make_unique<tarn_rmf2v::RMSchedule>()) {
     loadResources();
     reconcileInterfaces();
+    scheduleDPEXUpdate();
+    scheduleLocalPEXEventReg(15);
     strent* hosts = nullptr;
     readHostList(&hosts, 1);
     if (hosts != nullptr) {
@@ -54,8 +58,11 @@ ManagedNodeRccp::ManagedNodeRccp(char* className, rm_object_type type, ORVRMRmcp
 }
 
 ManagedNodeRccp::~ManagedNodeRccp() {
-    // The schedules go first: a poll or write-back in progress is waited for
-    // while everything it uses still stands.
+    // The event sessions end first (their callbacks use the class; a
+    // registration still to come finds the class going), then the
+    // schedules: a poll or write-back in progress is waited for while
+    // everything it uses still stands.
+    endEventSessions();
     syncSchedule_.reset();
     statusSchedule_.reset();
 }

@@ -4,7 +4,8 @@
 // interfaces, the node groups, the reachability poller), answers the other
 // classes' lookups by host name, universal id and selection, records the
 // management mode, and runs the reachability poll "NodeStatusUpdate" at the
-// domain's heartbeat frequency.
+// domain's heartbeat frequency. Power status comes from the hardware-control
+// manager's events, watched on a local session of the monitoring service.
 //
 // Locks: the class lock is taken before a node's own lock, never after.
 // Lookups (hostnameExists, getRcpByHostname, ...) take neither: the other
@@ -12,8 +13,10 @@
 // use the table's hash indexes on Hostname and UniversalId, whatever the size.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -22,6 +25,8 @@
 #include "orvrm/OrvTableRccp.h"
 #include "orvrm/strent.h"
 #include "tarn_rmf2v/RMSchedule.h"
+#include "znpex/client/px_event.h"
+#include "znpex/di/DiTypes.h"
 
 class ORVRMRmcp;
 
@@ -38,6 +43,7 @@ struct PeerDomainInfo {
 };
 void freePeerDomainInfo(PeerDomainInfo* info);
 
+class EventDispatchThread;
 class ManagedNodeRcp;
 class MNNetworkInterfaceRccp;
 class NodeGroupHooks;
@@ -112,6 +118,26 @@ public:
     // One reachability poll, then the next one scheduled a heartbeat
     // frequency later (read anew each time).
     static void nodeStatusUpdate(void* rccp);
+    // Polls run so far.
+    uint64_t statusPolls() const { return statusPolls_.load(); }
+
+    // Power status from "Kor.NodeHwCtrl": the watch is registered on a local
+    // session `seconds` from now (15 after start, 30 after a failure or a
+    // lost session, again and again until it holds); its events arrive on
+    // LocalPEXCBThread.
+    void scheduleLocalPEXEventReg(unsigned int seconds);
+    static void regLocalPEXEvent(void* rccp);
+    static void powerStatusEventCB(void* session, px_event_2_t* event, void* rccp);
+    // Keeps *session (registered as `regId`) and starts LocalPEXCBThread on
+    // it; false when the class is going away (the caller ends the session).
+    bool createLocalPEXCBThread(px_session_t* session, uint64_t regId);
+    // Whether the power-status watch is registered now.
+    bool powerEventsRegistered();
+    // The dispatch thread's end: `rc` is px_dispatch's result on `session`.
+    // 4 (ended on purpose) clears the session; anything else also ends it
+    // and schedules the recovery.
+    void localDispatchEnded(px_session_t session, int rc);
+    void dpexDispatchEnded(px_session_t session, int rc);
 
     // Pairs the node with this universal id and the node serving the same
     // storage facility image into a two-node peer domain, as their statuses
@@ -121,6 +147,33 @@ public:
     // Finds the pair and asks each for its peer-domain status; *out is
     // always a new record (freePeerDomainInfo). 0, or -1.
     int getPeerNodeData(uint64_t nodeId, PeerDomainInfo** out);
+
+    // Publication to the distributed-information node table. One change:
+    // 0, or the refresh's code (8, applied here only, counts as 0). Under
+    // the control point's distributed-information mutex.
+    int updatePEXNodeInfo(di_table_op_t op, uint64_t nodeId, const char* hostname, char** names,
+                          unsigned int nameCount, char** addresses, unsigned int addressCount);
+    // The whole table (emptied first, every node that resolves); 0 or a code.
+    int sendAllManagedNodesPEXD();
+    // One node as its row has it now; -1 when it is unknown or does not resolve.
+    int addNodePEXD(const char* hostname);
+    int removeNodePEXD(const char* hostname);
+    int updateNodePEXD(const char* oldHostname, uint64_t oldNodeId, const char* newHostname,
+                       uint64_t newNodeId);
+    // "InitDPEXInfo" 20 s from now: the whole table when the service may
+    // have lost it, then the management-server records' watch on a domain
+    // session (PEXCBThread); tried again 20 s later when it fails.
+    void scheduleDPEXUpdate();
+    static void initializeDistributedPEXInfo(void* rccp);
+    bool createPEXCBThread(px_session_t* session, uint64_t regId);
+    bool mgmtSvrEventsRegistered();
+    static void mgmtSvrCfgChngEvntCB(void* session, px_event_2_t* event, void* rccp);
+    // 1 when the event's "Hostname" (the record's management server) is this
+    // server's primary host name, else 0.
+    int isValidEvent(px_event_2_t* event);
+    // The record of this server on node `hostname` went: the node is silent.
+    // The caller holds the class lock.
+    void rsrcUndefCB(const char* hostname, const char* managementServerName);
 
     // Writes the resource table back "RegSyncDelay" seconds from now.
     void scheduleTableSync();
@@ -164,8 +217,32 @@ private:
     int exists(const char* selection, const tarn_rmf::RMSelParams& params, cu_error_t** err,
                const char* op);
     void scheduleStatusUpdate();
+    // Publishes the node named `hostname` with `op`; `invalidTrace` when it
+    // does not resolve.
+    int publishNode(di_table_op_t op, const char* hostname, const char* invalidTrace);
+
+    // An event session of the class and the thread that dispatches it.
+    struct EventLink {
+        px_session_t session = nullptr;
+        uint64_t regId = 0;
+        std::unique_ptr<EventDispatchThread> thread;
+    };
+    // Keeps a registered session and starts `thread` on it (a session the
+    // link still holds is ended and its thread joined first). False when
+    // the class is going: the caller ends the session.
+    bool adoptEventSession(EventLink& link, px_session_t session, uint64_t regId,
+                           std::unique_ptr<EventDispatchThread> thread);
+    // Clears the link if it still holds `session`; true when it did.
+    bool clearEventSession(EventLink& link, px_session_t session);
+    // Ends both sessions and waits for their threads (destruction).
+    void endEventSessions();
 
     std::unique_ptr<FpingClass> poller_;
+    std::atomic<uint64_t> statusPolls_{0};
+    // The whole node table was published since start or since the service
+    // was last lost.
+    std::atomic<bool> tablePublished_{false};
+    ORVRMRmcp* const orvrmcp_;
     // The status schedule runs the poll; the sync schedule the write-back
     // (each cancels by its own argument).
     std::unique_ptr<tarn_rmf2v::RMSchedule> statusSchedule_;
@@ -182,6 +259,11 @@ private:
         bool hasPartition = false;  // LParID, HWModel and HWSerialNum all given
     };
     DefineFacts facts_;
+
+    std::mutex eventMu_;   // guards the links and stopping_
+    EventLink localLink_;  // power-status events
+    EventLink dpexLink_;   // management-server records
+    bool stopping_ = false;
 };
 
 }  // namespace orvrm

@@ -64,6 +64,7 @@ void ManagedNodeRccp::nodeStatusUpdate(void* arg) {
         self->sendStatusChanges(changed);
         freestrlst(changed);
     }
+    self->statusPolls_.fetch_add(1);
     self->scheduleStatusUpdate();
 }
 

@@ -47,6 +47,7 @@ cu_error_t* ManagedNodeRccp::undefineOne(ManagedNodeRcp* rcp) {
         if (NodeGroupHooks* groups = nodeGroups()) {
             groups->nodeDelOrChangeCB(hostname, nullptr);
         }
+        removeNodePEXD(hostname);
     }
     std::free(hostname);
     if (addresses != nullptr) {

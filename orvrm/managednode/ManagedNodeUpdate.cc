@@ -255,6 +255,10 @@ void ManagedNodeRcp::cascade(const Change& c) {
             poller.addHost(host.data());
         }
     }
+    // The node table knows a node by its name, id and addresses.
+    if (c.hostChanged || c.oldId != c.newId || c.newAddresses != nullptr) {
+        rccp->updateNodePEXD(c.oldHost.c_str(), c.oldId, c.newHost.c_str(), c.newId);
+    }
     // A partition change reaches the partition monitor, which only a
     // console has; it registers nodes from its own class.
     if (MNNetworkInterfaceRccp* netif = rccp->interfaces()) {

@@ -41,16 +41,21 @@ int ask(const std::string& socket, const char* method, const Json& params,
 
 }  // namespace
 
-void installDiLink(const std::string& socketPath, std::chrono::milliseconds timeout) {
+void installDiLink(const std::string& socketPath, const std::string& rmName,
+                   std::chrono::milliseconds timeout) {
     std::string socket =
         socketPath.empty() ? zn::paths::resolve(zn::paths::kPexSocket) : socketPath;
     di::setRefresher([socket, timeout](const di::Transaction& t) {
         return ask(socket, di::kDiRefresh, di::encodeTransaction(t), timeout);
     });
-    di::setHeartbeatTuner([socket, timeout](unsigned int frequency, unsigned int sensitivity) {
-        return ask(socket, di::kDiTuneHeartbeat,
-                   di::encodeHeartbeat(di::Heartbeat{frequency, sensitivity}), timeout);
-    });
+    di::setHeartbeatTuner(
+        [socket, rmName, timeout](unsigned int frequency, unsigned int sensitivity) {
+            di::Heartbeat h;
+            h.frequency = frequency;
+            h.sensitivity = sensitivity;
+            h.rm = rmName;
+            return ask(socket, di::kDiTuneHeartbeat, di::encodeHeartbeat(h), timeout);
+        });
 }
 
 void removeDiLink() {

@@ -55,7 +55,7 @@ void RMServiceConnection::start() {
     if (started_.exchange(true)) {
         return;
     }
-    installDiLink(options_.socketPath);
+    installDiLink(options_.socketPath, rmcp_.getRmName());
     thread_ = std::thread([this] { run(); });
 }
 

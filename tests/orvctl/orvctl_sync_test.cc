@@ -68,6 +68,7 @@ protected:
         link_ = std::make_unique<tarn_rmf2v::RMServiceConnection>(*rmcp_, o);
         link_->start();
         ASSERT_TRUE(testsupport::waitFor([&] { return link_->connected(); }));
+        keepPublicationsOut();
     }
     void TearDown() override {
         // The link outlives the control point, whose threads may still use it.

@@ -4,12 +4,12 @@
 #include <tuple>
 
 #include "orvrm/ClassList.h"
-#include "orvrm/HeartbeatReport.h"
 #include "orvrm/HeartbeatTargets.h"
 #include "orvrm/ORVRMRmcp.h"
 #include "tarn_base/CException.h"
 #include "tarn_rmf/RMCommonErrors.h"
 #include "tests/support/TempDir.h"
+#include "znpex/proto/HeartbeatReport.h"
 
 namespace {
 
@@ -75,7 +75,7 @@ TEST_F(RmcpTest, HeartbeatReportsFeedInterfacesAndTheNodeFlag) {
     new FakeInterfaces(&rmcp, &calls);  // owned by rmcp
     new FakeNodes(&rmcp, &calls);
     struct Case {
-        std::vector<orvrm::HeartbeatEntry> entries;
+        std::vector<znpex::proto::HeartbeatEntry> entries;
         int flag;
     } cases[] = {
         {{}, 0},
@@ -84,8 +84,8 @@ TEST_F(RmcpTest, HeartbeatReportsFeedInterfacesAndTheNodeFlag) {
     };
     for (const auto& c : cases) {
         calls = Calls{};
-        orvrm::HeartbeatReport r{77, c.entries};
-        auto bytes = orvrm::buildHeartbeatReport(r);
+        znpex::proto::HeartbeatReport r{77, c.entries};
+        auto bytes = znpex::proto::buildHeartbeatReport(r);
         rmcp.PEXMessageReceived(2, 0, bytes.data(), static_cast<unsigned>(bytes.size()));
         ASSERT_EQ(calls.nodes.size(), 1u);
         EXPECT_EQ(calls.nodes[0], std::make_pair(uint64_t{77}, c.flag));

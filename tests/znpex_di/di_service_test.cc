@@ -22,7 +22,7 @@ class DiService : public ServiceTest {
 protected:
     void SetUp() override {
         startService();
-        tarn_rmf2v::installDiLink(socketPath(), std::chrono::seconds(10));
+        tarn_rmf2v::installDiLink(socketPath(), "Test.RM", std::chrono::seconds(10));
     }
     void TearDown() override { tarn_rmf2v::removeDiLink(); }
 

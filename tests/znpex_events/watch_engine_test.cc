@@ -115,6 +115,27 @@ TEST_F(Engine, PreviousValueExpressionFiresOnEveryChangeOnly) {
     EXPECT_TRUE(last.hasHandle && last.handle == h);
 }
 
+TEST_F(Engine, EventsCarryTheExpressionsAttributesAfterTheListedOnes) {
+    auto h = handle(2);
+    hostname(h, "node2");
+    watch("PowerStatus!=PowerStatus@P", "", "", {"Hostname"});
+    watch("PowerStatus!=PowerStatus@P && Hostname==\"node2\"", "", "", {"PowerStatus"});
+    dyn(h, 0, 0);
+    dyn(h, 0, 1);
+    ASSERT_EQ(take(), 2u);
+    std::vector<std::vector<std::string>> names;
+    for (const Event& e : fired_) {
+        names.emplace_back();
+        for (const EventAttr& a : e.attrs) {
+            names.back().push_back(a.name);
+        }
+    }
+    EXPECT_EQ(names[0], (std::vector<std::string>{"Hostname", "PowerStatus"}));
+    EXPECT_EQ(names[1], (std::vector<std::string>{"PowerStatus", "Hostname"}))
+        << "listed first, each name once";
+    EXPECT_EQ(fired_[0].attrs[1].value.value().val_uint32, 1u);
+}
+
 TEST_F(Engine, WatchesSendingTheSameAttributesShareOneBodyPerReport) {
     auto h = handle(10);
     hostname(h, "node10");

@@ -155,16 +155,47 @@ std::vector<GroupEntry> decodeGroups(const Json& result) {
 }
 
 Json encodeHeartbeat(const Heartbeat& h) {
-    return Json{{"frequency", h.frequency}, {"sensitivity", h.sensitivity}};
+    Json out{{"frequency", h.frequency}, {"sensitivity", h.sensitivity}};
+    if (!h.rm.empty()) {
+        out["rm"] = h.rm;
+    }
+    if (!h.server.empty()) {
+        out["server"] = h.server;
+        out["serverNodeId"] = proto::decimal(h.serverNodeId);
+        out["serverAddresses"] = stringList(h.serverAddresses);
+    }
+    return out;
 }
 
-Heartbeat decodeHeartbeat(const Json& params) {
-    const std::string w = "params";
+Heartbeat decodeHeartbeat(const Json& params, const std::string& w) {
     proto::requireObject(params, w);
     Heartbeat h;
     h.frequency = proto::asUInt32(proto::requireField(params, "frequency", w), w + ".frequency");
     h.sensitivity =
         proto::asUInt32(proto::requireField(params, "sensitivity", w), w + ".sensitivity");
+    auto text = [&](const char* key, std::string* out) {
+        if (const Json* f = proto::findField(params, key)) {
+            *out = proto::asString(*f, w + "." + key);
+            if (out->size() > kMaxText) {
+                throw ProtocolError(w + "." + key + ": longer than " + std::to_string(kMaxText) +
+                                    " characters");
+            }
+        }
+    };
+    text("rm", &h.rm);
+    text("server", &h.server);
+    if (const Json* f = proto::findField(params, "serverNodeId")) {
+        h.serverNodeId = proto::asDecimalUInt64(*f, w + ".serverNodeId");
+    }
+    if (const Json* f = proto::findField(params, "serverAddresses")) {
+        h.serverAddresses = decodeList(*f, w + ".serverAddresses");
+        for (size_t i = 0; i < h.serverAddresses.size(); ++i) {
+            if (h.serverAddresses[i].size() > kMaxText) {
+                throw ProtocolError(w + ".serverAddresses[" + std::to_string(i) +
+                                    "]: longer than " + std::to_string(kMaxText) + " characters");
+            }
+        }
+    }
     return h;
 }
 

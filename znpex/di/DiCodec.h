@@ -30,11 +30,10 @@ std::vector<NodeEntry> decodeNodes(const proto::Json& result);
 proto::Json encodeGroups(const std::vector<GroupEntry>& groups);
 std::vector<GroupEntry> decodeGroups(const proto::Json& result);
 
-struct Heartbeat {
-    unsigned int frequency = 0;    // seconds between beats; 0: not tuned yet
-    unsigned int sensitivity = 0;  // beats missed before a host counts as down
-};
+// {"frequency", "sensitivity"} plus, when set, "rm", "server",
+// "serverNodeId" (decimal) and "serverAddresses". The decoder checks names
+// and lists against the table limits; `where` names the object in errors.
 proto::Json encodeHeartbeat(const Heartbeat& h);
-Heartbeat decodeHeartbeat(const proto::Json& params);
+Heartbeat decodeHeartbeat(const proto::Json& params, const std::string& where = "params");
 
 }  // namespace znpex::di

@@ -215,14 +215,22 @@ Transaction DiStore::snapshot() const {
     return t;
 }
 
-int DiStore::setHeartbeat(unsigned int frequency, unsigned int sensitivity, std::string* why) {
+int DiStore::setHeartbeat(const Heartbeat& h, std::string* why) {
     std::lock_guard<std::mutex> g(mu_);
     return transact(why, [&] {
         Stmt put(db_, "INSERT OR REPLACE INTO settings VALUES (?1, ?2)");
-        for (auto [key, value] :
-             {std::pair{"frequency", frequency}, std::pair{"sensitivity", sensitivity}}) {
+        for (auto [key, value] : {std::pair<const char*, uint64_t>{"frequency", h.frequency},
+                                  {"sensitivity", h.sensitivity},
+                                  {"hb_server_node", h.serverNodeId}}) {
             put.text(1, key);
-            sqlite3_bind_int64(put.get(), 2, value);
+            sqlite3_bind_int64(put.get(), 2, static_cast<sqlite3_int64>(value));
+            put.run(db_);
+        }
+        for (auto [key, value] : {std::pair<const char*, std::string>{"hb_rm", h.rm},
+                                  {"hb_server", h.server},
+                                  {"hb_server_addresses", join(h.serverAddresses)}}) {
+            put.text(1, key);
+            put.text(2, value);
             put.run(db_);
         }
     });
@@ -246,16 +254,31 @@ uint64_t DiStore::stamp() const {
     return static_cast<uint64_t>(sqlite3_column_int64(q.get(), 0));
 }
 
-std::pair<unsigned int, unsigned int> DiStore::heartbeat() const {
+Heartbeat DiStore::heartbeat() const {
     std::lock_guard<std::mutex> g(mu_);
-    std::pair<unsigned int, unsigned int> out{0, 0};
-    Stmt q(db_, "SELECT key, value FROM settings WHERE key IN ('frequency', 'sensitivity')");
+    Heartbeat h;
+    Stmt q(db_,
+           "SELECT key, value FROM settings WHERE key IN ('frequency', 'sensitivity', "
+           "'hb_server_node', 'hb_rm', 'hb_server', 'hb_server_addresses')");
     while (sqlite3_step(q.get()) == SQLITE_ROW) {
         std::string key = reinterpret_cast<const char*>(sqlite3_column_text(q.get(), 0));
-        auto value = static_cast<unsigned int>(sqlite3_column_int64(q.get(), 1));
-        (key == "frequency" ? out.first : out.second) = value;
+        auto number = static_cast<uint64_t>(sqlite3_column_int64(q.get(), 1));
+        const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(q.get(), 1));
+        if (key == "frequency") {
+            h.frequency = static_cast<unsigned int>(number);
+        } else if (key == "sensitivity") {
+            h.sensitivity = static_cast<unsigned int>(number);
+        } else if (key == "hb_server_node") {
+            h.serverNodeId = number;
+        } else if (key == "hb_rm") {
+            h.rm = text != nullptr ? text : "";
+        } else if (key == "hb_server") {
+            h.server = text != nullptr ? text : "";
+        } else {
+            h.serverAddresses = split(text);
+        }
     }
-    return out;
+    return h;
 }
 
 uint64_t DiStore::version() const {

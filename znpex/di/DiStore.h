@@ -37,8 +37,8 @@ public:
 
     // The heartbeat tuning last set (zeros when never set); kept with the
     // tables so it survives a restart. setHeartbeat returns DI_OK or DI_ESTORE.
-    int setHeartbeat(unsigned int frequency, unsigned int sensitivity, std::string* why = nullptr);
-    std::pair<unsigned int, unsigned int> heartbeat() const;
+    int setHeartbeat(const Heartbeat& h, std::string* why = nullptr);
+    Heartbeat heartbeat() const;
 
     // The replication stamp of the tables (0 when never set), kept with them
     // so that a restarted host does not take an older copy for a newer one.

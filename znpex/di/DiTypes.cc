@@ -53,7 +53,8 @@ std::string validate(const Transaction& t) {
         if (g.name.empty()) {
             return "a node-group entry without a name";
         }
-        for (auto e : {checkText(g.name, "group name"), checkList(g.members, "member list", kMaxRows)}) {
+        for (auto e :
+             {checkText(g.name, "group name"), checkList(g.members, "member list", kMaxRows)}) {
             if (!e.empty()) {
                 return e;
             }

@@ -17,8 +17,8 @@ enum di_table_op_t : int32_t {
 
 // Results of di_refresh_table_1.
 inline constexpr int DI_OK = 0;
-inline constexpr int DI_EINVAL = 4;    // a malformed transaction; nothing applied
-inline constexpr int DI_ESTORE = 6;    // the tables could not be written; nothing applied
+inline constexpr int DI_EINVAL = 4;  // a malformed transaction; nothing applied
+inline constexpr int DI_ESTORE = 6;  // the tables could not be written; nothing applied
 // Applied here, but not every other host of the management domain has
 // acknowledged it yet; they catch up when they next reach this service.
 // Callers treat it as success.
@@ -45,6 +45,20 @@ struct Transaction {
     bool clearGroups = false;  // empty the node-group table first
     std::vector<NodeEntry> nodes;
     std::vector<GroupEntry> groups;
+};
+
+// The domain's heartbeat: every host's service sends a heartbeat report to
+// the server's every `frequency` seconds, and the server's service reports a
+// host that missed `sensitivity` beats in a row to its manager `rm` (the one
+// that tuned it). Set on the server by "di.tuneHeartbeat", carried to the
+// other hosts with the tables.
+struct Heartbeat {
+    unsigned int frequency = 0;    // seconds between beats; 0: not tuned yet
+    unsigned int sensitivity = 0;  // beats missed before a host counts as down
+    std::string rm;                // manager that gets the reports; "": none
+    std::string server;            // host that tuned it ("" until the service fills it in)
+    uint64_t serverNodeId = 0;
+    std::vector<std::string> serverAddresses;  // where its service is reached
 };
 
 // Limits that keep one transaction bounded.

@@ -10,8 +10,8 @@ namespace znpex::di {
 namespace {
 
 std::mutex g_mu;
-Refresher g_refresher;     // guarded by g_mu
-HeartbeatTuner g_tuner;    // guarded by g_mu
+Refresher g_refresher;   // guarded by g_mu
+HeartbeatTuner g_tuner;  // guarded by g_mu
 
 std::vector<std::string> listOf(char** items, unsigned int count) {
     std::vector<std::string> out;
@@ -35,7 +35,9 @@ void setHeartbeatTuner(HeartbeatTuner t) {
     g_tuner = std::move(t);
 }
 
-const Transaction& transactionOf(di_table_t table) { return table->t; }
+const Transaction& transactionOf(di_table_t table) {
+    return table->t;
+}
 
 }  // namespace znpex::di
 
@@ -102,7 +104,9 @@ int di_refresh_table_1(di_table_t table) {
     return r ? r(table->t) : DI_ENOSERVICE;
 }
 
-void di_free_table_1(di_table_t table) { delete table; }
+void di_free_table_1(di_table_t table) {
+    delete table;
+}
 
 int di_tune_heartbeat(unsigned int frequency, unsigned int sensitivity) {
     znpex::di::HeartbeatTuner t;

@@ -1,5 +1,6 @@
 #include "znpex/events/WatchEngine.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "tarn_rmf/registry/RMValueView.h"
@@ -24,7 +25,10 @@ struct WatchEngine::Watch {
     std::shared_ptr<const tarn_rmf::RMSelection> rearm;  // null: none
     std::set<int> exprCols;
     std::set<int> rearmCols;
+    // Sent with each event: the listed attributes, then those the expression
+    // names besides them, so an event shows the values that made it fire.
     std::vector<int> sendCols;
+    std::vector<std::string> sendNames;
     std::set<std::string> disarmed;  // resource keys waiting for the re-arm expression
 };
 
@@ -91,6 +95,7 @@ uint64_t WatchEngine::addWatch(const WatchSpec& spec, const tarn_rmf2v::RMClassD
             throw std::invalid_argument("class " + spec.className + " has no attribute " + name);
         }
         w->sendCols.push_back(col);
+        w->sendNames.push_back(name);
     }
     if (!spec.selection.empty() && spec.selection != "*") {
         w->selection = tarn_rmf::RMSelection::compile(spec.selection, *w->schema);
@@ -98,6 +103,14 @@ uint64_t WatchEngine::addWatch(const WatchSpec& spec, const tarn_rmf2v::RMClassD
     w->schema->clearNamed();
     w->expr = tarn_rmf::RMSelection::compile(spec.expression, *w->schema);
     w->exprCols = w->schema->named();
+    for (int col : w->exprCols) {
+        const std::string* name = w->schema->nameOf(col);
+        if (name != nullptr &&
+            std::find(w->sendCols.begin(), w->sendCols.end(), col) == w->sendCols.end()) {
+            w->sendCols.push_back(col);
+            w->sendNames.push_back(*name);
+        }
+    }
     if (!spec.rearm.empty()) {
         w->schema->clearNamed();
         w->rearm = tarn_rmf::RMSelection::compile(spec.rearm, *w->schema);
@@ -144,7 +157,7 @@ Event WatchEngine::makeEvent(const Watch& w, const ResourceState& r,
     for (size_t i = 0; i < w.sendCols.size(); ++i) {
         int col = w.sendCols[i];
         EventAttr a;
-        a.name = w.spec.attributes[i];
+        a.name = w.sendNames[i];
         a.persistent = col < kDynamicBase;
         a.id = a.persistent ? col : col - kDynamicBase;
         auto it = r.cur.find(col);

@@ -35,8 +35,10 @@ namespace znpex::events {
 
 struct WatchSpec {
     std::string className;
-    std::string selection;                // over the resources' attributes; "" or "*": all
-    std::vector<std::string> attributes;  // names sent with each event
+    std::string selection;  // over the resources' attributes; "" or "*": all
+    // Names sent with each event; the attributes the expression names follow
+    // them (those not listed already).
+    std::vector<std::string> attributes;
     std::string expression;
     std::string rearm;        // "": none
     bool classLevel = false;  // watch the class's own attributes

@@ -54,6 +54,7 @@ Router::Router(AclStore& acl, RmRegistry& registry, di::DiStore& di, RouterOptio
       di_(di),
       budget_(options.bufferBudget) {
     budget_.setReclaim([this](size_t over) { reclaim(over); });
+    hb_ = di_.heartbeat();
 }
 
 Router::~Router() = default;
@@ -111,6 +112,7 @@ void Router::closeAll() {
     {
         std::lock_guard<std::mutex> g(housekeepingMu_);
         housekeeping_.reset();
+        hbTimer_.reset();
     }
     std::vector<std::shared_ptr<Connection>> all;
     {

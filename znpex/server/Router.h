@@ -28,6 +28,7 @@
 #include "znpex/server/BufferBudget.h"
 #include "znpex/server/Connection.h"
 #include "znpex/server/EventService.h"
+#include "znpex/server/HeartbeatMonitor.h"
 #include "znpex/server/ManagerSession.h"
 #include "znpex/server/MethodTable.h"
 #include "znpex/server/PeerDirectory.h"
@@ -175,6 +176,23 @@ private:
     std::string identityOf(const Connection& c) const;
     proto::Json peerStatus() const;
 
+    // The domain's heartbeat (RouterHeartbeat.cc).
+    void startHeartbeats();
+    void heartbeatTick();
+    di::Heartbeat heartbeat() const;
+    // Whether this host is the one the domain's beats go to.
+    bool heartbeatServer(const di::Heartbeat& h) const;
+    // Stores a tuning (given here or by another host); *changed tells
+    // whether it differs from the one in force. DI_OK or DI_ESTORE (`why`).
+    int takeHeartbeat(const di::Heartbeat& h, bool* changed, std::string* why);
+    // This host's beat, to the server.
+    void sendBeat(const di::Heartbeat& h);
+    // A peer message that may be a beat (on the server, it counts).
+    void heartbeatReceived(const PeerDeliver& d);
+    // Hands a peer message to this host's manager `rm`; false when it is not here.
+    bool deliverToManager(const std::string& rm, const proto::PeerMessage& m);
+    proto::Json heartbeatStatus() const;
+
     // Domain-scoped sessions (RouterDomain.cc).
     struct DomainPart {
         std::string host;
@@ -277,10 +295,20 @@ private:
     std::atomic<uint64_t> peerDelivered_{0}, peerFailed_{0}, peerUnclaimed_{0}, peerReceived_{0},
         replicated_{0}, replicationsPartial_{0}, refusedPeers_{0}, refusedStamps_{0};
 
+    // The heartbeat (RouterHeartbeat.cc).
+    mutable std::mutex hbMu_;  // guards hb_, selfAddresses_, nextBeat_
+    di::Heartbeat hb_;
+    std::vector<std::string> selfAddresses_;  // what this host's beats name
+    zn::Clock::Duration nextBeat_{};
+    HeartbeatMonitor monitor_;  // on the server: the other hosts' beats
+    std::atomic<uint64_t> beatsSent_{0}, beatsFailed_{0}, beatsReceived_{0}, beatsRefused_{0},
+        silentReports_{0};
+
     // Connection limits (RouterLimits.cc).
     BufferBudget budget_;
-    std::mutex housekeepingMu_;  // guards housekeeping_
+    std::mutex housekeepingMu_;  // guards housekeeping_, hbTimer_
     std::unique_ptr<asio::steady_timer> housekeeping_;
+    std::unique_ptr<asio::steady_timer> hbTimer_;
     std::atomic<uint64_t> closedForReadTimeout_{0}, closedForIdle_{0}, closedForWriteTimeout_{0},
         closedForQueue_{0}, closedForBudget_{0};
 

@@ -66,15 +66,34 @@ void Router::diTuneHeartbeat(const std::shared_ptr<Connection>& c, const RpcMess
     if (h.frequency == 0 || h.sensitivity == 0) {
         throw proto::ProtocolError("params: frequency and sensitivity must be at least 1");
     }
+    // The beats come here: this host is the server, reached where it listens.
+    h.server.clear();
+    h.serverNodeId = 0;
+    h.serverAddresses.clear();
+    if (peers_ != nullptr) {
+        const PeerDirectory::Self& self = peers_->self();
+        h.server = self.host;
+        h.serverNodeId = self.nodeId;
+        if (self.listenAddress != "0.0.0.0" && self.listenAddress != "::") {
+            h.serverAddresses.push_back(self.listenAddress);
+        }
+    }
     std::string why;
-    int rc = di_.setHeartbeat(h.frequency, h.sensitivity, &why);
+    bool changed = false;
+    int rc = takeHeartbeat(h, &changed, &why);
     if (rc != DI_OK) {
         serviceLog("heartbeat tuning not stored: %s", why.c_str());
         replyResult(c, m.id, Json{{"code", rc}, {"reason", why}});
         return;
     }
-    serviceLog("heartbeat tuned by %s: every %u s, %u missed beats", c->identity().c_str(),
-               h.frequency, h.sensitivity);
+    if (changed) {
+        serviceLog("heartbeat tuned by %s: every %u s, %u missed beats%s%s", c->identity().c_str(),
+                   h.frequency, h.sensitivity, h.rm.empty() ? "" : ", reported to ", h.rm.c_str());
+        // The other hosts learn it with the tables.
+        if (diReplicator_) {
+            diReplicator_(di::Transaction{}, [](int) {});
+        }
+    }
     replyResult(c, m.id, Json{{"code", DI_OK}});
 }
 
@@ -89,11 +108,11 @@ void Router::diWatch(const std::shared_ptr<Connection>& c, const RpcMessage& m) 
 }
 
 Json Router::diStatus() const {
-    auto [frequency, sensitivity] = di_.heartbeat();
+    di::Heartbeat h = heartbeat();
     return Json{{"version", di_.version()},
                 {"nodes", di_.nodes().size()},
                 {"groups", di_.groups().size()},
-                {"heartbeat", {{"frequency", frequency}, {"sensitivity", sensitivity}}}};
+                {"heartbeat", {{"frequency", h.frequency}, {"sensitivity", h.sensitivity}}}};
 }
 
 }  // namespace znpex::server

@@ -16,12 +16,14 @@
 
 #include <algorithm>
 #include <climits>
+#include <optional>
 
 #include "platform/clock.h"
 #include "tarn_rmf2v/RMNodeId.h"
 #include "znhas/sec_proof.h"
 #include "znhas/znhas.h"
 #include "znpex/di/DiCodec.h"
+#include "znpex/proto/HeartbeatReport.h"
 #include "znpex/proto/ProtocolError.h"
 #include "znpex/proto/ServiceMessages.h"
 #include "znpex/server/Router.h"
@@ -58,8 +60,13 @@ uint64_t nowMillis() {
     return static_cast<uint64_t>(static_cast<int64_t>(t.tv_sec) * 1000 + t.tv_nsec / 1'000'000);
 }
 
-Json replicateParams(uint64_t stamp, const di::Transaction& snapshot) {
-    return Json{{"stamp", proto::decimal(stamp)}, {"tables", di::encodeTransaction(snapshot)}};
+// The tables and, once tuned, the domain's heartbeat.
+Json replicateParams(uint64_t stamp, const di::Transaction& snapshot, const di::Heartbeat& h) {
+    Json p{{"stamp", proto::decimal(stamp)}, {"tables", di::encodeTransaction(snapshot)}};
+    if (h.frequency != 0) {
+        p["heartbeat"] = di::encodeHeartbeat(h);
+    }
+    return p;
 }
 
 // The "code" of a peer's "di.replicate" answer, or -1.
@@ -124,6 +131,7 @@ void Router::startPeers(const std::string& listenAddress, uint16_t port) {
                static_cast<unsigned long long>(self.nodeId), static_cast<unsigned>(lo.port));
     peers_ = std::make_unique<PeerDirectory>(executor_, self, lo,
                                              [this](const std::string& host) { peerUp(host); });
+    startHeartbeats();
     refreshPeers();
     setDiReplicator([this](const di::Transaction& t, std::function<void(int)> done) {
         replicate(t, std::move(done));
@@ -140,11 +148,37 @@ void Router::refreshPeers() {
     if (peers_ == nullptr) {
         return;
     }
+    di::Heartbeat h = heartbeat();
+    bool server = heartbeatServer(h);
     std::vector<PeerHost> hosts;
+    std::vector<uint64_t> ids;
+    std::vector<std::string> own;
+    bool serverListed = false;
     for (di::NodeEntry& n : di_.nodes()) {
-        hosts.push_back(PeerHost{std::move(n.hostname), n.nodeId, std::move(n.addresses)});
+        PeerHost p{std::move(n.hostname), n.nodeId, std::move(n.addresses)};
+        if (peers_->isSelf(p)) {
+            own = p.addresses;
+            continue;
+        }
+        serverListed = serverListed || p.host == h.server;
+        ids.push_back(p.nodeId);
+        hosts.push_back(std::move(p));
+    }
+    // The server the beats go to belongs to the domain even when its own
+    // table does not list it (a management server manages the others).
+    if (!h.server.empty() && !server && !serverListed && !h.serverAddresses.empty()) {
+        hosts.push_back(PeerHost{h.server, h.serverNodeId, h.serverAddresses});
     }
     peers_->setHosts(hosts);
+    const std::string& listen = peers_->self().listenAddress;
+    if (own.empty() && listen != "0.0.0.0" && listen != "::") {
+        own.push_back(listen);
+    }
+    {
+        std::lock_guard<std::mutex> g(hbMu_);
+        selfAddresses_ = std::move(own);
+    }
+    monitor_.setNodes(server ? ids : std::vector<uint64_t>{}, clock_.monoNow());
 }
 
 std::string Router::peerHostOf(const Connection& c) const {
@@ -282,19 +316,12 @@ void Router::peerProve(const std::shared_ptr<Connection>& c, const RpcMessage& m
 
 void Router::peerDeliver(const std::shared_ptr<Connection>& c, const RpcMessage& m) {
     PeerDeliver d = decodePeerDeliver(m.params);
-    std::shared_ptr<Connection> manager;
-    {
-        std::lock_guard<std::mutex> g(peerMu_);
-        auto it = managersByName_.find(d.rm);
-        if (it != managersByName_.end()) {
-            manager = it->second.lock();
-        }
+    if (d.message.type == proto::kHeartbeatMessageType) {
+        heartbeatReceived(d);
     }
-    bool delivered = manager != nullptr && !manager->closed();
+    bool delivered = deliverToManager(d.rm, d.message);
     if (delivered) {
         peerReceived_.fetch_add(1);
-        manager->send(proto::dumpJson(
-            proto::makeNotification(proto::kPeerReceived, proto::encodePeerMessage(d.message))));
     }
     replyResult(c, m.id, Json{{"delivered", delivered}});
 }
@@ -356,7 +383,8 @@ void Router::replicate(const di::Transaction&, std::function<void(int code)> don
         done(DI_OK);
         return;
     }
-    peers_->fanOut(hosts, kDiReplicate, replicateParams(stamp, snapshot), options_.peerTimeout,
+    peers_->fanOut(hosts, kDiReplicate, replicateParams(stamp, snapshot, heartbeat()),
+                   options_.peerTimeout,
                    [this, done = std::move(done)](std::vector<PeerReply> replies) {
                        bool all = true;
                        for (const PeerReply& r : replies) {
@@ -380,8 +408,8 @@ void Router::peerUp(const std::string& host) {
     if (stamp == 0) {
         return;  // nothing newer than what a restarted host has itself
     }
-    peers_->send(host, kDiReplicate, replicateParams(stamp, snapshot), options_.peerTimeout,
-                 [](PeerLink::Outcome, Json) {});
+    peers_->send(host, kDiReplicate, replicateParams(stamp, snapshot, heartbeat()),
+                 options_.peerTimeout, [](PeerLink::Outcome, Json) {});
 }
 
 void Router::diReplicate(const std::shared_ptr<Connection>& c, const RpcMessage& m) {
@@ -390,6 +418,10 @@ void Router::diReplicate(const std::shared_ptr<Connection>& c, const RpcMessage&
     uint64_t stamp =
         proto::asDecimalUInt64(proto::requireField(m.params, "stamp", w), w + ".stamp");
     di::Transaction t = di::decodeTransaction(proto::requireField(m.params, "tables", w));
+    std::optional<di::Heartbeat> beat;
+    if (const Json* f = proto::findField(m.params, "heartbeat")) {
+        beat = di::decodeHeartbeat(*f, w + ".heartbeat");
+    }
     if (!t.clearNodes || !t.clearGroups || t.op == DI_TABLE_REMOVE) {
         throw proto::ProtocolError(
             w + ".tables: expected whole tables (both cleared first, rows added)");
@@ -434,6 +466,20 @@ void Router::diReplicate(const std::shared_ptr<Connection>& c, const RpcMessage&
     }
     diStamp_ = stamp;
     storeStamp(stamp);
+    if (beat && beat->frequency != 0 && beat->sensitivity != 0) {
+        // A server listening on every address is reached where its copy came from.
+        if (!beat->server.empty() && beat->serverAddresses.empty()) {
+            std::lock_guard<std::mutex> pg(peerMu_);
+            auto it = tcpAddresses_.find(c->id());
+            if (it != tcpAddresses_.end()) {
+                beat->serverAddresses.push_back(it->second);
+            }
+        }
+        bool changed = false;
+        if (takeHeartbeat(*beat, &changed, &why) != DI_OK) {
+            serviceLog("heartbeat from %s not stored: %s", peerHostOf(*c).c_str(), why.c_str());
+        }
+    }
     replyResult(c, m.id, Json{{"code", DI_OK}, {"applied", true}, {"version", di_.version()}});
 }
 

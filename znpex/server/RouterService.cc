@@ -137,6 +137,7 @@ Json Router::status() const {
         {"refusedConnections", refused_.load()},
         {"limits", limitsStatus()},
         {"tables", diStatus()},
+        {"heartbeat", heartbeatStatus()},
     };
 }
 

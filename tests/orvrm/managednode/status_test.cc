@@ -28,7 +28,7 @@ protected:
         std::ofstream(path) << "#!/bin/sh\nprintf '" << unreachable << "'\nexit " << status << "\n";
         ::chmod(path.c_str(), 0755);
     }
-    uint64_t polls() { return nodes()->statusSchedule().completed(); }
+    uint64_t polls() { return nodes()->statusPolls(); }
     // Moves the fake clock and waits until the schedule ran `more` polls.
     void advanceAndWait(std::chrono::seconds by, uint64_t more) {
         uint64_t before = polls();

@@ -20,6 +20,7 @@
 #include "tests/orvrm/peerdomain/ScriptedPeerHost.h"
 #include "tests/znpex_peer/PeerHosts.h"
 #include "znpex/client/px_client.h"
+#include "znpex/di/di_table.h"
 
 namespace peerdomaintest {
 
@@ -71,7 +72,13 @@ protected:
             ASSERT_TRUE(scripted_.back()->start()) << "scripted manager on " << hosts_[i].name;
         }
         scripted_[0]->mirrorDomainsTo({scripted_[1].get(), scripted_[2].get()});
+        keepPublicationsOut();
     }
+    // The nodes' universal ids here (1, 2) are not their hosts' node ids, and
+    // the domain's tables route requests by node id: the daemon's
+    // publications must not reach them. A manager's link installs the
+    // process's route to its service; this takes it away again.
+    static void keepPublicationsOut() { znpex::di::setRefresher(nullptr); }
     orvrm::ManagedNodeRccp* nodes() {
         return dynamic_cast<orvrm::ManagedNodeRccp*>(
             rmcp_->findRccpByName(const_cast<char*>(orvrm::kManagedNodeClass)));

@@ -1,7 +1,10 @@
-// The heartbeat report another instance of this resource manager sends
-// through the monitoring service: the node it is about and, per interface,
-// whether it answers and its address. The message comes from another host, so
-// every count, offset and string is checked against the length before use.
+// The heartbeat report: a peer message about one node (the node id it goes
+// by) and, per interface, whether it answers and its address. A node's
+// service sends one to its management server at every beat, and that
+// server's service sends one with no interface for a node that fell silent;
+// the manager that tuned the heartbeat gets them. The message comes from
+// another host, so every count, offset and string is checked against the
+// length before use.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +12,11 @@
 #include <string>
 #include <vector>
 
-namespace orvrm {
+namespace znpex::proto {
+
+// The peer message type (and subtype) that carries a heartbeat report.
+inline constexpr int kHeartbeatMessageType = 1;
+inline constexpr int kHeartbeatMessageSubtype = 0;
 
 struct HeartbeatEntry {
     uint32_t state;  // 1: the interface answers
@@ -35,4 +42,4 @@ bool parseHeartbeatReport(const void* data, size_t length, HeartbeatReport& out,
 // Builds a report in the same layout (the sender side, and tests).
 std::vector<unsigned char> buildHeartbeatReport(const HeartbeatReport& report);
 
-}  // namespace orvrm
+}  // namespace znpex::proto

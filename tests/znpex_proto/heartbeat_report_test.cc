@@ -2,11 +2,11 @@
 
 #include <cstring>
 
-#include "orvrm/HeartbeatReport.h"
+#include "znpex/proto/HeartbeatReport.h"
 
 namespace {
 
-using orvrm::HeartbeatReport;
+using znpex::proto::HeartbeatReport;
 
 std::vector<unsigned char> report(uint32_t n, std::vector<std::pair<uint32_t, uint32_t>> entries,
                                   const std::string& tail) {
@@ -26,10 +26,10 @@ TEST(HeartbeatReport, RoundTripsEveryEntryAndTheEmptyReport) {
     HeartbeatReport in;
     in.nodeId = 42;
     in.entries = {{1, "10.0.0.1"}, {0, "fe80::1"}, {7, std::string(255, 'a')}};
-    auto bytes = orvrm::buildHeartbeatReport(in);
+    auto bytes = znpex::proto::buildHeartbeatReport(in);
     HeartbeatReport out;
     std::string why;
-    ASSERT_TRUE(orvrm::parseHeartbeatReport(bytes.data(), bytes.size(), out, why)) << why;
+    ASSERT_TRUE(znpex::proto::parseHeartbeatReport(bytes.data(), bytes.size(), out, why)) << why;
     EXPECT_EQ(out.nodeId, 42u);
     ASSERT_EQ(out.entries.size(), 3u);
     EXPECT_EQ(out.entries[1].address, "fe80::1");
@@ -37,7 +37,7 @@ TEST(HeartbeatReport, RoundTripsEveryEntryAndTheEmptyReport) {
     EXPECT_EQ(out.entries[2].state, 7u);
     // A report with no entries is valid too; the node id is in host order.
     auto empty = report(0, {}, "");
-    ASSERT_TRUE(orvrm::parseHeartbeatReport(empty.data(), empty.size(), out, why)) << why;
+    ASSERT_TRUE(znpex::proto::parseHeartbeatReport(empty.data(), empty.size(), out, why)) << why;
     EXPECT_EQ(out.nodeId, 0x1122334455667788ull);
     EXPECT_TRUE(out.entries.empty());
 }
@@ -64,14 +64,14 @@ TEST(HeartbeatReport, HostileMessagesAreRefused) {
         HeartbeatReport out;
         out.nodeId = 99;
         std::string why;
-        EXPECT_FALSE(orvrm::parseHeartbeatReport(c.bytes.data(), c.bytes.size(), out, why))
+        EXPECT_FALSE(znpex::proto::parseHeartbeatReport(c.bytes.data(), c.bytes.size(), out, why))
             << c.what;
         EXPECT_NE(why.find(c.reason), std::string::npos) << c.what << ": " << why;
         EXPECT_EQ(out.nodeId, 99u) << c.what << " changed the output";
     }
     HeartbeatReport out;
     std::string why;
-    EXPECT_FALSE(orvrm::parseHeartbeatReport(nullptr, 100, out, why));
+    EXPECT_FALSE(znpex::proto::parseHeartbeatReport(nullptr, 100, out, why));
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
-#include "orvrm/HeartbeatReport.h"
+#include "znpex/proto/HeartbeatReport.h"
 
 #include <cstring>
 
-namespace orvrm {
+namespace znpex::proto {
 namespace {
 
 constexpr size_t kHeader = 16;
@@ -77,4 +77,4 @@ std::vector<unsigned char> buildHeartbeatReport(const HeartbeatReport& report) {
     return buf;
 }
 
-}  // namespace orvrm
+}  // namespace znpex::proto

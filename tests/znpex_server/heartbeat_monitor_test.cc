@@ -1,0 +1,54 @@
+// The management server's view of the hosts' beats, on made-up times.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "znpex/server/HeartbeatMonitor.h"
+
+namespace {
+
+using znpex::server::HeartbeatMonitor;
+using namespace std::chrono_literals;
+using V = std::vector<uint64_t>;
+
+TEST(HeartbeatMonitor, ASilentHostIsReportedOnceAtItsLimitUntilItBeatsAgain) {
+    HeartbeatMonitor m;
+    const auto limit = 12s * 8;
+    m.setNodes({1, 2, 3}, 0s);
+    EXPECT_EQ(m.watched(), 3u);
+    m.beat(1, 90s);
+    m.beat(2, 50s);
+    EXPECT_EQ(m.newlySilent(95s, limit), V{}) << "nobody silent for 96 s yet";
+    EXPECT_EQ(m.newlySilent(96s, limit), V{3}) << "3 never beat: counted from when it joined";
+    EXPECT_EQ(m.newlySilent(146s, limit), V{2});
+    EXPECT_EQ(m.newlySilent(170s, limit), V{}) << "each once";
+    EXPECT_EQ(m.silent(), 2u);
+    bool wasSilent = false;
+    EXPECT_TRUE(m.beat(2, 171s, &wasSilent));
+    EXPECT_TRUE(wasSilent);
+    EXPECT_TRUE(m.beat(1, 171s, &wasSilent));
+    EXPECT_FALSE(wasSilent);
+    EXPECT_EQ(m.silent(), 1u);
+    EXPECT_EQ(m.newlySilent(266s, limit), V{}) << "2 raised again: its count starts anew";
+    auto again = m.newlySilent(267s, limit);
+    std::sort(again.begin(), again.end());
+    EXPECT_EQ(again, (V{1, 2}));
+    EXPECT_FALSE(m.beat(42, 267s)) << "a host the table does not list";
+}
+
+TEST(HeartbeatMonitor, TheTableDecidesWhoIsWatchedAndATuningStartsTheCountAgain) {
+    HeartbeatMonitor m;
+    m.setNodes({1, 2}, 0s);
+    EXPECT_EQ(m.newlySilent(10s, 10s).size(), 2u);
+    m.setNodes({2, 3}, 20s);  // 1 leaves, 2 stays silent, 3 joins now
+    EXPECT_EQ(m.watched(), 2u);
+    EXPECT_EQ(m.silent(), 1u);
+    EXPECT_EQ(m.newlySilent(29s, 10s), V{});
+    EXPECT_EQ(m.newlySilent(30s, 10s), V{3});
+    m.restart(40s);
+    EXPECT_EQ(m.silent(), 0u);
+    EXPECT_EQ(m.newlySilent(49s, 10s), V{});
+    EXPECT_EQ(m.newlySilent(50s, 10s).size(), 2u);
+}
+
+}  // namespace
