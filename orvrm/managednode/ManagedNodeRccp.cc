@@ -63,6 +63,10 @@ ManagedNodeRccp::~ManagedNodeRccp() {
     // schedules: a poll or write-back in progress is waited for while
     // everything it uses still stands.
     endEventSessions();
+    // Stopped before either goes: a running poll schedules its successor
+    // through the pointer.
+    syncSchedule_->stop();
+    statusSchedule_->stop();
     syncSchedule_.reset();
     statusSchedule_.reset();
 }
