@@ -51,6 +51,9 @@ inline constexpr char kRemoteShellExpectCommand[] = "/opt/wex/wexbin/remoteshell
 inline constexpr char kSsh[] = "/usr/bin/ssh";
 inline constexpr char kScp[] = "/usr/bin/scp";
 
+// The node agent: the frame's secret it was provisioned with (root only).
+inline constexpr char kNodeAgentSecret[] = "/var/zn/cfg/orvnode.secret";
+
 // The root named by ZN_ROOT, without a trailing slash; "" when unset or empty.
 std::string root();
 
