@@ -14,11 +14,13 @@
 
 #include <cstdint>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "common/FrameKeyStore.h"
 #include "orvrm/nodeauth/TokenOwners.h"
+#include "platform/clock.h"
 #include "platform/zn_owned.h"
 #include "tarn_rmf2v/RMRccp.h"
 
@@ -129,6 +131,11 @@ private:
     std::mutex peerDomainMu_;
     WEX_COMMON::FrameKeyStore frameKeys_;  // guarded by keyMu_
     TokenOwners owners_;                   // guarded by storeMu_
+
+    std::mutex localMu_;                // guards the members below
+    std::set<std::string> localNames_;  // this host's names and addresses, lower case
+    bool localNamesKnown_ = false;
+    zn::Clock::Duration localNamesAt_{};
 };
 
 }  // namespace orvrm

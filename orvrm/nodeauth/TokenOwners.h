@@ -2,7 +2,7 @@
 // for by a management request, so that a name that a node merely claims (its
 // unsigned further names) never takes over a token stored for another node.
 // Kept in one file under the state root (zn::paths::kThlOwnersFile): a log
-// of "name universal-id" lines, each change appended and synced (a later
+// of "name universal-id" lines, each change appended (a later
 // line wins; id 0 forgets the name), so an enrollment costs one short write
 // however many nodes there are; the log is rewritten whole, atomically, when
 // read back with more stale lines than live ones. Names compare ignoring

@@ -13,6 +13,7 @@
 
 #include <cctype>
 #include <cstring>
+#include <set>
 
 #include "common/HostChecks.h"
 #include "common/HostNames.h"
@@ -20,6 +21,7 @@
 #include "orvrm/managednode/ManagedNodeRccp.h"
 #include "orvrm/managednode/ManagedNodeRcp.h"
 #include "orvrm/nodeauth/NodeAuthenticateRccp.h"
+#include "platform/clock.h"
 #include "znhas/znhas.h"
 
 namespace orvrm {
@@ -27,37 +29,50 @@ namespace {
 
 constexpr char kLogFn[] = "NodeAuthenticateRccp::reqNodeMgmt";
 
-bool sameName(const std::string& a, const char* b) {
-    return b != nullptr && strcasecmp(a.c_str(), b) == 0;
+std::string lowered(std::string s) {
+    for (char& c : s) {
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+    return s;
 }
 
-// One of the addresses of this host's own interfaces.
-bool isOwnAddress(const std::string& text) {
-    in_addr a4{};
-    in6_addr a6{};
-    bool v4 = inet_pton(AF_INET, text.c_str(), &a4) == 1;
-    bool v6 = !v4 && inet_pton(AF_INET6, text.c_str(), &a6) == 1;
-    if (!v4 && !v6) {
-        return false;
-    }
+// The addresses of this host's own interfaces, as text.
+void addOwnAddresses(std::set<std::string>* out) {
     ifaddrs* list = nullptr;
     if (getifaddrs(&list) != 0) {
-        return false;
+        return;
     }
-    bool own = false;
-    for (ifaddrs* i = list; i != nullptr && !own; i = i->ifa_next) {
+    char text[INET6_ADDRSTRLEN];
+    for (ifaddrs* i = list; i != nullptr; i = i->ifa_next) {
         if (i->ifa_addr == nullptr)
             continue;
-        if (v4 && i->ifa_addr->sa_family == AF_INET) {
-            own = std::memcmp(&reinterpret_cast<sockaddr_in*>(i->ifa_addr)->sin_addr, &a4,
-                              sizeof a4) == 0;
-        } else if (v6 && i->ifa_addr->sa_family == AF_INET6) {
-            own = std::memcmp(&reinterpret_cast<sockaddr_in6*>(i->ifa_addr)->sin6_addr, &a6,
-                              sizeof a6) == 0;
+        if (i->ifa_addr->sa_family == AF_INET &&
+            inet_ntop(AF_INET, &reinterpret_cast<sockaddr_in*>(i->ifa_addr)->sin_addr, text,
+                      sizeof text) != nullptr) {
+            out->insert(text);
+        } else if (i->ifa_addr->sa_family == AF_INET6 &&
+                   inet_ntop(AF_INET6, &reinterpret_cast<sockaddr_in6*>(i->ifa_addr)->sin6_addr,
+                             text, sizeof text) != nullptr) {
+            out->insert(text);
         }
     }
     freeifaddrs(list);
-    return own;
+}
+
+// The same address however it is written (IPv6 has many spellings).
+std::string canonicalAddress(const std::string& name) {
+    in_addr a4{};
+    in6_addr a6{};
+    char text[INET6_ADDRSTRLEN];
+    if (inet_pton(AF_INET, name.c_str(), &a4) == 1 &&
+        inet_ntop(AF_INET, &a4, text, sizeof text) != nullptr) {
+        return text;
+    }
+    if (inet_pton(AF_INET6, name.c_str(), &a6) == 1 &&
+        inet_ntop(AF_INET6, &a6, text, sizeof text) != nullptr) {
+        return text;
+    }
+    return {};
 }
 
 bool sameToken(const sec_buffer_s& a, const sec_buffer_s& b) {
@@ -89,28 +104,35 @@ bool NodeAuthenticateRccp::isLocalName(const std::string& name) {
     if (WEX_COMMON::isValidNonLocalMachineName(const_cast<char*>(name.c_str())) == 0) {
         return true;
     }
-    char own[256] = {};
-    if (gethostname(own, sizeof own - 1) == 0 && own[0] != '\0') {
-        if (sameName(name, own)) {
-            return true;
+    std::lock_guard<std::mutex> g(localMu_);
+    // Asked for every name of every request: the host's names and addresses
+    // are gathered at most once a minute.
+    zn::Clock::Duration now = zn::processClock().monoNow();
+    if (!localNamesKnown_ || now - localNamesAt_ > std::chrono::minutes(1)) {
+        localNames_.clear();
+        char own[256] = {};
+        if (gethostname(own, sizeof own - 1) == 0 && own[0] != '\0') {
+            localNames_.insert(lowered(own));
+            localNames_.insert(lowered(std::string(own, std::strcspn(own, "."))));
         }
-        std::string shortName(own, std::strcspn(own, "."));
-        if (strcasecmp(name.c_str(), shortName.c_str()) == 0) {
-            return true;
+        zn_array* primary = nullptr;
+        if (WEX_COMMON::fetchLocalHostPrimaryHostnames(&primary, 0) == 0 && primary != nullptr) {
+            for (uint32_t i = 0; i < primary->array_cnt; ++i) {
+                if (primary->elements[i].ptr_char != nullptr) {
+                    localNames_.insert(lowered(primary->elements[i].ptr_char));
+                }
+            }
+            std::free(primary);
         }
+        addOwnAddresses(&localNames_);
+        localNamesKnown_ = true;
+        localNamesAt_ = now;
     }
-    zn_array* primary = nullptr;
-    if (WEX_COMMON::fetchLocalHostPrimaryHostnames(&primary, 0) == 0 && primary != nullptr) {
-        bool match = false;
-        for (uint32_t i = 0; i < primary->array_cnt && !match; ++i) {
-            match = sameName(name, primary->elements[i].ptr_char);
-        }
-        std::free(primary);
-        if (match) {
-            return true;
-        }
+    if (localNames_.count(lowered(name)) != 0) {
+        return true;
     }
-    return isOwnAddress(name);
+    std::string address = canonicalAddress(name);
+    return !address.empty() && localNames_.count(address) != 0;
 }
 
 bool NodeAuthenticateRccp::mayStoreUnder(const std::string& name, uint64_t universalId,
