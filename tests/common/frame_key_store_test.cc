@@ -133,6 +133,21 @@ TEST_F(FrameKeyStoreTest, AStoreOpenToOthersOrBrokenGivesNoKey) {
     EXPECT_EQ(why.find("not-hex"), std::string::npos) << why;
 }
 
+TEST_F(FrameKeyStoreTest, AFailedWriteLeavesTheStoreAsItWas) {
+    FrameKeyStore store;
+    std::string secret, why;
+    ASSERT_EQ(store.add("F1", &secret, &why), 0);
+    std::string before = slurp(store.path());
+    // The temporary cannot be made: nothing is replaced, nothing is left.
+    std::filesystem::create_directory(store.path() + ".tmp");
+    EXPECT_NE(store.add("F2", &secret, &why), 0);
+    EXPECT_NE(store.remove("F1", &why), 0);
+    EXPECT_EQ(slurp(store.path()), before);
+    std::filesystem::remove(store.path() + ".tmp");
+    EXPECT_TRUE(store.lookup("F1", nullptr));
+    EXPECT_FALSE(store.lookup("F2", nullptr));
+}
+
 TEST_F(FrameKeyStoreTest, WipedBytesAreZeroedAndGone) {
     std::vector<uint8_t> raw = {1, 2, 3};
     SecretBytes s(raw);

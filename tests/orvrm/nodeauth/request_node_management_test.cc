@@ -3,6 +3,8 @@
 // a replayed request.
 #include <arpa/inet.h>
 
+#include <filesystem>
+
 #include "tests/orvrm/nodeauth/NodeAuthFixture.h"
 
 namespace nodeauthtest {
@@ -138,6 +140,38 @@ TEST_F(NodeAuthTest, RefusalsCarryTheirMessageAndDefineNothing) {
         EXPECT_EQ(nodeCount(), 0u);
         EXPECT_TRUE(storedToken(kNode).empty());
     }
+}
+
+TEST_F(NodeAuthTest, FailuresAfterTheChecksCarryTheirMessages) {
+    // The node's value is refused by the node class: 2655-044, nothing defined.
+    WEX_COMMON::NodeRequestSpec s = spec();
+    zn::SdPtr base = WEX_COMMON::makeNodeRequest(s);
+    zn::SdPtr rq(zn_sd_new(8));
+    for (uint32_t i = 0; i < 6; ++i) {
+        rq->elements[i] = base->elements[i];
+        base->elements[i].data_type = ZN_UNKNOWN;
+    }
+    rq->elements[6].data_type = ZN_INT32;
+    rq->elements[6].value.val_int32 = orvrm::kMnConsoleSerialSpeed;
+    rq->elements[7].data_type = ZN_UINT32;
+    rq->elements[7].value.val_uint32 = 0;
+    RMReply r = invoke(kNaRequestNodeManagement, std::move(rq));
+    EXPECT_EQ(classtest::errorId(r.error), 267);
+    EXPECT_NE(classtest::errorText(r.error).find("2655-044 Create or Update of the node resource "
+                                                 "failed."),
+              std::string::npos)
+        << classtest::errorText(r.error);
+    EXPECT_EQ(nodeCount(), 0u);
+
+    // This host's key file is gone: 2655-041.
+    std::filesystem::remove(zn::paths::resolve(zn::paths::kPublicKeyFile));
+    r = request(spec());
+    EXPECT_EQ(classtest::errorId(r.error), 267);
+    EXPECT_NE(classtest::errorText(r.error).find("2655-041 An error occurred when retrieving the "
+                                                 "public key of the management server."),
+              std::string::npos)
+        << classtest::errorText(r.error);
+    EXPECT_EQ(nodeCount(), 0u);
 }
 
 TEST_F(NodeAuthTest, UnsignedProtocolFollowsTheNodesFlagAndTheDomainSetting) {
