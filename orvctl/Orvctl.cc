@@ -57,6 +57,7 @@ int runOrvctl(int argc, const char* const* argv, std::ostream& out, std::ostream
     addNodeCommands(app, errIsTerminal, commands);
     addGroupCommands(app, commands);
     addStatusCommands(app, commands);
+    addKeyCommands(app, commands);
     addGlobalOptionsBelow(&app, g);
     try {
         app.parse(argc, argv);

@@ -30,6 +30,10 @@ inline constexpr char kCopyCommand[] = "/bin/cp %s %s 2>&1";
 inline constexpr char kThlFile[] = "/var/zn/cfg/zn_has.thl";
 inline constexpr char kPrivateKeyFile[] = "/var/zn/cfg/zn_has.qkf";
 inline constexpr char kPublicKeyFile[] = "/var/zn/cfg/zn_has.pkf";
+// Which node each name of the trusted host list was stored for.
+inline constexpr char kThlOwnersFile[] = "/var/zn/cfg/zn_has.owners";
+// The hardware frames' shared secret keys (root only).
+inline constexpr char kFrameKeyStore[] = "/var/zn/cfg/frame.keys";
 
 // Reachability poller.
 inline constexpr char kFping[] = "/usr/sbin/fping";
