@@ -1,43 +1,13 @@
 #include "orvnode/Request.h"
 
-#include <cstdlib>
-#include <cstring>
-
-#include "common/SignSD.h"
+#include "common/NodeRequest.h"
 #include "znhas/znhas.h"
 
 namespace orvnode {
 namespace {
 
-constexpr int32_t kFurtherNamesTag = 1001;
 constexpr uint32_t kShortReply = 7;
 constexpr uint32_t kLongReply = 11;
-
-char* dupString(const std::string& s) {
-    return ::strdup(s.c_str());
-}
-
-zn_array* stringArray(const std::vector<std::string>& names) {
-    zn_array* a = zn_array_new(static_cast<uint32_t>(names.size()));
-    if (a == nullptr) {
-        return nullptr;
-    }
-    for (size_t i = 0; i < names.size(); ++i) {
-        a->elements[i].ptr_char = dupString(names[i]);
-        if (a->elements[i].ptr_char == nullptr) {
-            zn_value_t v;
-            v.ptr_array = a;
-            zn_value_free(ZN_CHAR_PTR_ARRAY, v);
-            return nullptr;
-        }
-    }
-    return a;
-}
-
-sec_buffer_s keyOf(const Secret& secret) {
-    return {static_cast<uint32_t>(secret.bytes().size()),
-            const_cast<uint8_t*>(secret.bytes().data())};
-}
 
 }  // namespace
 
@@ -55,51 +25,20 @@ zn::SdPtr buildRequest(const RequestSpec& spec, const Secret& secret, std::strin
         *why = "the host name, node id, MTMS, host token and secret must all be given";
         return {};
     }
-    uint32_t count = spec.furtherNames.empty() ? 6 : 8;
-    zn::SdPtr sd(zn_sd_new(count));
+    // The layout and signing are the ones every speaker for a node uses.
+    WEX_COMMON::NodeRequestSpec n;
+    n.protocol = spec.protocol;
+    n.hostname = spec.hostname;
+    n.universalId = spec.nodeId;
+    n.mtms = spec.mtms;
+    n.token = spec.token;
+    n.frameKey = secret.bytes();
+    n.ownNames = spec.furtherNames;
+    zn::SdPtr sd = WEX_COMMON::makeNodeRequest(n);
+    wipeBytes(n.frameKey);
     if (!sd) {
-        *why = "out of memory";
-        return {};
+        *why = "the request could not be made (out of memory, or signing failed)";
     }
-    zn_structured_data_element_t* e = sd->elements;
-    e[0].data_type = ZN_UINT32;
-    e[0].value.val_uint32 = spec.protocol;
-    e[1].data_type = ZN_BINARY_PTR;
-    e[1].value.ptr_binary = nullptr;
-    e[2].data_type = ZN_CHAR_PTR;
-    e[2].value.ptr_char = dupString(spec.hostname);
-    e[3].data_type = ZN_UINT64;
-    e[3].value.val_uint64 = spec.nodeId;
-    e[4].data_type = ZN_CHAR_PTR;
-    e[4].value.ptr_char = dupString(spec.mtms);
-    e[5].data_type = ZN_BINARY_PTR;
-    e[5].value.ptr_binary =
-        zn_binary_new(spec.token.data(), static_cast<uint32_t>(spec.token.size()));
-    if (count == 8) {
-        e[6].data_type = ZN_INT32;
-        e[6].value.val_int32 = kFurtherNamesTag;
-        e[7].data_type = ZN_CHAR_PTR_ARRAY;
-        e[7].value.ptr_array = stringArray(spec.furtherNames);
-    }
-    if (e[2].value.ptr_char == nullptr || e[4].value.ptr_char == nullptr ||
-        e[5].value.ptr_binary == nullptr || (count == 8 && e[7].value.ptr_array == nullptr)) {
-        *why = "out of memory";
-        return {};
-    }
-    sec_buffer_s key = keyOf(secret);
-    sec_buffer_s signature{0, nullptr};
-    if (int rc = WEX_COMMON::signSD(e + 2, 4, &key, &signature); rc != 0) {
-        *why = "the request could not be signed (code " + std::to_string(rc) + ")";
-        return {};
-    }
-    zn_binary* bin = nullptr;
-    unsigned rc = WEX_COMMON::sec2binary(&signature, bin);
-    sec_release_buffer(&signature);
-    if (rc != 0) {
-        *why = "out of memory";
-        return {};
-    }
-    e[1].value.ptr_binary = bin;
     return sd;
 }
 
@@ -118,15 +57,10 @@ bool checkReply(const zn_structured_data* reply, uint32_t protocol, const Secret
         *why = "the reply's signature, node id or host token is missing or of the wrong type";
         return false;
     }
-    // verifySD takes non-const elements; it only reads them.
-    auto* signedPart = const_cast<zn_structured_data_element_t*>(e + 1);
-    sec_buffer_s signature{};
-    WEX_COMMON::binary2sec(e[0].value.ptr_binary, &signature);
-    sec_buffer_s key = keyOf(secret);
-    if (unsigned rc = WEX_COMMON::verifySD(signedPart, 2, &key, &signature); rc != 0) {
-        *why = "the reply's signature does not match this frame's secret (code " +
-               std::to_string(rc) +
-               "): the server has another secret for this frame, or the reply was altered";
+    if (!WEX_COMMON::verifyNodeReply(reply, secret.bytes())) {
+        *why =
+            "the reply's signature does not match this frame's secret: the server has another "
+            "secret for this frame, or the reply was altered";
         return false;
     }
     const zn_binary* token = e[2].value.ptr_binary;

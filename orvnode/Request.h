@@ -6,7 +6,8 @@
 // has any. The reply: the signature over elements 1 and 2 (the server's node
 // id and public host token) with the same secret, then tagged values; 11
 // elements for 513 and 514, with the server's primary names in element 8.
-// Stateless and thread-safe.
+// Built and checked with common/NodeRequest, as every speaker for a node
+// does; this adds the node agent's own checks. Stateless and thread-safe.
 #pragma once
 
 #include <cstdint>

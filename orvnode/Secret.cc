@@ -39,6 +39,11 @@ void wipeString(std::string& s) {
     s.clear();
 }
 
+void wipeBytes(std::vector<uint8_t>& b) {
+    wipeBytes(b.data(), b.size());
+    b.clear();
+}
+
 Secret::Secret(Secret&& o) noexcept : bytes_(std::move(o.bytes_)) {}
 
 Secret& Secret::operator=(Secret&& o) noexcept {

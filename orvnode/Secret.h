@@ -35,7 +35,8 @@ private:
     std::vector<uint8_t> bytes_;
 };
 
-// Overwrites `s` with zeros (not optimised away) and empties it.
+// Overwrite with zeros (not optimised away) and empty.
 void wipeString(std::string& s);
+void wipeBytes(std::vector<uint8_t>& b);
 
 }  // namespace orvnode
