@@ -152,8 +152,8 @@ TEST_F(DaemonTest, SighupRereadsTheList) {
 
     writeText(aclPath(), shippedAcl() + "Kor.NodeAuthenticate\n\tUNAUTHENT C w\n");
     d.proc().signal(SIGHUP);
-    ASSERT_TRUE(waitFor(
-        [&] { return remote->call("rm.invokeClassAction", params).kind == Kind::Result; }));
+    ASSERT_TRUE(
+        waitFor([&] { return remote->call("rm.invokeClassAction", params).kind == Kind::Result; }));
 
     writeText(aclPath(), "Kor.NodeAuthenticate\n\tUNAUTHENT Z r\n");
     d.proc().signal(SIGHUP);
