@@ -4,8 +4,9 @@
 // send signed requests over TCP and trust the server's key. Both nodes
 // become "Managed" and, polled as reachable, get Status 1; the server and
 // each node then hold the other's key. A node provisioned with a wrong
-// secret is refused with the catalogue's message and is not defined; an
-// unreachable server is given up on after the attempts the agent was given.
+// secret is refused with the catalogue's message and is not defined; a node
+// the server forgets asks again; an unreachable server is given up on after
+// the attempts the agent was given.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -153,6 +154,39 @@ TEST_F(NodeEnrollment, AWrongSecretIsRefusedWithTheCatalogueMessage) {
               std::string::npos)
         << log;
     EXPECT_TRUE(node("node3").is_null()) << "not defined: " << node("node3").dump();
+}
+
+TEST_F(NodeEnrollment, ANodeTheServerForgetsAsksAgain) {
+    std::string root = root_ / "node5";
+    std::filesystem::create_directories(root);
+    std::ofstream(root + "/secret") << secret_ << "\n";
+    ::setenv(zn::paths::kRootEnv, root.c_str(), 1);
+    testsupport::Subprocess agent(
+        testsupport::binPath("orvnode/orvnode"),
+        {"--server", "127.0.0.1:" + std::to_string(port_), "--server-name", "mgmt", "--hostname",
+         "node5", "--node-id", "261", "--mtms", kFrame, "--secret-file", root + "/secret",
+         "--recheck", "1", "--timeout", "5000"},
+        {}, root + "/orvnode.stderr");
+    ::setenv(zn::paths::kRootEnv, root_.path().c_str(), 1);
+    auto managed = [&] {
+        nlohmann::json a = node("node5");
+        return a.is_object() && a.value("Mode", "") == "Managed";
+    };
+    ASSERT_TRUE(daemonstest::waitFor(managed)) << testsupport::readFile(root + "/orvnode.stderr");
+    // The administrator removes the node; the agent notices and asks again.
+    CliRun rm = cli({"undefine", "Kor.ManagedNode", "-s", "Hostname==\"node5\""});
+    ASSERT_EQ(rm.status, 0) << rm.err;
+    ASSERT_TRUE(daemonstest::waitFor(
+        [&] {
+            return testsupport::readFile(root + "/orvnode.stderr")
+                       .find("has forgotten this node") != std::string::npos;
+        },
+        std::chrono::seconds(30)))
+        << testsupport::readFile(root + "/orvnode.stderr");
+    EXPECT_TRUE(daemonstest::waitFor(managed)) << testsupport::readFile(root + "/orvnode.stderr");
+    agent.signal(SIGTERM);
+    int status = agent.wait();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 TEST_F(NodeEnrollment, AnUnreachableServerIsGivenUpOnAfterTheAttempts) {
