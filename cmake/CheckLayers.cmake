@@ -21,6 +21,7 @@ set(LAYERS
   "common=platform tarn_base common"
   "znpex=platform tarn_base tarn_rmf tarn_rmf2v znhas znpex"
   "tarn_rmf2v/link=platform tarn_base tarn_rmf tarn_rmf2v tarn_rmf2v/link znpex"
+  "orvnode=platform tarn_base tarn_rmf tarn_rmf2v znhas common znpex orvnode"
 )
 # Folders an include may name besides the listed ones.
 set(OTHER_ROOTS orvrm tests)

@@ -33,5 +33,7 @@ void addNodeCommands(CLI::App& app, bool progress, std::vector<Command>& out);
 void addGroupCommands(CLI::App& app, std::vector<Command>& out);
 // status, watch.
 void addStatusCommands(CLI::App& app, std::vector<Command>& out);
+// key add, ls, rm.
+void addKeyCommands(CLI::App& app, std::vector<Command>& out);
 
 }  // namespace orvctl

@@ -15,6 +15,14 @@ using znpex::cli::kExitUsage;
 // The options every command takes, before or after its words, all filling
 // the same GlobalOptions, so that each command's --help lists them.
 void addGlobalOptions(CLI::App* app, GlobalOptions& g, const std::string& group) {
+    app->add_option("--host", g.host,
+                    "Management server's service: host[:port] over TCP; default this host's "
+                    "local socket")
+        ->group(group);
+    app->add_option("--as-host", g.asHost,
+                    "Over TCP, the host name to prove with this host's key (readable by root "
+                    "only; the session is then root@NAME); default the system's host name")
+        ->group(group);
     app->add_option("-o,--output", g.output,
                     "Output: table, json (every value, raw), or wide (node ls: more columns)")
         ->check(CLI::IsMember({"table", "json", "wide"}))
@@ -49,6 +57,7 @@ int runOrvctl(int argc, const char* const* argv, std::ostream& out, std::ostream
     addNodeCommands(app, errIsTerminal, commands);
     addGroupCommands(app, commands);
     addStatusCommands(app, commands);
+    addKeyCommands(app, commands);
     addGlobalOptionsBelow(&app, g);
     try {
         app.parse(argc, argv);

@@ -3,9 +3,9 @@
 #include <cstring>
 
 #include "orvrm/ORVRMRmcp.h"
-#include "orvrm/PlaceholderRccp.h"
 #include "orvrm/managednode/ManagedNodeRccp.h"
 #include "orvrm/netif/MNNetworkInterfaceRccp.h"
+#include "orvrm/nodeauth/NodeAuthenticateRccp.h"
 #include "orvrm/nodegroup/NodeGroupRccp.h"
 #include "orvrm/orvctrl/OrvCtrlRccp.h"
 
@@ -17,17 +17,12 @@ tarn_rmf2v::RMRccp* make(char* className, rm_object_type type, ORVRMRmcp* rmcp) 
     return new T(className, type, rmcp);
 }
 
-// Until a class's own control point lands, it is a placeholder.
-tarn_rmf2v::RMRccp* placeholder(char* className, rm_object_type type, ORVRMRmcp* rmcp) {
-    return new PlaceholderRccp(className, type, rmcp);
-}
-
 }  // namespace
 
 const std::array<ClassEntry, 5>& classList() {
     static const std::array<ClassEntry, 5> list = {{
         {kOrvCtrlClass, make<OrvCtrlRccp>, 1, "new OrvCtrl"},
-        {kNodeAuthenticateClass, placeholder, 2, "new NodeAuthenticate"},
+        {kNodeAuthenticateClass, make<NodeAuthenticateRccp>, 2, "new NodeAuthenticate"},
         {kNetworkInterfaceClass, make<MNNetworkInterfaceRccp>, 3, "new MNNetworkIface"},
         {kManagedNodeClass, make<ManagedNodeRccp>, 4, "new ManagedNode"},
         {kNodeGroupClass, make<NodeGroupRccp>, 5, "new NodeGroup"},

@@ -30,6 +30,10 @@ inline constexpr char kCopyCommand[] = "/bin/cp %s %s 2>&1";
 inline constexpr char kThlFile[] = "/var/zn/cfg/zn_has.thl";
 inline constexpr char kPrivateKeyFile[] = "/var/zn/cfg/zn_has.qkf";
 inline constexpr char kPublicKeyFile[] = "/var/zn/cfg/zn_has.pkf";
+// Which node each name of the trusted host list was stored for.
+inline constexpr char kThlOwnersFile[] = "/var/zn/cfg/zn_has.owners";
+// The hardware frames' shared secret keys (root only).
+inline constexpr char kFrameKeyStore[] = "/var/zn/cfg/frame.keys";
 
 // Reachability poller.
 inline constexpr char kFping[] = "/usr/sbin/fping";
@@ -50,6 +54,9 @@ inline constexpr char kNodeStatus[] = "/opt/wex/wexbin/nodestatus";
 inline constexpr char kRemoteShellExpectCommand[] = "/opt/wex/wexbin/remoteshell.expect -n %s";
 inline constexpr char kSsh[] = "/usr/bin/ssh";
 inline constexpr char kScp[] = "/usr/bin/scp";
+
+// The node agent: the frame's secret it was provisioned with (root only).
+inline constexpr char kNodeAgentSecret[] = "/var/zn/cfg/orvnode.secret";
 
 // The root named by ZN_ROOT, without a trailing slash; "" when unset or empty.
 std::string root();

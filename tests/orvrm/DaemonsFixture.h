@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -40,10 +41,13 @@ protected:
         std::filesystem::create_directories(std::filesystem::path(acl).parent_path());
         std::ifstream shipped(std::string(ORVRM_SOURCE_DIR) + "/etc/znpex.acls");
         std::ofstream(acl) << shipped.rdbuf();
-        service_ = std::make_unique<Subprocess>(
-            testsupport::binPath("znpex/server/znpexd"),
-            std::vector<std::string>{"--state-root", root_.path(), "--no-tcp"},
-            std::vector<std::string>{}, root_ / "znpexd.stderr");
+        std::vector<std::string> args{"--state-root", root_.path(), "--no-tcp"};
+        if (tcp_) {
+            args = {"--state-root", root_.path(), "--address", "127.0.0.1", "--port", "0"};
+        }
+        service_ =
+            std::make_unique<Subprocess>(testsupport::binPath("znpex/server/znpexd"), args,
+                                         std::vector<std::string>{}, root_ / "znpexd.stderr");
         ASSERT_TRUE(
             waitFor([&] { return std::filesystem::exists(root_.path() + zn::paths::kPexSocket); }));
         startDaemon();
@@ -118,6 +122,19 @@ protected:
                                             std::vector<std::string>{}, root_ / (out + ".err"));
     }
 
+    // The service's TCP port (tcp_ set before SetUp), or 0.
+    uint16_t tcpPort() {
+        std::smatch m;
+        static const std::regex re("listening on tcp 127.0.0.1 port ([0-9]+)");
+        std::string text;
+        waitFor([&] {
+            text = readFile(root_ / "znpexd.stderr");
+            return std::regex_search(text, m, re);
+        });
+        return std::regex_search(text, m, re) ? static_cast<uint16_t>(std::stoi(m[1].str())) : 0;
+    }
+
+    bool tcp_ = false;  // the service also listens on TCP, 127.0.0.1, a free port
     testsupport::TempDir root_{/*asRoot=*/true};
     std::unique_ptr<Subprocess> service_;
     std::unique_ptr<Subprocess> daemon_;

@@ -294,9 +294,11 @@ TEST_F(PeerDomainTest, AStampBeyondAnyClockIsRefusedAndCannotFreezeTheTables) {
 TEST_F(PeerDomainTest, APeerListsClassesAsAPeerNotAsAnUnauthenticatedCaller) {
     znpextest::writeText(hosts_[1].root + zn::paths::kAclFile,
                          "Test.Open\n\t*\tC r\nTest.Unauth\n\tUNAUTHENT\tC r\n"
+                         "Kor.NodeAuthenticate\n\tUNAUTHENT\tC r\n"
                          "OTHER\n\troot@LOCALHOST\t* rw\n");
     ASSERT_TRUE(startAll());
-    ScriptedManager m(hosts_[1].socketPath(), "Test.RM", {"Test.Open", "Test.Unauth"});
+    ScriptedManager m(hosts_[1].socketPath(), "Test.RM",
+                      {"Test.Open", "Test.Unauth", "Kor.NodeAuthenticate"});
     ASSERT_TRUE(m.registered());
     auto names = [](const RpcMessage& r) {
         std::set<std::string> out;
@@ -306,7 +308,9 @@ TEST_F(PeerDomainTest, APeerListsClassesAsAPeerNotAsAnUnauthenticatedCaller) {
         return out;
     };
     TestClient plain(znpextest::connectTcp(port_, "127.0.0.2"));
-    EXPECT_EQ(names(plain.call("class.list")), std::set<std::string>{"Test.Unauth"});
+    // Before authenticating, only the class a node asks to be managed through,
+    // whatever else the list grants UNAUTHENT.
+    EXPECT_EQ(names(plain.call("class.list")), std::set<std::string>{"Kor.NodeAuthenticate"});
     auto peer = peerOf(1, 0);
     EXPECT_EQ(names(peer->call("class.list")), std::set<std::string>{"Test.Open"});
 }

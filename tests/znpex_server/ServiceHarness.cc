@@ -128,20 +128,36 @@ bool TestClient::closedWithin(int timeoutMs) {
     return false;
 }
 
+Json classDef(const std::string& name, const std::vector<std::string>& classActions) {
+    Json actions = Json::array();
+    for (size_t i = 0; i < classActions.size(); ++i) {
+        actions.push_back(
+            Json{{"name", classActions[i]}, {"id", static_cast<int>(i)}, {"input", Json::array()}});
+    }
+    return Json{{"class", name},
+                {"classPersistent", Json::array()},
+                {"classDynamic", Json::array()},
+                {"persistent", Json::array()},
+                {"dynamic", Json::array()},
+                {"classActions", actions},
+                {"actions", Json::array()}};
+}
+
 FakeManager::FakeManager(const std::string& socketPath, std::vector<std::string> classes,
                          bool silent, const std::string& rmName)
     : client_(TestClient::local(socketPath)), silent_(silent) {
     Json defs = Json::array();
     for (const auto& c : classes) {
-        defs.push_back(Json{{"class", c},
-                            {"classPersistent", Json::array()},
-                            {"classDynamic", Json::array()},
-                            {"persistent", Json::array()},
-                            {"dynamic", Json::array()},
-                            {"classActions", Json::array()},
-                            {"actions", Json::array()}});
+        defs.push_back(classDef(c));
     }
     registration_ = client_->call("rm.register", Json{{"rm", rmName}, {"classes", defs}});
+    thread_ = std::thread([this] { serve(); });
+}
+
+FakeManager::FakeManager(const std::string& socketPath, const std::string& rmName,
+                         const Json& classDefs)
+    : client_(TestClient::local(socketPath)), silent_(false) {
+    registration_ = client_->call("rm.register", Json{{"rm", rmName}, {"classes", classDefs}});
     thread_ = std::thread([this] { serve(); });
 }
 

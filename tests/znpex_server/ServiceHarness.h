@@ -70,6 +70,8 @@ class FakeManager {
 public:
     FakeManager(const std::string& socketPath, std::vector<std::string> classes,
                 bool silent = false, const std::string& rmName = kRmName);
+    // The same with class definitions as "rm.register" takes them (classDef()).
+    FakeManager(const std::string& socketPath, const std::string& rmName, const Json& classDefs);
     ~FakeManager();
     // The registration's reply.
     const RpcMessage& registration() const { return registration_; }
@@ -88,6 +90,10 @@ private:
     std::mutex writeMu_;
     std::thread thread_;
 };
+
+// A class definition for "rm.register": no attributes, the class actions
+// given by name (ids in order from 0).
+Json classDef(const std::string& name, const std::vector<std::string>& classActions = {});
 
 // Runs one request as user "nobody" (uid 65534) in a child process and
 // returns the reply's payload ("" when none came). Only root can do this.

@@ -2,7 +2,7 @@
 // and an unauthenticated TCP client, each asking a class read, a class
 // write, a resource read and a resource write, under the shipped list, an
 // edited list after a refresh, and the previous list kept when an edit does
-// not parse.
+// not parse. A caller that has not authenticated gets none of it.
 #include <gtest/gtest.h>
 
 #include "tests/znpex_server/ServiceHarness.h"
@@ -113,19 +113,21 @@ TEST_P(AccessMatrixTest, EditedListAfterRefresh) {
                "\t              nobody@LOCALHOST\tR rw\n"
                "\t                     UNAUTHENT\tC r\n"
                "\t                     UNAUTHENT\tR w\n");
-    check({{true, true, false, false}, {false, false, true, true}, {true, false, false, true}});
+    // What the list grants UNAUTHENT here is held back: before authenticating,
+    // a caller may only ask to be managed (enrollment_gate_test.cc).
+    check({{true, true, false, false}, {false, false, true, true}, {false, false, false, false}});
 }
 
 TEST_P(AccessMatrixTest, AListThatDoesNotParseKeepsTheRulesInForce) {
-    replaceAcl(shippedAcl() + "Test.Widget\n\t                     UNAUTHENT\t* r\n");
+    replaceAcl(shippedAcl() + "Test.Widget\n\t              nobody@LOCALHOST\t* r\n");
     writeText(aclPath(), "Test.Widget\n\tUNAUTHENT * rw\n\tbroken entry here now\n");
     RpcMessage r = root()->call("service.refreshAcl");
     ASSERT_EQ(r.kind, RpcMessage::Kind::Error);
     EXPECT_EQ(r.errorCode, proto::kOperationFailed);
     EXPECT_EQ(errorId(r), znpex::server::ZNPEX_EACLFILE);
     EXPECT_NE(r.errorData.value("text", "").find("line 3"), std::string::npos);
-    // Still the list before the failed edit: UNAUTHENT reads, nobody else anything.
-    check({{false, false, false, false}, {false, false, false, false}, {true, false, true, false}});
+    // Still the list before the failed edit: nobody reads, no one else anything.
+    check({{false, false, false, false}, {true, false, true, false}, {false, false, false, false}});
     // The status names the failure until a good list is read.
     auto status = root()->call("service.status");
     ASSERT_EQ(status.kind, RpcMessage::Kind::Result);

@@ -142,21 +142,24 @@ TEST_F(DaemonTest, SighupRereadsTheList) {
     Daemon d(dir_, "hup");
     uint16_t port = d.waitListening();
     ASSERT_NE(port, 0) << d.log();
-    FakeManager manager(sock(), {kClass});
+    // The one request an unauthenticated caller may make, if the list lets it.
+    FakeManager manager(sock(), kRmName,
+                        Json::array({classDef("Kor.NodeAuthenticate",
+                                              {"SetACL", "ClearACL", "RequestNodeManagement"})}));
     auto remote = TestClient::tcp(port);
-    const Json params{{"class", kClass}};
-    EXPECT_EQ(remote->call("rm.enumerateResources", params).errorCode, proto::kPermissionDenied);
+    const Json params{{"class", "Kor.NodeAuthenticate"}, {"actionId", 2}};
+    EXPECT_EQ(remote->call("rm.invokeClassAction", params).errorCode, proto::kPermissionDenied);
 
-    writeText(aclPath(), shippedAcl() + "Test.Widget\n\tUNAUTHENT C r\n");
+    writeText(aclPath(), shippedAcl() + "Kor.NodeAuthenticate\n\tUNAUTHENT C w\n");
     d.proc().signal(SIGHUP);
-    ASSERT_TRUE(waitFor(
-        [&] { return remote->call("rm.enumerateResources", params).kind == Kind::Result; }));
+    ASSERT_TRUE(
+        waitFor([&] { return remote->call("rm.invokeClassAction", params).kind == Kind::Result; }));
 
-    writeText(aclPath(), "Test.Widget\n\tUNAUTHENT Z r\n");
+    writeText(aclPath(), "Kor.NodeAuthenticate\n\tUNAUTHENT Z r\n");
     d.proc().signal(SIGHUP);
     ASSERT_TRUE(waitFor([&] { return d.log().find("previous rules stay") != std::string::npos; }));
     EXPECT_NE(d.log().find("unknown type 'Z'"), std::string::npos);
-    EXPECT_EQ(remote->call("rm.enumerateResources", params).kind, Kind::Result);
+    EXPECT_EQ(remote->call("rm.invokeClassAction", params).kind, Kind::Result);
 
     // The same refresh by request, as the resource manager asks for it.
     std::string why;

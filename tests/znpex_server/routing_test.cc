@@ -220,7 +220,8 @@ TEST_F(RoutingTest, ServiceMethodsAndWhoMayUseThem) {
 
     RpcMessage hello = remote->call("auth.hello");
     ASSERT_EQ(hello.kind, Kind::Result);
-    EXPECT_EQ(hello.result, (Json{{"identity", "UNAUTHENT"}, {"methods", Json::array()}}));
+    EXPECT_EQ(hello.result,
+              (Json{{"identity", "UNAUTHENT"}, {"methods", Json::array({"hostkey"})}}));
 
     // Local only, or root only.
     EXPECT_EQ(remote->call("service.status").errorCode, proto::kMethodNotFound);
@@ -250,11 +251,13 @@ TEST_F(RoutingTest, ServiceMethodsAndWhoMayUseThem) {
 
 TEST_F(RoutingTest, ClientsCannotClaimAnotherIdentity) {
     startService();
-    replaceAcl(shippedAcl() + "Test.Widget\n\tUNAUTHENT * r\n");
-    FakeManager manager(socketPath(), {kClass});
-    Json params = kEnumerate;
+    replaceAcl(shippedAcl() + "Kor.NodeAuthenticate\n\tUNAUTHENT * rw\n");
+    FakeManager manager(socketPath(), kRmName,
+                        Json::array({classDef("Kor.NodeAuthenticate",
+                                              {"SetACL", "ClearACL", "RequestNodeManagement"})}));
+    Json params{{"class", "Kor.NodeAuthenticate"}, {"actionId", 2}};
     params["identity"] = "root@LOCALHOST";
-    RpcMessage r = unauthenticated()->call("rm.enumerateResources", params);
+    RpcMessage r = unauthenticated()->call("rm.invokeClassAction", params);
     ASSERT_EQ(r.kind, Kind::Result) << r.errorMessage;
     EXPECT_EQ(r.result["seen"]["identity"], "UNAUTHENT");
 }

@@ -25,6 +25,10 @@ void addGlobalOptions(CLI::App* app, GlobalOptions& g, const std::string& group)
     app->add_option("--host", g.host,
                     "Service to talk to: host[:port] over TCP; default this host's local socket")
         ->group(group);
+    app->add_option("--as-host", g.asHost,
+                    "Over TCP, the host name to prove with this host's key (readable by root "
+                    "only; the session is then root@NAME); default the system's host name")
+        ->group(group);
     app->add_option("-o,--output", g.output, "Output format")
         ->check(CLI::IsMember({"table", "json"}))
         ->capture_default_str()

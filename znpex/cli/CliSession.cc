@@ -35,6 +35,9 @@ px_session_t CliSession::session() {
 
 px_session_t CliSession::openSession() const {
     px_set_default_timeouts(opts_.connectTimeoutMs, opts_.timeoutMs);
+    if (px_set_client_host(opts_.asHost.c_str()) != PX_OK) {
+        return nullptr;
+    }
     px_contact_t contact{opts_.host.c_str()};
     px_session_t s = nullptr;
     int rc = opts_.host.empty() ? px_start_session(nullptr, 0, 0x401, &s)

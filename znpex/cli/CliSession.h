@@ -15,7 +15,8 @@
 namespace znpex::cli {
 
 struct GlobalOptions {
-    std::string host;  // empty: this host's local socket
+    std::string host;    // empty: this host's local socket
+    std::string asHost;  // the host name TCP sessions prove with this host's key ("": the system's)
     std::string output = "table";
     int timeoutMs = 0;  // 0: the library's defaults
     int connectTimeoutMs = 0;

@@ -96,7 +96,8 @@ int cmdWatch(CliSession& cli, const WatchArgs& args) {
     }
     px_contact_t contact{cli.opts().host.empty() ? nullptr : cli.opts().host.c_str()};
     px_session_t s = nullptr;
-    if (px_start_session(&contact, 1, 0x401, &s) != PX_OK) {
+    if (px_set_client_host(cli.opts().asHost.c_str()) != PX_OK ||
+        px_start_session(&contact, 1, 0x401, &s) != PX_OK) {
         return cli.failCall();
     }
     Printer printer;

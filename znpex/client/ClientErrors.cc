@@ -24,6 +24,13 @@ constexpr char kTypeText[] =
     "2661-009 The attribute %1$s of class %2$s has data type %3$s, not %4$s.\n";
 constexpr char kRefusedText[] = "2661-010 The monitoring service refused %1$s: %2$s.\n";
 constexpr char kNoMemText[] = "2661-011 Out of memory in %1$s.\n";
+constexpr char kNotAuthText[] =
+    "2661-012 Permission denied: the class %1$s is not open to %2$s; a caller that has not "
+    "authenticated may only ask to be managed. Use this host's local socket, or prove this "
+    "host's key.\n";
+constexpr char kProofText[] =
+    "2661-013 This host could not prove that it is %2$s to the monitoring service at %1$s: "
+    "%3$s.\n";
 
 const char* typeName(int t) {
     const char* n = zn_data_type_name(static_cast<zn_data_type_t>(t));
@@ -92,6 +99,18 @@ int failType(const std::string& className, const std::string& attr, int want, in
 int failNoMemory(const char* function) {
     cu_set_error_1(PXC_ENOMEM, nullptr, kClientCatalog, kClientSet, 11, kNoMemText, function);
     return PX_ENOMEM;
+}
+
+int failNotAuthenticated(const std::string& className, const std::string& identity) {
+    cu_set_error_1(PXC_ENOTAUTH, nullptr, kClientCatalog, kClientSet, 12, kNotAuthText,
+                   className.c_str(), identity.c_str());
+    return PX_EACCESS;
+}
+
+int failProof(const std::string& where, const std::string& host, const std::string& why) {
+    cu_set_error_1(PXC_EPROOF, nullptr, kClientCatalog, kClientSet, 13, kProofText, where.c_str(),
+                   host.c_str(), why.c_str());
+    return PX_EACCESS;
 }
 
 int resultForRpcCode(int rpcCode) {

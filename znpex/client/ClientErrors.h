@@ -26,6 +26,8 @@ enum : int {
     PXC_ETYPE = 0x31009,
     PXC_EREFUSED = 0x3100a,
     PXC_ENOMEM = 0x3100b,
+    PXC_ENOTAUTH = 0x3100c,
+    PXC_EPROOF = 0x3100d,
 };
 
 int failConnect(const std::string& where, const std::string& why);
@@ -40,6 +42,11 @@ int failNoAttr(const std::string& className, const char* kind, const std::string
 int failNoAction(const std::string& className, const char* kind, const std::string& name);
 int failType(const std::string& className, const std::string& attr, int want, int have);
 int failNoMemory(const char* function);
+// A class the service does not show a caller that has not authenticated
+// (PX_EACCESS): it may exist, but only enrollment is open to such callers.
+int failNotAuthenticated(const std::string& className, const std::string& identity);
+// This host's key could not prove the host to the service at `where` (PX_EACCESS).
+int failProof(const std::string& where, const std::string& host, const std::string& why);
 // A JSON-RPC error reply: the service's error object when it sent one, else
 // the client's "refused" message; the code chosen from the JSON-RPC code.
 int failRpc(const std::string& method, const proto::RpcMessage& reply);

@@ -162,6 +162,11 @@ int classDef(px_session& s, const std::string& name, tarn_rmf2v::RMClassDef& out
             return PX_OK;
         }
     }
+    if (s.identity == proto::kUnauthenticated) {
+        // The service shows such a caller the enrollment class alone: not
+        // seeing a class says nothing about whether it exists.
+        return failNotAuthenticated(name, s.identity);
+    }
     cu_error_t* e = nullptr;
     tarn_rmf::RMPkgCommonError(tarn_rmf::RM_EINVALIDCLASS, nullptr, &e, name.c_str());
     cu_set_error_obj_1(e);

@@ -186,6 +186,11 @@ int px_end_session(px_session_t session);
 // request 30000. The process-wide defaults apply to sessions started later.
 int px_set_default_timeouts(int connect_ms, int request_ms);
 int px_set_timeouts(px_session_t session, int request_ms);
+// The host name that TCP sessions started from now on claim and prove with
+// this host's key, when the calling process can read it ("root@<host>" is
+// then the session's identity); null or "": the system's host name.
+// Process-wide. PX_EINVAL for a name that is not a host name.
+int px_set_client_host(const char* host);
 // The identity the service gave this session ("root@LOCALHOST", ...); owned
 // by the session.
 const char* px_session_identity(px_session_t session);

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "znpex/client/ClientErrors.h"
+#include "znpex/client/HostProof.h"
 #include "znpex/client/Requests.h"
 #include "znpex/client/Session.h"
 #include "znpex/client/SessionLife.h"
@@ -24,12 +25,12 @@ bool supportedOptions(px_session_opts_t options) {
     return scope == PX_SCOPE_LOCAL || scope == PX_SCOPE_DOMAIN;
 }
 
-// Handshake on an open connection: over TCP the hello first, then the
-// session itself.
+// Handshake on an open connection: over TCP the hello (and this host's
+// proof, when it can make one) first, then the session itself.
 int handshake(px_session& s, px_session_opts_t options) {
     proto::Json result;
     if (!s.conn->contact().local) {
-        if (int rc = call(s, proto::kAuthHello, proto::Json::object(), result); rc != PX_OK) {
+        if (int rc = greetOverTcp(s); rc != PX_OK) {
             return rc;
         }
     }

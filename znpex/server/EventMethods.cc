@@ -5,6 +5,7 @@
 
 #include "tarn_rmf/registry/RMTableError.h"
 #include "znpex/proto/ProtocolError.h"
+#include "znpex/proto/ServiceMessages.h"
 #include "znpex/server/Router.h"
 #include "znpex/server/ServiceErrors.h"
 
@@ -67,7 +68,9 @@ void Router::eventRegister(const std::shared_ptr<Connection>& c, const proto::Rp
     auto rules = acl_.rules();
     OpTarget target = spec.classLevel ? OpTarget::Class : OpTarget::Resource;
     const std::string identity = identityOf(*c);
-    if (!isAllowed(*rules, identity, cls, target, OpAccess::Read)) {
+    // Watching is not something asking to be managed needs.
+    if (identity == proto::kUnauthenticated ||
+        !isAllowed(*rules, identity, cls, target, OpAccess::Read)) {
         denied_.fetch_add(1);
         replyFailure(c, m.id, proto::kPermissionDenied, *permissionDenied(identity, m.method, cls));
         return;

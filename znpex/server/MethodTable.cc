@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "znpex/di/DiCodec.h"
+#include "znpex/proto/ClientAuth.h"
 #include "znpex/proto/ServiceMessages.h"
 #include "znpex/server/EventService.h"
 #include "znpex/server/PeerMessages.h"
@@ -81,6 +82,7 @@ struct Table {
         refresh.localOnly = refresh.rootOnly = true;
         service(proto::kServiceStatus, MethodKind::Status).localOnly = true;
         service(proto::kAuthHello, MethodKind::AuthHello);
+        service(proto::kAuthProve, MethodKind::AuthProve);
         service(kEventRegister, MethodKind::EventRegister);
         service(kEventUnregister, MethodKind::EventUnregister);
         for (auto [name, kind] : {std::pair{di::kDiRefresh, MethodKind::DiRefresh},

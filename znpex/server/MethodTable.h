@@ -19,6 +19,7 @@ enum class MethodKind {
     RefreshAcl,
     Status,
     AuthHello,
+    AuthProve,  // a TCP client proves the host it runs on
     Register,   // a resource manager announces itself and its classes
     ManagerOp,  // "rm.<operation>", forwarded to the class's manager
     // Notifications a registered resource manager sends (no reply).

@@ -1,10 +1,10 @@
 #include "znpex/server/PeerMessages.h"
 
-#include <cctype>
 #include <optional>
 
 #include "znhas/sec_proof.h"
 #include "znpex/proto/Base64.h"
+#include "znpex/proto/ClientAuth.h"
 #include "znpex/proto/ProtocolError.h"
 
 namespace znpex::server {
@@ -46,15 +46,7 @@ std::string base64(const std::vector<uint8_t>& b) {
 }  // namespace
 
 bool validPeerName(const std::string& name) {
-    if (name.empty() || name.size() > kMaxHostName || name[0] == '.' || name[0] == '-') {
-        return false;
-    }
-    for (unsigned char ch : name) {
-        if (!std::isalnum(ch) && ch != '.' && ch != '-' && ch != '_' && ch != ':') {
-            return false;
-        }
-    }
-    return true;
+    return proto::validHostName(name);
 }
 
 Json encodePeerHello(const PeerHello& h) {

@@ -73,6 +73,22 @@ void RmRegistry::detach(const ManagerEndpoint* endpoint) {
     }
 }
 
+std::string RmRegistry::classActionName(const std::string& className, int id) const {
+    std::lock_guard<std::mutex> g(mu_);
+    for (const ClassEntry& c : classes_) {
+        if (c.def.name != className) {
+            continue;
+        }
+        for (const tarn_rmf2v::RMActionDef& a : c.def.classActions) {
+            if (a.id == id) {
+                return a.name;
+            }
+        }
+        break;
+    }
+    return {};
+}
+
 ClassLookup RmRegistry::find(const std::string& className) const {
     std::lock_guard<std::mutex> g(mu_);
     ClassLookup out;

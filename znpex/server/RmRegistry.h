@@ -52,6 +52,8 @@ public:
     void detach(const ManagerEndpoint* endpoint);
 
     ClassLookup find(const std::string& className) const;
+    // The name of class action `id` of `className`, or "" when either is not known.
+    std::string classActionName(const std::string& className, int id) const;
     // Every known class in name order.
     std::vector<ClassEntry> classes() const;
     std::vector<ManagerSummary> managers() const;

@@ -21,11 +21,13 @@ using proto::RpcMessage;
 
 namespace {
 
-// The numeric address at the other end of a TCP socket, or "".
-std::string remoteAddress(int fd) {
+// The numeric address at the other end of a TCP socket (or at this end:
+// `local`), or "".
+std::string socketAddress(int fd, bool local = false) {
     sockaddr_storage ss{};
     socklen_t len = sizeof(ss);
-    if (::getpeername(fd, reinterpret_cast<sockaddr*>(&ss), &len) != 0) {
+    sockaddr* sa = reinterpret_cast<sockaddr*>(&ss);
+    if ((local ? ::getsockname(fd, sa, &len) : ::getpeername(fd, sa, &len)) != 0) {
         return {};
     }
     char text[INET6_ADDRSTRLEN] = {};
@@ -52,7 +54,8 @@ Router::Router(AclStore& acl, RmRegistry& registry, di::DiStore& di, RouterOptio
           registry_,
           std::min<std::chrono::milliseconds>(options.requestTimeout, std::chrono::seconds(10)))),
       di_(di),
-      budget_(options.bufferBudget) {
+      budget_(options.bufferBudget),
+      pending_(options.maxPendingPerAddress) {
     budget_.setReclaim([this](size_t over) { reclaim(over); });
     hb_ = di_.heartbeat();
 }
@@ -85,10 +88,15 @@ void Router::accept(Connection::Socket socket, Transport transport) {
         // Peers that vanish without a word are noticed by the kernel too.
         ::setsockopt(socket.native_handle(), SOL_SOCKET, SO_KEEPALIVE, &one, sizeof(one));
     }
-    std::string remote = transport == Transport::Tcp ? remoteAddress(socket.native_handle()) : "";
+    std::string remote = transport == Transport::Tcp ? socketAddress(socket.native_handle()) : "";
+    std::string local =
+        transport == Transport::Tcp ? socketAddress(socket.native_handle(), true) : "";
     auto c =
         std::make_shared<Connection>(std::move(socket), transport, std::move(identity), uid, *this,
                                      limitsFor(transport, authenticated, false), &budget_);
+    if (!remote.empty() && !admitPending(*c, remote)) {
+        return;  // never started: dropping it closes the socket
+    }
     {
         std::lock_guard<std::mutex> g(connMu_);
         connections_.emplace(c->id(), c);
@@ -96,6 +104,7 @@ void Router::accept(Connection::Socket socket, Transport transport) {
     if (!remote.empty()) {
         std::lock_guard<std::mutex> g(peerMu_);
         tcpAddresses_.emplace(c->id(), std::move(remote));
+        localAddresses_.emplace(c->id(), std::move(local));
     }
     c->start();
 }
@@ -184,6 +193,7 @@ void Router::onOversize(const std::shared_ptr<Connection>& c, uint64_t length) {
 
 void Router::onClosed(const std::shared_ptr<Connection>& c) {
     noteClosed(*c);
+    pending_.release(c->id());
     std::shared_ptr<ManagerSession> manager;
     std::set<std::string> watched;
     {
@@ -225,6 +235,9 @@ void Router::onClosed(const std::shared_ptr<Connection>& c) {
         tcpAddresses_.erase(c->id());
         peerHosts_.erase(c->id());
         hellos_.erase(c->id());
+        clientHosts_.erase(c->id());
+        clientHellos_.erase(c->id());
+        localAddresses_.erase(c->id());
         domainSessions_.erase(c->id());
         if (manager != nullptr) {
             auto it = managersByName_.find(manager->rmName());
@@ -293,6 +306,9 @@ void Router::handleRequest(const std::shared_ptr<Connection>& c, RpcMessage& m) 
             break;
         case MethodKind::AuthHello:
             authHello(c, m);
+            break;
+        case MethodKind::AuthProve:
+            authProve(c, m);
             break;
         case MethodKind::Register:
             registerManager(c, m);

@@ -32,6 +32,7 @@
 #include "znpex/server/ManagerSession.h"
 #include "znpex/server/MethodTable.h"
 #include "znpex/server/PeerDirectory.h"
+#include "znpex/server/PendingLimit.h"
 #include "znpex/server/RmRegistry.h"
 
 namespace znpex::server {
@@ -43,6 +44,10 @@ struct RouterOptions {
     size_t maxPendingPerConnection = 1024;
     // Open connections; more are closed as soon as they are accepted.
     size_t maxConnections = 65536;
+    // TCP connections from one address that have not authenticated yet; more
+    // are closed as soon as they are accepted (0: no cap). Well above what a
+    // storm of nodes asking to be managed keeps open from one address.
+    size_t maxPendingPerAddress = 1024;
     // This host as the other hosts' services know it: its name (sent in
     // "peer.hello"; "": the system's host name) and node id (0: the node id file's).
     std::string hostName;
@@ -142,7 +147,12 @@ private:
     void sessionEnd(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
     void classList(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
     void refreshAcl(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
+
+    // Clients proving their host key (RouterClientAuth.cc).
     void authHello(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
+    void authProve(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
+    // The host a TCP client proved it runs on, or "".
+    std::string clientHostOf(const Connection& c) const;
 
     // Distributed-information tables (RouterDi.cc).
     void diRefresh(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
@@ -172,7 +182,8 @@ private:
     // The host a connection speaks for after its "peer.hello", or "".
     std::string peerHostOf(const Connection& c) const;
     // The identity a connection acts under: "<host>@PEER" once a peer
-    // greeted, else the connection's own.
+    // greeted, "root@<host>" once a client proved its host key, else the
+    // connection's own.
     std::string identityOf(const Connection& c) const;
     proto::Json peerStatus() const;
 
@@ -214,6 +225,9 @@ private:
                                      const proto::Json& unknownItems);
 
     // Connection limits (RouterLimits.cc).
+    // Counts a new TCP connection from `remote` as waiting to authenticate;
+    // false (logged) when that address has as many waiting as it may.
+    bool admitPending(const Connection& c, const std::string& remote);
     void reclaim(size_t over);
     void housekeeping();
     proto::Json limitsStatus() const;
@@ -285,6 +299,10 @@ private:
         std::vector<uint8_t> theirNonce;
     };
     std::map<uint64_t, PendingHello> hellos_;  // connection -> its greeting
+    // Clients' host-key proofs: the challenges given, the hosts proven.
+    std::map<uint64_t, PendingHello> clientHellos_;
+    std::map<uint64_t, std::string> clientHosts_;
+    std::map<uint64_t, std::string> localAddresses_;  // TCP connection -> address it reached
     std::map<std::string, std::weak_ptr<Connection>> managersByName_;
     std::set<uint64_t> domainSessions_;  // connections whose session is domain-scoped
     // The time stamp (ms) of the newest tables this host has: a copy from
@@ -293,7 +311,8 @@ private:
     std::mutex diStampMu_;  // guards diStamp_; held while a copy is made or taken
     uint64_t diStamp_ = 0;
     std::atomic<uint64_t> peerDelivered_{0}, peerFailed_{0}, peerUnclaimed_{0}, peerReceived_{0},
-        replicated_{0}, replicationsPartial_{0}, refusedPeers_{0}, refusedStamps_{0};
+        replicated_{0}, replicationsPartial_{0}, refusedPeers_{0}, refusedStamps_{0},
+        refusedClientProofs_{0};
 
     // The heartbeat (RouterHeartbeat.cc).
     mutable std::mutex hbMu_;  // guards hb_, selfAddresses_, nextBeat_
@@ -306,6 +325,7 @@ private:
 
     // Connection limits (RouterLimits.cc).
     BufferBudget budget_;
+    PendingLimit pending_;
     std::mutex housekeepingMu_;  // guards housekeeping_, hbTimer_
     std::unique_ptr<asio::steady_timer> housekeeping_;
     std::unique_ptr<asio::steady_timer> hbTimer_;

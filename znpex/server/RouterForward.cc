@@ -6,6 +6,7 @@
 #include "znpex/proto/NotifyMessages.h"
 #include "znpex/proto/RequestCodec.h"
 #include "znpex/proto/ServiceMessages.h"
+#include "znpex/server/EnrollmentGate.h"
 #include "znpex/server/PeerMessages.h"
 #include "znpex/server/Router.h"
 #include "znpex/server/ServiceErrors.h"
@@ -106,7 +107,10 @@ void Router::forward(const std::shared_ptr<Connection>& c, const RpcMessage& m,
         identity = user->get<std::string>() + "@" + host;
     }
     auto rules = acl_.rules();
-    if (!isAllowed(*rules, identity, cls, info.target, info.access)) {
+    bool gated =
+        identity == proto::kUnauthenticated &&
+        !openBeforeAuthentication(info, request, registry_.classActionName(cls, request.actionId));
+    if (gated || !isAllowed(*rules, identity, cls, info.target, info.access)) {
         denied_.fetch_add(1);
         replyFailure(c, m.id, proto::kPermissionDenied, *permissionDenied(identity, m.method, cls));
         return;

@@ -3,7 +3,8 @@
 // its requests stop being read while its answers wait; all connections
 // share one budget of buffered bytes, and when it runs out the oldest
 // holders go first, unauthenticated ones before the rest. Memory that slow
-// callers leave behind is handed back to the system.
+// callers leave behind is handed back to the system. One address may keep
+// only so many connections waiting to authenticate.
 #include <algorithm>
 #include <vector>
 
@@ -42,6 +43,20 @@ ConnectionLimits Router::limitsFor(Transport transport, bool authenticated, bool
     // Any other caller waits while 16 MiB of its answers are unread.
     l.pauseReadingAbove = manager ? 0 : (16u << 20);
     return l;
+}
+
+bool Router::admitPending(const Connection& c, const std::string& remote) {
+    if (pending_.admit(c.id(), remote)) {
+        return true;
+    }
+    // A source opening connections by the thousand: one line in a thousand.
+    if ((pending_.refused() - 1) % 1000 == 0) {
+        serviceLog(
+            "refusing connections from %s: %zu of its connections are waiting to "
+            "authenticate already (the limit per address)",
+            remote.c_str(), pending_.limit());
+    }
+    return false;
 }
 
 void Router::reclaim(size_t over) {
@@ -150,6 +165,8 @@ void Router::noteClosed(const Connection& c) {
 Json Router::limitsStatus() const {
     return Json{{"held", budget_.held()},
                 {"budget", budget_.limit()},
+                {"pendingPerAddress", pending_.limit()},
+                {"refusedPending", pending_.refused()},
                 {"closed",
                  {{"readTimeout", closedForReadTimeout_.load()},
                   {"idle", closedForIdle_.load()},

@@ -23,6 +23,7 @@
 #include "znhas/sec_proof.h"
 #include "znhas/znhas.h"
 #include "znpex/di/DiCodec.h"
+#include "znpex/proto/ClientAuth.h"
 #include "znpex/proto/HeartbeatReport.h"
 #include "znpex/proto/ProtocolError.h"
 #include "znpex/proto/ServiceMessages.h"
@@ -188,8 +189,13 @@ std::string Router::peerHostOf(const Connection& c) const {
 }
 
 std::string Router::identityOf(const Connection& c) const {
-    std::string host = peerHostOf(c);
-    return host.empty() ? c.identity() : host + "@PEER";
+    if (std::string host = peerHostOf(c); !host.empty()) {
+        return host + "@PEER";
+    }
+    if (std::string host = clientHostOf(c); !host.empty()) {
+        return std::string(proto::kHostKeyUser) + "@" + host;
+    }
+    return c.identity();
 }
 
 std::string Router::ownName(const std::string& name) const {
@@ -229,7 +235,8 @@ void Router::peerHello(const std::shared_ptr<Connection>& c, const RpcMessage& m
         if (it != tcpAddresses_.end()) {
             remote = it->second;
         }
-        greeted = peerHosts_.count(c->id()) != 0 || hellos_.count(c->id()) != 0;
+        greeted = peerHosts_.count(c->id()) != 0 || hellos_.count(c->id()) != 0 ||
+                  clientHosts_.count(c->id()) != 0 || clientHellos_.count(c->id()) != 0;
     }
     // Trust rests on the key alone: where the connection comes from and what
     // the node table says prove nothing, since any local user can bind an
@@ -308,6 +315,7 @@ void Router::peerProve(const std::shared_ptr<Connection>& c, const RpcMessage& m
         peerHosts_[c->id()] = hello.host;
     }
     c->authenticate(limitsFor(Transport::Tcp, true, false));
+    pending_.release(c->id());
     r.identity = hello.host + "@PEER";
     r.host = peers_->self().host;
     r.nodeId = peers_->self().nodeId;

@@ -1,9 +1,10 @@
 // The service's own methods: sessions, the class list, the access list
-// refresh, the TCP handshake slot and the status report.
+// refresh and the status report.
 #include <ctime>
 
 #include "znpex/proto/ClassDefCodec.h"
 #include "znpex/proto/ServiceMessages.h"
+#include "znpex/server/EnrollmentGate.h"
 #include "znpex/server/Router.h"
 #include "znpex/server/ServiceErrors.h"
 #include "znpex/server/ServiceLog.h"
@@ -58,9 +59,12 @@ void Router::sessionEnd(const std::shared_ptr<Connection>& c, const RpcMessage& 
 void Router::classList(const std::shared_ptr<Connection>& c, const RpcMessage& m) {
     auto rules = acl_.rules();
     Json out = Json::array();
+    const std::string identity = identityOf(*c);
     for (ClassEntry& e : registry_.classes()) {
-        // Describing a class is reading it.
-        if (!isAllowed(*rules, identityOf(*c), e.def.name, OpTarget::Class, OpAccess::Read)) {
+        // Describing a class is reading it. Before authenticating, a caller
+        // sees only the class it may ask to be managed through.
+        if (!isAllowed(*rules, identity, e.def.name, OpTarget::Class, OpAccess::Read) ||
+            (identity == proto::kUnauthenticated && e.def.name != kEnrollmentClass)) {
             continue;
         }
         proto::ClassInfo info;
@@ -80,12 +84,6 @@ void Router::refreshAcl(const std::shared_ptr<Connection>& c, const RpcMessage& 
     }
     AclStore::Status s = acl_.status();
     replyResult(c, m.id, Json{{"ok", true}, {"stanzas", s.stanzas}, {"entries", s.entries}});
-}
-
-void Router::authHello(const std::shared_ptr<Connection>& c, const RpcMessage& m) {
-    proto::HelloResult r;
-    r.identity = identityOf(*c);  // no methods for clients yet: hosts prove with peer.hello
-    replyResult(c, m.id, proto::encodeHello(r));
 }
 
 bool Router::reloadAcl(std::string* why) {

@@ -55,6 +55,10 @@ int main(int argc, char** argv) {
         ->capture_default_str();
     app.add_option("--max-connections", opts.router.maxConnections, "Open connections at most")
         ->capture_default_str();
+    app.add_option("--max-pending-per-address", opts.router.maxPendingPerAddress,
+                   "TCP connections from one address that have not authenticated yet, at most "
+                   "(0: no limit)")
+        ->capture_default_str();
     unsigned peerTimeoutMs = 3000;
     unsigned peerBackoffMaxMs = 30000;
     app.add_option("--host-name", opts.router.hostName,

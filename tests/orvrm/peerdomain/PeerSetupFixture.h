@@ -30,9 +30,10 @@ protected:
         const passwd* pw = getpwuid(geteuid());
         std::string me = pw != nullptr ? pw->pw_name : "root";
         for (size_t i = 0; i < hosts_.size(); ++i) {
-            // The daemon reaches other hosts over TCP (unauthenticated) and
-            // through host 1's domain session (as <user>@127.0.0.1).
-            writeAcl(i, "\tUNAUTHENT\t* rw\n\t" + me + "@127.0.0.1\t* rw\n\t" + me +
+            // The daemon reaches other hosts over TCP proving host 1's key
+            // (root@127.0.0.1) and through host 1's domain session (as
+            // <user>@127.0.0.1).
+            writeAcl(i, "\troot@127.0.0.1\t* rw\n\t" + me + "@127.0.0.1\t* rw\n\t" + me +
                             "@LOCALHOST\t* rw\n");
         }
         ASSERT_TRUE(startAll());
@@ -41,6 +42,8 @@ protected:
         }
         setenv("ZNPEX_PORT", std::to_string(port_).c_str(), 1);
         setenv("ZN_ROOT", hosts_[0].root.c_str(), 1);
+        // Host 1's key is under its root: TCP sessions prove they run there.
+        px_set_client_host("127.0.0.1");
         px_set_default_timeouts(2000, 3000);
         zn::setProcessClock(&clock_);
         newScriptedHosts();
@@ -58,6 +61,7 @@ protected:
         scripted_.clear();
         zn::setProcessClock(nullptr);
         unsetenv("ZNPEX_PORT");
+        px_set_client_host(nullptr);
         px_set_default_timeouts(5000, 30000);
     }
 
