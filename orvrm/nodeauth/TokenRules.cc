@@ -180,8 +180,13 @@ bool NodeAuthenticateRccp::mayStoreUnder(const std::string& name, uint64_t unive
 int NodeAuthenticateRccp::storeTokens(const char* hostname, uint64_t universalId,
                                       const std::vector<std::string>& extraNames,
                                       sec_buffer_s token, std::string* failedName) {
+    // The host name first: a request that may not use it stores nothing.
+    if (!mayStoreUnder(hostname, universalId, token)) {
+        *failedName = hostname;
+        return ZNHAS_E_ACCESS;
+    }
     for (const std::string& name : extraNames) {
-        if (!mayStoreUnder(name, universalId, token)) {
+        if (strcasecmp(name.c_str(), hostname) == 0 || !mayStoreUnder(name, universalId, token)) {
             continue;
         }
         int rc = sec_store_host_token(name.c_str(), &token);
@@ -190,10 +195,6 @@ int NodeAuthenticateRccp::storeTokens(const char* hostname, uint64_t universalId
             return rc;
         }
         owners_.setOwner(name, universalId);
-    }
-    if (!mayStoreUnder(hostname, universalId, token)) {
-        *failedName = hostname;
-        return ZNHAS_E_ACCESS;
     }
     int rc = sec_store_host_token(hostname, &token);
     if (rc != 0) {

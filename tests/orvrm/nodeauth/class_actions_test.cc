@@ -193,6 +193,7 @@ TEST_F(NodeAuthTest, AccessEntriesAreGrantedAndWithdrawnOnSignedRequests) {
         const char* message;
     };
     zn::SdPtr three = aclInput(kNode, 0x11, frameKey_);
+    zn_value_free(three->elements[3].data_type, three->elements[3].value);
     three->element_count = 3;
     Refusal refusals[] = {
         {"three elements", std::move(three), 0x18000, "2655-200"},

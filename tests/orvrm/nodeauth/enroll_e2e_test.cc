@@ -77,6 +77,15 @@ protected:
     px_session_t session_ = nullptr;
 };
 
+TEST_F(Enrollment, TheClassOpensItselfToEveryCallerInTheServicesList) {
+    std::string acl = daemonstest::readFile(root_.path() + zn::paths::kAclFile);
+    size_t stanza = acl.find("\nKor.NodeAuthenticate\n");
+    ASSERT_NE(stanza, std::string::npos) << acl;
+    EXPECT_NE(acl.find("UNAUTHENT\tC rw", stanza), std::string::npos) << acl;
+    EXPECT_NE(acl.find("*\tC rw # Everyone has access to the class", stanza), std::string::npos)
+        << acl;
+}
+
 TEST_F(Enrollment, SignedRequestThroughTheServiceGivesAManagedNode) {
     WEX_COMMON::NodeRequestSpec spec;
     spec.protocol = 512;

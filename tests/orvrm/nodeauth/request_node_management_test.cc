@@ -102,8 +102,11 @@ TEST_F(NodeAuthTest, RefusalsCarryTheirMessageAndDefineNothing) {
     };
     const Case cases[] = {
         {"no input", [](NodeAuthTest&) { return zn::SdPtr(); }, 266, "2655-028"},
-        {"five elements", edit([](zn_structured_data& rq) { rq.element_count = 5; }), 266,
-         "2655-028"},
+        {"five elements", edit([](zn_structured_data& rq) {
+             zn_value_free(rq.elements[5].data_type, rq.elements[5].value);
+             rq.element_count = 5;
+         }),
+         266, "2655-028"},
         {"id as an INT64",
          edit([](zn_structured_data& rq) { rq.elements[3].data_type = ZN_INT64; }), 266,
          "2655-029"},

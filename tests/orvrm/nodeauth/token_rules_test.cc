@@ -39,9 +39,14 @@ TEST_F(NodeAuthTest, HostNameOfAnotherNodeRefusesTheRequest) {
     ASSERT_FALSE(request(spec(512, "nodeb.example", 0xB)).error);
     std::vector<uint8_t> before = storedToken("nodeb.example");
     // A request (validly signed: the frame's key is shared) naming B's host
-    // with another id: B's node answers for that name.
-    RMReply r = request(spec(512, "nodeb.example", 0xC));
-    ASSERT_TRUE(r.error);
+    // with another id: B's node answers for that name, and none of the
+    // request's other names is stored either.
+    WEX_COMMON::NodeRequestSpec c = spec(512, "nodeb.example", 0xC);
+    c.ownNames = {"nodec"};
+    RMReply r = request(c);
+    EXPECT_EQ(classtest::errorId(r.error), 267);
+    EXPECT_NE(classtest::errorText(r.error).find("2655-040"), std::string::npos);
+    EXPECT_TRUE(storedToken("nodec").empty());
     EXPECT_EQ(storedToken("nodeb.example"), before);
     EXPECT_EQ(nodeCount(), 1u);
 }
