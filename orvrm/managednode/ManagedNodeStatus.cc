@@ -89,6 +89,14 @@ void ManagedNodeRccp::pexHearbeatMsgCB(uint64_t nodeId, int heartbeat) {
         return;
     }
     node->setHeartbeat(static_cast<uint32_t>(heartbeat));
+    // On the console a node whose partition is not active and which stopped
+    // beating leaves the cluster by itself.
+    if (onConsole_ && heartbeat == 0 && node->getPowerStatus() == 0) {
+        zn_resource_handle handle = *node->getResourceHandle();
+        node->unreserve();
+        cu_rel_error_1(removeResource(handle, 0));
+        return;
+    }
     node->unreserve();
 }
 
