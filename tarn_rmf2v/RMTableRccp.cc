@@ -61,6 +61,9 @@ const rm_attribute_value* RMTableRccp::DefineRow::find(int id) const {
 RMTableRccp::RMTableRccp(const char* className, rm_object_type type, RMRmcp* rmcp,
                          const RMClassSpec& spec, Options options)
     : RMRccp(className, type, rmcp), spec_(spec), options_(options) {
+    if (options_.entered != nullptr) {
+        options_.entered();
+    }
     spec_.check();
     setClassDef(spec_.classDef());
     tarn_rmf::RMTree* tree = rmcp != nullptr ? rmcp->getTree() : nullptr;

@@ -54,6 +54,9 @@ public:
         // cannot be made ("new <rcpName>" in "<defineFunction>").
         const char* rcpName = "RMTableRcp";
         const char* defineFunction = "defineResource";
+        // Called once the class object's base stands, before its tables are
+        // opened: where a class writes its entry trace.
+        void (*entered)() = nullptr;
     };
 
     // Opens the class's tables on the control point's registry tree (throws

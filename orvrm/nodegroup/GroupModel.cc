@@ -187,10 +187,15 @@ void GroupModel::setMembers(GroupRecord& g, NameList members) {
 }
 
 void GroupModel::setSelectStr(GroupRecord& g, std::string selectStr) {
-    if (selectStr != g.selectStr) {
-        g.selectStr = std::move(selectStr);
-        g.stale = true;
+    if (selectStr == g.selectStr) {
+        return;
     }
+    g.selectStr = std::move(selectStr);
+    g.stale = true;
+    // Containers take a selection group's stored list and any other group's
+    // member list: which of the two they take may have changed, and a group
+    // whose selection was cleared is no longer marked by setExpanded.
+    markContainersStale(g.name);
 }
 
 void GroupModel::setName(GroupRecord& g, std::string name) {

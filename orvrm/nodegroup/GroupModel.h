@@ -64,7 +64,7 @@ public:
     // Mirror of a write. A new member list makes the group and the groups
     // containing it stale when it differs from the old one.
     void setMembers(GroupRecord& g, NameList members);
-    // A new selection makes the group stale.
+    // A new selection makes the group and the groups containing it stale.
     void setSelectStr(GroupRecord& g, std::string selectStr);
     // A new name: groups that named it before it existed become stale.
     void setName(GroupRecord& g, std::string name);

@@ -48,7 +48,7 @@ zn::OwnedValue stringArray(const NameList& names) {
     return out;
 }
 
-bool hasDuplicates(const NameList& names) {
+bool checkForDuplicateStrings(const NameList& names) {
     std::unordered_set<std::string_view> seen;
     seen.reserve(names.size());
     for (const std::string& n : names) {
@@ -59,7 +59,8 @@ bool hasDuplicates(const NameList& names) {
     return false;
 }
 
-bool difference(const NameList& before, const NameList& now, NameList* added, NameList* removed) {
+bool getDifference(const NameList& before, const NameList& now, NameList* added,
+                   NameList* removed) {
     if (before == now) {
         if (added != nullptr) {
             added->clear();

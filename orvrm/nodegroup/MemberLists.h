@@ -20,13 +20,13 @@ NameList namesOf(const zn_array* array);
 // A new string array holding copies of the names; throws std::bad_alloc.
 zn::OwnedValue stringArray(const NameList& names);
 
-// True when two entries are equal (checkForDuplicateStrings).
-bool hasDuplicates(const NameList& names);
+// True when two entries are equal; an empty list has no duplicates.
+bool checkForDuplicateStrings(const NameList& names);
 
 // The entries of `now` are matched one for one against `before` (the first
 // equal entry not yet matched): what is left of `now` is `added` (in its
 // order), what is left of `before` is `removed` (in its order). True when
 // anything is left, so two lists that differ only in order do not differ.
-bool difference(const NameList& before, const NameList& now, NameList* added, NameList* removed);
+bool getDifference(const NameList& before, const NameList& now, NameList* added, NameList* removed);
 
 }  // namespace orvrm

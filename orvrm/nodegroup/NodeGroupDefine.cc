@@ -2,6 +2,7 @@
 // selection must meet (also applied by changes and by AddMembers).
 #include <cstring>
 #include <deque>
+#include <optional>
 #include <unordered_set>
 
 #include "orvrm/ORVRMLog.h"
@@ -56,7 +57,7 @@ cu_error_t* NodeGroupRccp::checkDefineValue(const tarn_rmf2v::RMAttrSpec& attr,
         case kNgValidateNodes:
             return value.rm_value.val_uint32 > 1 ? pkg_error(260, 14, kDefineOp, 0) : nullptr;
         case kNgMemberList:
-            return hasDuplicates(namesOf(value.rm_value.ptr_array))
+            return checkForDuplicateStrings(namesOf(value.rm_value.ptr_array))
                        ? pkg_error(261, 15, kDefineOp, 0)
                        : nullptr;
         case kNgSelectStr:
@@ -111,20 +112,32 @@ void NodeGroupRccp::defineResource(tarn_rmf2v::RMDefineResourceResponse* rsp, zn
         rsp->done(nullptr, r.error.get());
         return;
     }
+    // The model takes the row as soon as it is written, so that the two
+    // agree whatever fails after.
     std::string name;
+    GroupRecord* g = nullptr;
     try {
-        resourceTable()->sync();
-        GroupRecord& g = model_.add(rowOf(r.handle), 0);
-        name = g.name;
-        if (g.hasSelect()) {
-            selectionChanged(g);
+        g = &model_.add(rowOf(r.handle), 0);
+        name = g->name;
+        g->stale = true;  // until its expanded list is written
+    } catch (std::exception& e) {
+        cu_error_t* err = tarn_rmf::RMMapExceptionToError(e);
+        orvrmlog_error("NodeGroupRccp::defineResource", err);
+        cu_rel_error_1(err);
+    }
+    tableSync();
+    try {
+        if (g != nullptr && g->hasSelect()) {
+            selectionChanged(*g);
         }
-        NameList list;
-        if (expand(g, g.hasSelect(), list)) {
-            writeExpanded(g, std::move(list), nullptr, nullptr);
-            g.stale = false;
-        } else {
-            g.stale = true;  // the next recomputation tries again
+        NodeGroupRcp* rcp = g != nullptr ? rcpOf(*g) : nullptr;
+        std::optional<NameList> list;
+        if (rcp != nullptr) {
+            list = rcp->retExpandedMemberList(g->hasSelect());
+        }
+        if (list) {
+            writeExpanded(*g, std::move(*list), nullptr, nullptr);
+            g->stale = false;
         }
     } catch (std::exception& e) {
         // The group stands; its list follows with the next recomputation.
@@ -152,14 +165,7 @@ void NodeGroupRccp::resourceRemoved(tarn_rmf2v::RMTableRcp* rcp) {
         index_->dropSelection(g->row);
         model_.remove(g->handle);
     }
-    try {
-        resourceTable()->sync();
-    } catch (std::exception& e) {
-        // The row is gone from the table; making it durable waits for the next sync.
-        cu_error_t* err = tarn_rmf::RMMapExceptionToError(e);
-        orvrmlog_error("NodeGroupRccp::undefineResources", err);
-        cu_rel_error_1(err);
-    }
+    tableSync();
     removeNodeGroupPEXD(name.c_str());
 }
 

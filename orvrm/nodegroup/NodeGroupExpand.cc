@@ -15,8 +15,13 @@
 namespace orvrm {
 
 bool NodeGroupRccp::expand(const GroupRecord& g, bool live, NameList& out) {
-    return expansion() == Expansion::Rescan ? expandRescan(g, live, out)
-                                            : expandIndexed(g, live, out);
+    if (expansion() == Expansion::Rescan) {
+        return expandRescan(g, live, out);
+    }
+    if (live && g.hasSelect()) {
+        syncNodes();  // a live selection sees every node change so far
+    }
+    return expandIndexed(g, live, out);
 }
 
 bool NodeGroupRccp::expandIndexed(const GroupRecord& g, bool live, NameList& out) {
@@ -151,7 +156,7 @@ int NodeGroupRccp::updateExpMemList(GroupRecord& g, bool reportConfig, bool repo
         return -1;
     }
     NameList added, removed;
-    if (!difference(g.expanded, now, &added, &removed)) {
+    if (!getDifference(g.expanded, now, &added, &removed)) {
         g.stale = false;
         return 0;
     }

@@ -40,8 +40,12 @@ void NodeGroupRccp::runTableSync(void* tag) {
         return;
     }
     tarn_rmf2v::lockRccp guard(self);
+    self->tableSync();
+}
+
+void NodeGroupRccp::tableSync() {
     try {
-        self->resourceTable()->sync();
+        resourceTable()->sync();
     } catch (std::exception& e) {
         cu_error_t* err = tarn_rmf::RMMapExceptionToError(e);
         orvrmlog_error("NodeGroupRccp::tableSync", err);

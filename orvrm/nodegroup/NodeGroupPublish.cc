@@ -3,6 +3,7 @@
 // (operation 1), one group added or replaced (2), one removed (4). Each
 // transaction runs under the control point's distributed-information
 // mutex; a refresh result of 0 or 8 is success, anything else is traced.
+// An entry the table refuses at start is traced and left out.
 #include <mutex>
 
 #include "orvrm/ORVRMLog.h"
@@ -17,8 +18,9 @@ bool refreshed(int rc) {
     return rc == DI_OK || rc == DI_EPARTIAL;
 }
 
-// The entries' strings as the table calls take them (not copies).
-std::vector<char*> getNodeList(const NameList& names) {
+}  // namespace
+
+std::vector<char*> NodeGroupRccp::getNodeList(const NameList& names) {
     std::vector<char*> out;
     out.reserve(names.size());
     for (const std::string& n : names) {
@@ -27,7 +29,10 @@ std::vector<char*> getNodeList(const NameList& names) {
     return out;
 }
 
-}  // namespace
+const NameList* NodeGroupRccp::getExpMemList(const char* name) {
+    const GroupRecord* g = model_.find(name != nullptr ? name : "");
+    return g != nullptr ? &g->expanded : nullptr;
+}
 
 void NodeGroupRccp::sendAllNodeGroupsPEXD() {
     std::lock_guard<std::mutex> g(orvrmcp_->diMutex());
@@ -48,9 +53,9 @@ void NodeGroupRccp::sendAllNodeGroupsPEXD() {
         rc = di_ngn_table_entry_1(t, group.name.c_str(), names.data(),
                                   static_cast<unsigned int>(names.size()));
         if (rc != DI_OK) {
+            // One refused entry (an old row without a name) keeps only
+            // itself out of the table.
             orvrminfo_trace("sendAllNodeGroupsPEXD::di_ngn_table_entry err rc %d", rc);
-            di_free_table_1(t);
-            return;
         }
     }
     rc = di_refresh_table_1(t);
@@ -84,9 +89,9 @@ int NodeGroupRccp::updatePEXNGInfo(di_table_op_t op, const char* name, char** na
 }
 
 void NodeGroupRccp::addNodeGroupPEXD(const char* name) {
-    const GroupRecord* g = model_.find(name != nullptr ? name : "");
-    NameList none;
-    std::vector<char*> names = getNodeList(g != nullptr ? g->expanded : none);
+    const NameList none;
+    const NameList* list = getExpMemList(name);
+    std::vector<char*> names = getNodeList(list != nullptr ? *list : none);
     updatePEXNGInfo(DI_TABLE_UPDATE, name, names.data(), static_cast<unsigned int>(names.size()));
 }
 

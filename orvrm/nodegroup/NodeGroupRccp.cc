@@ -24,6 +24,8 @@ tarn_rmf2v::RMTableRccp::Options options() {
     o.classCode = findClass(kNodeGroupClass)->handleCode;
     o.rcpName = "NodeGroupRcp";
     o.defineFunction = "NodeGroupRccp::DefineResource";
+    // Before the tables are opened, so that a start that fails there is seen.
+    o.entered = [] { traceRecord(0x53, "NodeGroupRccp::NodeGroupRccp entered"); };
     return o;
 }
 
@@ -37,7 +39,6 @@ cu_error_t* common(int id, const char* a, const char* b = nullptr) {
 
 NodeGroupRccp::NodeGroupRccp(char* className, rm_object_type type, ORVRMRmcp* rmcp)
     : OrvTableRccp(className, type, rmcp, nodeGroupSpec(), options()), orvrmcp_(rmcp) {
-    traceRecord(0x53, "NodeGroupRccp::NodeGroupRccp entered");
     loadResources();
     // Lookups by name are the class's most frequent query.
     resourceTable()->createIndex("Name");

@@ -110,6 +110,10 @@ public:
     // the class lock held.
     void scheduleUpdateExpMemList();
     void scheduleTableSync();
+    // Syncs the group table (class lock held). A failure is logged and
+    // nothing else: what was written stays in the table and the model, and
+    // a later sync makes it durable.
+    void tableSync();
     tarn_rmf2v::RMSchedule& schedule() { return *schedule_; }
 
     // NodeGroupHooks: the managed-node class's news.
@@ -118,6 +122,14 @@ public:
     void nodeDelOrChangeCB(const char* oldName, const char* newName) override;
     void nodeAdded(const char* hostname) override;
     void nodeChanged(const char* hostname) override;
+
+    // The stored expanded list of the group of this name; null unless
+    // exactly one group has it. Valid while the class lock is held and the
+    // group unchanged.
+    const NameList* getExpMemList(const char* name);
+    // The entries' strings as the table calls take them (not copies; the
+    // count is the size).
+    static std::vector<char*> getNodeList(const NameList& names);
 
     // Publication to the node-group table (operations 1, 2 and 4).
     void sendAllNodeGroupsPEXD();
@@ -128,6 +140,11 @@ public:
 
     // For the resources (class lock held).
     GroupModel& model() { return model_; }
+    // The expansion of a group (its own selection live when `live`, seeing
+    // every node change reported so far): indexed from memory, or
+    // straightforward. False when a contained group is not found exactly
+    // once or the live selection does not hold.
+    bool expand(const GroupRecord& g, bool live, NameList& out);
     // Writes a group's member list or expanded list, and mirrors it.
     void writeMembers(GroupRecord& g, const NameList& members);
     // The group's resource control point (null when gone).
@@ -160,8 +177,6 @@ private:
     void queueUpdateExpMemList();
     void queueTableSync();
 
-    // The expansion of a group: indexed from memory, or straightforward.
-    bool expand(const GroupRecord& g, bool live, NameList& out);
     bool expandIndexed(const GroupRecord& g, bool live, NameList& out);
     bool expandRescan(const GroupRecord& g, bool live, NameList& out);
     int cyclicRescan(const char* group, const char* candidate);

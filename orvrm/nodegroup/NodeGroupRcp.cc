@@ -44,7 +44,15 @@ void NodeGroupRcp::notifyPersistent(int id, const zn_value_t& value) {
         return;
     }
     rm_attribute_value v{id, spec().persistent.byId(id)->type, value};
-    notifyPersistentResourceAttrsModified(&v, 1);
+    try {
+        notifyPersistentResourceAttrsModified(&v, 1);
+    } catch (std::exception& e) {
+        // What it announces is written: a lost notice neither undoes it nor
+        // keeps what follows from running.
+        cu_error_t* err = tarn_rmf::RMMapExceptionToError(e);
+        orvrmlog_error("NodeGroupRcp::notifyPersistent", err);
+        cu_rel_error_1(err);
+    }
 }
 
 void NodeGroupRcp::notifyPersistent(int id, const NameList& value) {
@@ -128,10 +136,10 @@ void NodeGroupRcp::invokeAction(tarn_rmf2v::RMActionResponse* rsp, int actionId,
             returnMembers(rsp);
             return;
         case kNgAddMembers:
-            changeMembers(rsp, input, true);
+            addMembers(rsp, input);
             return;
         case kNgRemMembers:
-            changeMembers(rsp, input, false);
+            remMembers(rsp, input);
             return;
         default: {
             orvrminfo_trace("invokeAction: action %d is not known", actionId);
@@ -153,6 +161,53 @@ void NodeGroupRcp::returnMembers(tarn_rmf2v::RMActionResponse* rsp) {
     }
 }
 
+GroupRecord* NodeGroupRcp::record() {
+    return groupRccp()->model().find(*getResourceHandle());
+}
+
+int NodeGroupRcp::gone(const char* op, cu_error_t** err) {
+    cu_error_t* e = pkg_error(265, 25, op, 0, op);
+    if (err != nullptr) {
+        *err = e;
+    } else {
+        cu_rel_error_1(e);
+    }
+    return -1;
+}
+
+std::optional<NameList> NodeGroupRcp::retExpandedMemberList(bool live) {
+    const GroupRecord* g = record();
+    NameList out;
+    if (g == nullptr || !groupRccp()->expand(*g, live, out)) {
+        return std::nullopt;
+    }
+    return out;
+}
+
+int NodeGroupRcp::containsNG() {
+    const GroupRecord* g = record();
+    return g != nullptr && g->nests() ? 1 : 0;
+}
+
+int NodeGroupRcp::isMemListAttrSet(cu_error_t** err) {
+    const GroupRecord* g = record();
+    return g == nullptr ? gone("isMemListAttrSet", err) : g->hasMembers() ? 1 : 0;
+}
+
+int NodeGroupRcp::isSelectStrAttrSet(cu_error_t** err) {
+    const GroupRecord* g = record();
+    return g == nullptr ? gone("isSelectStrAttrSet", err) : g->hasSelect() ? 1 : 0;
+}
+
+int NodeGroupRcp::isValidateMembersSet(cu_error_t** err) {
+    const GroupRecord* g = record();
+    return g == nullptr ? gone("isValidateMembersSet", err) : g->validate == 1 ? 1 : 0;
+}
+
+int NodeGroupRcp::strInList(const std::string& s, const NameList& list) {
+    return std::find(list.begin(), list.end(), s) != list.end() ? 1 : 0;
+}
+
 void NodeGroupRcp::membershipChanged(GroupRecord& g) {
     NodeGroupRccp* c = groupRccp();
     c->updateExpMemList(g, false, true);
@@ -160,6 +215,14 @@ void NodeGroupRcp::membershipChanged(GroupRecord& g) {
     if (c->isMemberofOtherNG(g.name.c_str()) == 1) {
         c->updateExpMemListAllmemListNG(true, true, g.name.c_str());
     }
+}
+
+void NodeGroupRcp::addMembers(tarn_rmf2v::RMActionResponse* rsp, zn_structured_data* input) {
+    changeMembers(rsp, input, true);
+}
+
+void NodeGroupRcp::remMembers(tarn_rmf2v::RMActionResponse* rsp, zn_structured_data* input) {
+    changeMembers(rsp, input, false);
 }
 
 void NodeGroupRcp::changeMembers(tarn_rmf2v::RMActionResponse* rsp, zn_structured_data* input,
@@ -175,7 +238,7 @@ void NodeGroupRcp::changeMembers(tarn_rmf2v::RMActionResponse* rsp, zn_structure
     }
     NodeGroupRccp* c = groupRccp();
     tarn_rmf2v::lockRccp guard(c);
-    GroupRecord* g = c->model().find(*getResourceHandle());
+    GroupRecord* g = record();
     if (g == nullptr) {
         rsp->done(zn::ErrorPtr(common(tarn_rmf::RM_EINVALIDHANDLE, op)).get());
         return;
@@ -185,12 +248,12 @@ void NodeGroupRcp::changeMembers(tarn_rmf2v::RMActionResponse* rsp, zn_structure
     zn::ErrorPtr err;
     if (adding) {
         std::set<std::string> current(g->members.begin(), g->members.end());
-        if (hasDuplicates(given)) {
+        if (checkForDuplicateStrings(given)) {
             err.reset(pkg_error(261, 15, op, 0));
         } else if (std::any_of(given.begin(), given.end(),
                                [&](const std::string& n) { return current.count(n) != 0; })) {
             err.reset(pkg_error(261, 30, op, 0));
-        } else if (g->hasSelect()) {
+        } else if (isSelectStrAttrSet(nullptr) == 1) {
             err.reset(pkg_error(266, 26, op, 0));
         } else {
             cu_error_t* e = nullptr;
@@ -201,7 +264,7 @@ void NodeGroupRcp::changeMembers(tarn_rmf2v::RMActionResponse* rsp, zn_structure
         members = g->members;
         members.insert(members.end(), given.begin(), given.end());
     } else {
-        if (g->hasSelect()) {
+        if (isSelectStrAttrSet(nullptr) == 1) {
             err.reset(pkg_error(266, 26, op, 0));
         }
         std::set<std::string> gone(given.begin(), given.end());

@@ -1,7 +1,8 @@
 // Changing a node group: each value is checked as a define checks it (with
-// the group's own ValidateNodes), then the values are checked together;
-// what passes is written in one change, announced, and followed by the
-// group's new expanded list and its publication under a new name.
+// the group's own ValidateNodes), then the values are checked together; a
+// change that passes is written whole in one write (one refused value
+// refuses it all), announced, and followed by the group's new expanded list
+// and its publication under a new name.
 #include <set>
 
 #include "orvrm/ORVRMLog.h"
@@ -31,7 +32,7 @@ cu_error_t* checkValue(NodeGroupRccp* c, const GroupRecord& g, const rm_attribut
     switch (v.rm_attribute_id) {
         case kNgMemberList: {
             NameList members = namesOf(v.rm_value.ptr_array);
-            if (hasDuplicates(members)) {
+            if (checkForDuplicateStrings(members)) {
                 return pkg_error(261, 15, kSetOp, 0);
             }
             cu_error_t* err = nullptr;
@@ -61,6 +62,36 @@ cu_error_t* checkValue(NodeGroupRccp* c, const GroupRecord& g, const rm_attribut
     }
 }
 
+// Checks every value on its own: the refusal of each (null where it is
+// accepted), and the accepted values in order.
+std::vector<zn::ErrorPtr> checkEach(NodeGroupRccp* c, const GroupRecord& g,
+                                    const tarn_rmf2v::RMAttrTable& attrs,
+                                    const rm_attribute_value* values, unsigned int count,
+                                    std::vector<rm_attribute_value>& accepted) {
+    std::set<int> seen;
+    std::vector<zn::ErrorPtr> refused(count);
+    for (unsigned int i = 0; i < count; ++i) {
+        const rm_attribute_value& v = values[i];
+        const tarn_rmf2v::RMAttrSpec* a = attrs.byId(v.rm_attribute_id);
+        zn::ErrorPtr& err = refused[i];
+        if (a == nullptr) {
+            err.reset(common(tarn_rmf::RM_EINVALIDATTRID, kSetOp));
+        } else if (!seen.insert(a->id).second) {
+            err.reset(pkg_error(0x18004, 2, kSetOp, 0, a->name));
+        } else if (a->readOnly()) {
+            err.reset(common(tarn_rmf::RM_EREADONLYATTR, a->name, kSetOp));
+        } else if (v.rm_data_type != a->type) {
+            err.reset(common(tarn_rmf::RM_EDATATYPE, kSetOp));
+        } else {
+            err.reset(checkValue(c, g, v));
+        }
+        if (!err) {
+            accepted.push_back(v);
+        }
+    }
+    return refused;
+}
+
 // The rules across the accepted values; null accepts.
 cu_error_t* checkTogether(const GroupRecord& g, const std::vector<rm_attribute_value>& accepted) {
     const rm_attribute_value* members = nullptr;
@@ -84,42 +115,62 @@ cu_error_t* checkTogether(const GroupRecord& g, const std::vector<rm_attribute_v
     return nullptr;
 }
 
+// The model takes what was written, as it was written.
+void mirror(GroupModel& model, GroupRecord& g, const std::vector<rm_attribute_value>& written) {
+    for (const rm_attribute_value& v : written) {
+        switch (v.rm_attribute_id) {
+            case kNgMemberList:
+                model.setMembers(g, namesOf(v.rm_value.ptr_array));
+                break;
+            case kNgSelectStr:
+                model.setSelectStr(g, textOf(v));
+                break;
+            case kNgName:
+                model.setName(g, textOf(v));
+                break;
+            default:
+                break;
+        }
+    }
+}
+
+// One step after a change was written; a failure is logged and ends it.
+template <typename Step>
+void afterWrite(Step&& step) {
+    try {
+        step();
+    } catch (std::exception& e) {
+        cu_error_t* err = tarn_rmf::RMMapExceptionToError(e);
+        orvrmlog_error("NodeGroupRcp::setAttributeValues", err);
+        cu_rel_error_1(err);
+    }
+}
+
 }  // namespace
 
 void NodeGroupRcp::setAttributeValues(tarn_rmf2v::RMAttributeIdResponse* rsp,
                                       rm_attribute_value* values, unsigned int count) {
     NodeGroupRccp* c = groupRccp();
     tarn_rmf2v::lockRccp guard(c);
-    GroupRecord* g = c->model().find(*getResourceHandle());
+    GroupRecord* g = record();
     if (g == nullptr) {
         rsp->done(zn::ErrorPtr(common(tarn_rmf::RM_EINVALIDHANDLE, kSetOp)).get());
         return;
     }
-    std::set<int> seen;
     std::vector<rm_attribute_value> accepted;
-    for (unsigned int i = 0; values != nullptr && i < count; ++i) {
-        const rm_attribute_value& v = values[i];
-        const tarn_rmf2v::RMAttrSpec* a = spec().persistent.byId(v.rm_attribute_id);
-        zn::ErrorPtr err;
-        if (a == nullptr) {
-            err.reset(common(tarn_rmf::RM_EINVALIDATTRID, kSetOp));
-        } else if (!seen.insert(a->id).second) {
-            err.reset(pkg_error(0x18004, 2, kSetOp, 0, a->name));
-        } else if (a->readOnly()) {
-            err.reset(common(tarn_rmf::RM_EREADONLYATTR, a->name, kSetOp));
-        } else if (v.rm_data_type != a->type) {
-            err.reset(common(tarn_rmf::RM_EDATATYPE, kSetOp));
-        } else {
-            err.reset(checkValue(c, *g, v));
-        }
-        if (err) {
-            rsp->result(v.rm_attribute_id, err.get());
-        } else {
-            accepted.push_back(v);
-        }
+    std::vector<zn::ErrorPtr> refused =
+        checkEach(c, *g, spec().persistent, values, values != nullptr ? count : 0, accepted);
+    cu_error_t* firstRefusal = nullptr;  // owned by `refused`
+    for (const zn::ErrorPtr& err : refused) {
+        firstRefusal = firstRefusal == nullptr ? err.get() : firstRefusal;
     }
-    zn::ErrorPtr failed(checkTogether(*g, accepted));
-    if (!failed && !accepted.empty()) {
+    zn::ErrorPtr failed;
+    if (firstRefusal == nullptr) {
+        failed.reset(checkTogether(*g, accepted));
+    }
+    std::string oldName = g->name;
+    bool write = firstRefusal == nullptr && !failed && !accepted.empty();
+    if (write) {
         try {
             std::vector<tarn_rmf::RMFieldValue> fields;
             for (const rm_attribute_value& v : accepted) {
@@ -127,56 +178,55 @@ void NodeGroupRcp::setAttributeValues(tarn_rmf2v::RMAttributeIdResponse* rsp,
             }
             c->resourceTable()->changeRow(g->row, fields.data(),
                                           static_cast<unsigned>(fields.size()));
-            c->resourceTable()->sync();
         } catch (std::exception& e) {
             failed.reset(tarn_rmf::RMMapExceptionToError(e));
             orvrmlog_error("NodeGroupRcp::setAttributeValues", failed.get());
         }
+        if (!failed) {
+            mirror(c->model(), *g, accepted);
+            c->tableSync();
+        }
     }
-    for (const rm_attribute_value& v : accepted) {
-        rsp->result(v.rm_attribute_id, failed.get());
+    // In request order: a refused value its own error, the others what
+    // stopped the change (none when it was written).
+    cu_error_t* outcome = firstRefusal != nullptr ? firstRefusal : failed.get();
+    for (unsigned int i = 0; i < refused.size(); ++i) {
+        rsp->result(values[i].rm_attribute_id, refused[i] ? refused[i].get() : outcome);
     }
-    if (failed || accepted.empty()) {
+    if (!write || failed) {
         rsp->done(nullptr);
         return;
     }
-    // Mirror what was written, then tell.
-    std::string oldName = g->name;
+    // Then what follows the change. A step that fails is logged and the
+    // others still run: the change stands, and what is left undone follows
+    // with the next recomputation.
     bool membership = false;
-    bool renamed = false;
+    bool selection = false;
     for (const rm_attribute_value& v : accepted) {
-        switch (v.rm_attribute_id) {
-            case kNgMemberList:
-                c->model().setMembers(*g, namesOf(v.rm_value.ptr_array));
-                membership = true;
-                break;
-            case kNgSelectStr:
-                c->model().setSelectStr(*g, textOf(v));
-                c->selectionChanged(*g);
-                membership = true;
-                break;
-            case kNgName:
-                renamed = g->name != textOf(v);
-                c->model().setName(*g, textOf(v));
-                break;
-            default:
-                break;
-        }
-        notifyPersistent(v.rm_attribute_id, v.rm_value);
+        membership =
+            membership || v.rm_attribute_id == kNgMemberList || v.rm_attribute_id == kNgSelectStr;
+        selection = selection || v.rm_attribute_id == kNgSelectStr;
     }
-    try {
+    afterWrite([&] {
+        if (selection) {
+            c->selectionChanged(*g);
+        }
+    });
+    afterWrite([&] {
+        for (const rm_attribute_value& v : accepted) {
+            notifyPersistent(v.rm_attribute_id, v.rm_value);
+        }
+    });
+    afterWrite([&] {
         if (membership) {
             membershipChanged(*g);
         }
-        if (renamed) {
+    });
+    afterWrite([&] {
+        if (g->name != oldName) {
             c->updateNodeGroupPEXD(g->name.c_str(), oldName.c_str());
         }
-    } catch (std::exception& e) {
-        // The change stands; the expanded list follows with the next recomputation.
-        cu_error_t* err = tarn_rmf::RMMapExceptionToError(e);
-        orvrmlog_error("NodeGroupRcp::setAttributeValues", err);
-        cu_rel_error_1(err);
-    }
+    });
     rsp->done(nullptr);
 }
 

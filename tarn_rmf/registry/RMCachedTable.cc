@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "tarn_rmf/registry/RMStoreFault.h"
 #include "tarn_rmf/registry/RMTableError.h"
 
 namespace tarn_rmf {
@@ -60,6 +61,7 @@ RMCachedTable::~RMCachedTable() {
 }
 
 void RMCachedTable::load(bool classTable, const char* filter) {
+    RMCheckStoreFault(path_, RMStoreStep::kOpen);
     RMRegistryDb::Txn txn(*db_);
     bool existed = false;
     std::string stored;
@@ -132,6 +134,7 @@ void RMCachedTable::load(bool classTable, const char* filter) {
 void RMCachedTable::setSyncMode(unsigned mode) {
     std::lock_guard<std::mutex> lock(writer_);
     if (mode != 0 && !pending_.empty()) {
+        RMCheckStoreFault(path_, RMStoreStep::kWrite);
         writePending(false);
     }
     syncMode_ = mode != 0 ? 1 : 0;
@@ -149,6 +152,7 @@ size_t RMCachedTable::pendingCount() const {
 
 void RMCachedTable::sync() {
     std::lock_guard<std::mutex> lock(writer_);
+    RMCheckStoreFault(path_, RMStoreStep::kSync);
     writePending(true);
     db_->checkpoint();
 }

@@ -11,6 +11,7 @@
 // committed to the tree's store so far, by any table, survives a power loss
 // or an operating-system crash, not only the death of the process.
 // A crash never leaves part of a change behind (one change = one transaction).
+// Tests make the store refuse a step with RMStoreFault.h.
 //
 // Locks: writer_ (one change at a time, held across its store commit) is
 // taken before state_ (shared by readers, exclusive only while a committed

@@ -4,6 +4,7 @@
 #include <unordered_set>
 
 #include "tarn_rmf/registry/RMCachedTable.h"
+#include "tarn_rmf/registry/RMStoreFault.h"
 #include "tarn_rmf/registry/RMTableError.h"
 #include "tarn_rmf/registry/RMValueCodec.h"
 
@@ -267,6 +268,7 @@ void RMCachedTable::checkKeys(const std::vector<RMRowPtr>& olds,
 void RMCachedTable::apply(const std::vector<RMRowPtr>& olds, const std::vector<RMRowPtr>& news) {
     checkKeys(olds, news);
     if (syncMode_ == 1) {
+        RMCheckStoreFault(path_, RMStoreStep::kWrite);
         RMRegistryDb::Txn txn(*db_);
         for (size_t i = 0; i < news.size(); ++i) {
             if (news[i] != nullptr) {

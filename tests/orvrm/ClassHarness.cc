@@ -1,6 +1,7 @@
 #include "tests/orvrm/ClassHarness.h"
 
 #include <cstring>
+#include <stdexcept>
 
 #include "orvrm/ClassList.h"
 #include "tarn_rmf2v/RMResponses.h"
@@ -19,6 +20,9 @@ void Recorder::resourcesUndefined(const std::string&,
 void Recorder::attributesModified(const std::string& className, const zn_resource_handle* handle,
                                   bool persistent, const rm_attribute_value* values,
                                   unsigned int count) {
+    if (persistent && refusePersistent_.load()) {
+        throw std::runtime_error("the link refused the notice");
+    }
     Notice n;
     n.className = className;
     n.hasHandle = handle != nullptr;

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -49,8 +50,12 @@ public:
     std::vector<Notice> notices();
     std::vector<std::pair<int, int>> peerMessages();  // type, subtype
     void clear();
+    // While set, a notice of a persistent attribute change throws, as a
+    // link that cannot take it may.
+    void refusePersistentNotices(bool refuse) { refusePersistent_.store(refuse); }
 
 private:
+    std::atomic<bool> refusePersistent_{false};
     std::mutex mu_;
     std::vector<std::vector<zn_resource_handle>> undefined_;
     std::vector<Notice> notices_;

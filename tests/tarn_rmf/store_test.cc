@@ -1,6 +1,6 @@
 // What survives a reopen: write-through and synced changes, definitions
 // upgraded with more columns, filtered views; and what a damaged store, a
-// damaged row or a bad definition gives.
+// damaged row, a bad definition or a store that refuses a step gives.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
@@ -8,9 +8,11 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <optional>
 #include <set>
 #include <string>
 
+#include "tarn_rmf/registry/RMStoreFault.h"
 #include "tarn_rmf/registry/RMTableError.h"
 #include "tarn_rmf/registry/RMTree.h"
 #include "tests/tarn_rmf/registry_test_util.h"
@@ -277,6 +279,68 @@ TEST_F(RegistryStore, ADamagedRowStopsTheOpenAndNamesTheRow) {
         EXPECT_TRUE(e.says("row " + std::to_string(bad)) && e.says(c.detail)) << e.what;
         tree.reset();
     }
+}
+
+TEST_F(RegistryStore, AStepTheStoreRefusesChangesNothing) {
+    struct Refusal {
+        std::string path;
+        RMStoreStep step;
+    };
+    std::vector<Refusal> asked;
+    RMStoreStep refused = RMStoreStep::kOpen;
+    bool refusing = false;
+    std::optional<RMScopedStoreFault> fault;
+    fault.emplace([&](const std::string& path, RMStoreStep step) {
+        asked.push_back({path, step});
+        return refusing && step == refused;
+    });
+    auto tree = openTree();
+    RMCachedTable* t = open(*tree, kV1, 3);
+    ASSERT_EQ(asked.size(), 1u);
+    EXPECT_EQ(asked[0].path, kPath);
+    EXPECT_EQ(asked[0].step, RMStoreStep::kOpen);
+
+    // Deferred changes touch no store: nothing is asked until they are written.
+    addGroup(t, 1, "pending", 1);
+    EXPECT_EQ(asked.size(), 1u);
+    refusing = true;
+    refused = RMStoreStep::kWrite;
+    auto e = regtest::thrown([&] { t->setSyncMode(1); });
+    EXPECT_EQ(e.errc, RMTableErrc::kStorage);
+    EXPECT_TRUE(e.says("writing a change")) << e.what;
+    EXPECT_EQ(t->getSyncMode(), 0u);
+    EXPECT_EQ(t->pendingCount(), 1u) << "still pending";
+    refusing = false;
+    t->setSyncMode(1);
+
+    // A refused write leaves the table as it was; a refused sync leaves the
+    // written change in place.
+    refusing = true;
+    e = regtest::thrown([&] { addGroup(t, 2, "refused", 1); });
+    EXPECT_EQ(e.errc, RMTableErrc::kStorage);
+    EXPECT_EQ(t->getRowCount(), 1u);
+    refused = RMStoreStep::kSync;
+    addGroup(t, 3, "written", 1);
+    e = regtest::thrown([&] { t->sync(); });
+    EXPECT_EQ(e.errc, RMTableErrc::kStorage);
+    EXPECT_TRUE(e.says("syncing")) << e.what;
+    EXPECT_EQ(t->getRowCount(), 2u);
+
+    // A refused open opens nothing.
+    refused = RMStoreStep::kOpen;
+    e = regtest::thrown([&] {
+        RMCreateResourceTable(tree.get(), "/Kor/Other/Resources", kV1, 3, "ResourceHandle", nullptr,
+                              0);
+    });
+    EXPECT_EQ(e.errc, RMTableErrc::kStorage);
+    EXPECT_TRUE(e.says("opening a table")) << e.what;
+
+    fault.reset();
+    tree->closeTable(t);
+    tree.reset();
+    tree = openTree();
+    t = open(*tree, kV1, 3);
+    EXPECT_EQ(regtest::names(t->getMetadata()), (std::set<std::string>{"pending", "written"}));
 }
 
 }  // namespace

@@ -1,5 +1,8 @@
 // Changes: define, undefine (by handles or selection) and attribute changes
 // (resource and class).
+#include <string_view>
+#include <unordered_map>
+
 #include "znpex/client/ClientErrors.h"
 #include "znpex/client/HostErrors.h"
 #include "znpex/client/Requests.h"
@@ -22,6 +25,10 @@ std::vector<RMReplyAttr> copyAttrs(const std::vector<RMReplyAttr>& in) {
     return out;
 }
 
+std::string_view handleKey(const zn_resource_handle& h) {
+    return {reinterpret_cast<const char*>(h.bytes), sizeof h.bytes};
+}
+
 // One undefine request for all handles; one entry per handle with its result.
 int undefine(px_session& s, const char* className, std::vector<zn_resource_handle> handles,
              const zn_structured_data* options, px_resources_rsp_t** rsp) {
@@ -37,14 +44,21 @@ int undefine(px_session& s, const char* className, std::vector<zn_resource_handl
             return rc;
         }
         out->hdr.pr_error = reply.error.release();
+        // The manager answers each handle; matched through a map, since a
+        // scan of the answers per handle is quadratic in a bulk undefine.
+        std::unordered_map<std::string_view, zn::ErrorPtr*> errors;
+        errors.reserve(reply.items.size());
+        for (auto& item : reply.items) {
+            if (item.hasHandle && item.error) {
+                errors.emplace(handleKey(item.handle), &item.error);  // the first one counts
+            }
+        }
         for (size_t i = 0; i < handles.size(); ++i) {
             px_resource_rsp_t& e = out->resources[i];
             e.handle = handles[i];
-            for (auto& item : reply.items) {
-                if (item.hasHandle && item.handle == handles[i] && item.error) {
-                    e.error = item.error.release();
-                    break;
-                }
+            auto it = errors.find(handleKey(handles[i]));
+            if (it != errors.end() && *it->second) {
+                e.error = it->second->release();
             }
         }
     }

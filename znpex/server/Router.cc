@@ -42,11 +42,9 @@ std::string remoteAddress(int fd) {
 
 }  // namespace
 
-Router::Router(AclStore& acl, RmRegistry& registry, di::DiStore& di, asio::any_io_executor executor,
-               RouterOptions options)
+Router::Router(AclStore& acl, RmRegistry& registry, di::DiStore& di, RouterOptions options)
     : acl_(acl),
       registry_(registry),
-      executor_(std::move(executor)),
       options_(options),
       clock_(zn::processClock()),
       started_(clock_.monoNow()),

@@ -83,9 +83,13 @@ using DiReplicator =
 
 class Router : public ConnectionHandler {
 public:
-    Router(AclStore& acl, RmRegistry& registry, di::DiStore& di, asio::any_io_executor executor,
-           RouterOptions options);
+    Router(AclStore& acl, RmRegistry& registry, di::DiStore& di, RouterOptions options);
     ~Router() override;
+    // Where its timers and peer links run; given once, before anything is
+    // accepted. Separate from construction because the service declares its
+    // io_context after the router, so that the context's handlers, which
+    // refer to the router, go first.
+    void setExecutor(asio::any_io_executor executor) { executor_ = std::move(executor); }
 
     // A socket from a listener: becomes a connection with its identity.
     void accept(Connection::Socket socket, Transport transport);

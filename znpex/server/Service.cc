@@ -51,9 +51,11 @@ Service::Service(ServiceOptions options)
     : options_(withDefaults(std::move(options))),
       acl_(options_.aclPath, options_.aclDefaultPath),
       di_(openTables(options_.diPath)),
-      router_(acl_, registry_, *di_, io_.get_executor(), options_.router),
+      router_(acl_, registry_, *di_, options_.router),
       listeners_(io_,
-                 [this](Connection::Socket s, Transport t) { router_.accept(std::move(s), t); }) {}
+                 [this](Connection::Socket s, Transport t) { router_.accept(std::move(s), t); }) {
+    router_.setExecutor(io_.get_executor());
+}
 
 Service::~Service() {
     stop();

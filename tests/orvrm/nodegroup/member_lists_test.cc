@@ -27,17 +27,17 @@ TEST(MemberListsTest, DifferenceMatchesEntriesOneForOne) {
     };
     for (const Case& c : cases) {
         NameList added{"junk"}, removed{"junk"};
-        EXPECT_EQ(difference(c.before, c.now, &added, &removed), c.differs) << c.what;
+        EXPECT_EQ(getDifference(c.before, c.now, &added, &removed), c.differs) << c.what;
         EXPECT_EQ(added, c.added) << c.what;
         EXPECT_EQ(removed, c.removed) << c.what;
     }
 }
 
 TEST(MemberListsTest, DuplicatesAreFoundAnywhere) {
-    EXPECT_FALSE(hasDuplicates({}));
-    EXPECT_FALSE(hasDuplicates({"a", "b", "+a"}));
-    EXPECT_TRUE(hasDuplicates({"a", "b", "a"}));
-    EXPECT_TRUE(hasDuplicates({"", ""}));
+    EXPECT_FALSE(checkForDuplicateStrings({}));
+    EXPECT_FALSE(checkForDuplicateStrings({"a", "b", "+a"}));
+    EXPECT_TRUE(checkForDuplicateStrings({"a", "b", "a"}));
+    EXPECT_TRUE(checkForDuplicateStrings({"", ""}));
 }
 
 TEST(MemberListsTest, ArraysRoundTrip) {

@@ -112,8 +112,13 @@ protected:
             std::shuffle(m.begin(), m.end(), rng);
             return m;
         };
-        const char* selections[] = {"HWModel==\"m1\"", "HWModel!=\"m2\"", "Hostname=~\"1\"", "*",
-                                    "HWModel==\"m3\" || Hostname=~\"^n2\""};
+        // The last, a cleared selection, only in changes.
+        const char* selections[] = {"HWModel==\"m1\"",
+                                    "HWModel!=\"m2\"",
+                                    "Hostname=~\"1\"",
+                                    "*",
+                                    "HWModel==\"m3\" || Hostname=~\"^n2\"",
+                                    ""};
         for (int step = 0; step < 400; ++step) {
             size_t what = pick(20);
             if (what < 4 || nodeNames.size() < 3) {
@@ -166,7 +171,7 @@ protected:
                 RMReply r = pick(2) == 0 ? set(kGroups, groupHandle(g.c_str()),
                                                attrs(strList(kNgMemberList, someMembers())))
                                          : set(kGroups, groupHandle(g.c_str()),
-                                               attrs(str(kNgSelectStr, selections[pick(5)])));
+                                               attrs(str(kNgSelectStr, selections[pick(6)])));
                 answer("set " + g, r);
             } else if (what < 17 && groupIds.size() > 1) {
                 std::string g = someGroup();
