@@ -184,6 +184,10 @@ void Router::onOversize(const std::shared_ptr<Connection>& c, uint64_t length) {
 
 void Router::onClosed(const std::shared_ptr<Connection>& c) {
     noteClosed(*c);
+    {
+        std::lock_guard<std::mutex> g(partsMu_);
+        copies_.erase(c->id());  // a copy cut off by its connection
+    }
     std::shared_ptr<ManagerSession> manager;
     std::set<std::string> watched;
     {

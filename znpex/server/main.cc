@@ -95,7 +95,14 @@ int main(int argc, char** argv) {
                    "How far ahead of this host's clock another host's table stamp may be")
         ->capture_default_str()
         ->check(CLI::Range(0u, 86400000u));
+    size_t chunkBytes = opts.router.replicationChunk;
+    app.add_option("--replication-chunk-bytes", chunkBytes,
+                   "The largest table replication message: larger changes go as whole "
+                   "copies, larger copies in parts")
+        ->capture_default_str()
+        ->check(CLI::Range(size_t{1024}, size_t{8} << 20));
     CLI11_PARSE(app, argc, argv);
+    opts.router.replicationChunk = chunkBytes;
     opts.router.bufferBudget = static_cast<size_t>(budgetMb) << 20;
     opts.router.readTimeout = std::chrono::milliseconds(readTimeoutMs);
     opts.router.unauthenticatedIdle = std::chrono::milliseconds(idleTimeoutMs);
