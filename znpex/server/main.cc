@@ -17,6 +17,7 @@
 #include "platform/paths.h"
 #include "znpex/server/Service.h"
 #include "znpex/server/ServiceLog.h"
+#include "znpex/server/ServiceMetrics.h"
 
 namespace {
 
@@ -95,6 +96,11 @@ int main(int argc, char** argv) {
                    "How far ahead of this host's clock another host's table stamp may be")
         ->capture_default_str()
         ->check(CLI::Range(0u, 86400000u));
+    const char* metricsEnv = std::getenv(znpex::server::kMetricsAddressEnv);
+    opts.metricsAddress = metricsEnv != nullptr ? metricsEnv : "";
+    app.add_option("--metrics-address", opts.metricsAddress,
+                   std::string("Serve Prometheus metrics on host:port (default: $") +
+                       znpex::server::kMetricsAddressEnv + "; unset: not served)");
     size_t chunkBytes = opts.router.replicationChunk;
     app.add_option("--replication-chunk-bytes", chunkBytes,
                    "The largest table replication message: larger changes go as whole "
