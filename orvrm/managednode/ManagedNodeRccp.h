@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -124,6 +125,16 @@ public:
     static void nodeStatusUpdate(void* rccp);
     // Polls run so far.
     uint64_t statusPolls() const { return statusPolls_.load(); }
+    // What the metrics page shows (ManagedNodeMetrics.cc): the nodes by
+    // Status and Mode and by PowerStatus, the polls' time, heartbeat reports.
+    struct NodeCounts {
+        std::map<std::pair<uint32_t, std::string>, uint64_t> byStatusAndMode;
+        std::map<uint32_t, uint64_t> byPowerStatus;
+    };
+    NodeCounts countNodes();
+    double lastPollSeconds() const { return lastPollNanos_.load() / 1e9; }
+    double pollSecondsTotal() const { return pollNanosTotal_.load() / 1e9; }
+    uint64_t heartbeatReports() const { return heartbeatReports_.load(); }
 
     // Power status from "Kor.NodeHwCtrl": the watch is registered on a local
     // session `seconds` from now (15 after start, 30 after a failure or a
@@ -260,6 +271,8 @@ private:
 
     std::unique_ptr<FpingClass> poller_;
     std::atomic<uint64_t> statusPolls_{0};
+    std::atomic<int64_t> lastPollNanos_{0}, pollNanosTotal_{0};
+    std::atomic<uint64_t> heartbeatReports_{0};
     // The whole node table was published since start or since the service
     // was last lost.
     std::atomic<bool> tablePublished_{false};
