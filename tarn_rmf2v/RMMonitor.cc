@@ -67,4 +67,10 @@ void RMMonitor::forget(const zn_resource_handle* handle) {
     dynamic_.erase(key(handle));
 }
 
+void RMMonitor::clear() {
+    std::lock_guard<std::mutex> g(mu_);
+    persistent_.clear();
+    dynamic_.clear();
+}
+
 }  // namespace tarn_rmf2v

@@ -26,6 +26,9 @@ public:
     std::vector<int> monitoredIds(const zn_resource_handle* handle) const;
     // Forgets everything about a resource (it was undefined).
     void forget(const zn_resource_handle* handle);
+    // Forgets every watch: the service that asked for them is gone, and the
+    // next one asks again for what its clients watch.
+    void clear();
 
 private:
     // A leading 0 for the class itself, 1 and the handle's bytes for a resource.

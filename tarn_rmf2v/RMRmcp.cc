@@ -25,15 +25,25 @@ tarn_base::CTraceComponent* rmfTrace() {
 RMRmcp::RMRmcp(const char* rmName, int arg, RMClassList*, unsigned int, unsigned int)
     : rmName_(rmName != nullptr ? rmName : ""), arg_(arg) {}
 
-RMRmcp::~RMRmcp() { cleanup(); }
+RMRmcp::~RMRmcp() {
+    cleanup();
+}
 
 void RMRmcp::connectionChanged(rm_conn_changed state) {
     for (RMRccp* c : classes()) {
+        if (state == RM_CONNECTION_LOST) {
+            // A lost service's watches died with it; keeping them would
+            // send changes nobody asked for and make the next service's
+            // watch start look like a repeat.
+            c->getMonitor()->clear();
+        }
         c->connectionChanged(state);
     }
 }
 
-tarn_rmf::RMTree* RMRmcp::getTree() { return nullptr; }
+tarn_rmf::RMTree* RMRmcp::getTree() {
+    return nullptr;
+}
 
 RMRccp* RMRmcp::createRCCP(char* className, cu_error_t** err) {
     if (err != nullptr) {
@@ -46,7 +56,9 @@ void RMRmcp::bindRCCP(RMBindRCCPResponse* rsp, rm_bind_RCCP_data*, unsigned int)
     rsp->done(nullptr);
 }
 
-void RMRmcp::unbindRCCP(RMUnbindRCCPResponse* rsp, RMRccp**, unsigned int) { rsp->done(nullptr); }
+void RMRmcp::unbindRCCP(RMUnbindRCCPResponse* rsp, RMRccp**, unsigned int) {
+    rsp->done(nullptr);
+}
 
 void RMRmcp::asyncError(rm_async_error_level level, int code, cu_error_t* err) {
     if (auto* t = rmfTrace()) {

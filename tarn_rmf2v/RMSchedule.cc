@@ -34,10 +34,12 @@ RMSchedule::RMSchedule(zn::Clock& clock) : clock_(clock), thread_([this] { loop(
 }
 
 RMSchedule::~RMSchedule() {
-    {
-        std::lock_guard<std::mutex> g(registry().mu);
-        registry().all.erase(this);
-    }
+    stop();
+    std::lock_guard<std::mutex> g(registry().mu);
+    registry().all.erase(this);
+}
+
+void RMSchedule::stop() {
     {
         std::lock_guard<std::mutex> g(mu_);
         stop_ = true;

@@ -25,9 +25,12 @@ public:
     // The clock is not owned; it must outlive the schedule. Classes take the
     // default, the process clock, which tests of classes replace.
     explicit RMSchedule(zn::Clock& clock = zn::processClock());
-    // Stops the timer thread; pending operations are dropped, a running one
-    // is waited for.
+    // Stops the timer thread (stop()).
     ~RMSchedule();
+    // Stops the timer thread; pending operations are dropped, a running one
+    // is waited for, and nothing added later runs. An owner whose operations
+    // use the schedule itself stops it before letting it go.
+    void stop();
     RMSchedule(const RMSchedule&) = delete;
     RMSchedule& operator=(const RMSchedule&) = delete;
 

@@ -69,6 +69,13 @@ ManagedNodeRccp::~ManagedNodeRccp() {
     // schedules: a poll or write-back in progress is waited for while
     // everything it uses still stands.
     endEventSessions();
+    // Stopped before any goes: a running poll schedules its successor
+    // through the pointer.
+    if (powerSchedule_) {
+        powerSchedule_->stop();
+    }
+    syncSchedule_->stop();
+    statusSchedule_->stop();
     powerSchedule_.reset();
     syncSchedule_.reset();
     statusSchedule_.reset();

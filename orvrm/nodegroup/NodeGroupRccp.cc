@@ -57,7 +57,8 @@ NodeGroupRccp::NodeGroupRccp(char* className, rm_object_type type, ORVRMRmcp* rm
 
 NodeGroupRccp::~NodeGroupRccp() {
     // The schedule goes first: a recomputation in progress is waited for
-    // while everything it uses still stands.
+    // while everything it uses still stands, the schedule included.
+    schedule_->stop();
     schedule_.reset();
 }
 

@@ -2,7 +2,9 @@
 // upgraded with more columns, filtered views; and what a damaged store, a
 // damaged row, a bad definition or a store that refuses a step gives.
 #include <gtest/gtest.h>
+
 #include <sqlite3.h>
+#include <memory>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -52,13 +54,12 @@ protected:
     }
     RMRowId addGroup(RMCachedTable* t, unsigned n, const char* name, uint64_t owner) {
         zn_resource_handle h = regtest::handle(n);
-        zn_array* ids = zn_array_new(1);
+        // Freed whether the row is added or refused.
+        std::unique_ptr<zn_array, decltype(&std::free)> ids(zn_array_new(1), &std::free);
         ids->elements[0].val_uint64 = owner;
         RMFieldValue v[] = {field("ResourceHandle", h), field("Name", name),
-                            field("NodeIDs", ZN_UINT64_ARRAY, zn_value_t{.ptr_array = ids})};
-        RMRowId id = t->addRow(v, 3);
-        std::free(ids);
-        return id;
+                            field("NodeIDs", ZN_UINT64_ARRAY, zn_value_t{.ptr_array = ids.get()})};
+        return t->addRow(v, 3);
     }
     std::string dbFile() const { return root_.dir() + zn::paths::kRegistryTree + "/registry.db"; }
 

@@ -170,6 +170,40 @@ TEST(Schedule, DestructionDropsPendingOperations) {
     EXPECT_TRUE(log.order.empty());
 }
 
+// An owner stops its schedule before letting it go: a run in progress that
+// schedules its successor is waited for, and the successor never runs.
+TEST(Schedule, StopWaitsForTheRunningOperationAndRunsNothingAddedLater) {
+    zn::FakeClock clock;
+    RMSchedule s(clock);
+    std::promise<void> started, release;
+    struct Poll {
+        RMSchedule* s;
+        std::promise<void>* started;
+        std::shared_future<void> release;
+        std::atomic<int> runs{0};
+    } poll{&s, &started, release.get_future().share()};
+    s.addOperation(
+        "Poll",
+        [](void* a) {
+            auto* p = static_cast<Poll*>(a);
+            if (p->runs++ == 0) {
+                p->started->set_value();
+                p->release.wait();
+            }
+            p->s->addOperation(
+                "Poll", +[](void*) {}, nullptr, 0u);
+        },
+        &poll, 0u);
+    started.get_future().wait();
+    auto stopper = std::async(std::launch::async, [&] { s.stop(); });
+    EXPECT_EQ(stopper.wait_for(50ms), std::future_status::timeout);
+    release.set_value();
+    stopper.get();
+    EXPECT_EQ(s.completed(), 1u);
+    EXPECT_EQ(s.pending(), 0u);
+    s.stop();  // twice is harmless
+}
+
 // What tests rely on after advancing a fake clock: idle() holds only once
 // every operation that fell due has run, whatever it scheduled in turn.
 TEST(Schedule, IdleMeansNothingDueIsLeftToRun) {

@@ -115,6 +115,43 @@ TEST_F(Engine, PreviousValueExpressionFiresOnEveryChangeOnly) {
     EXPECT_TRUE(last.hasHandle && last.handle == h);
 }
 
+// The manager's answer to "start monitoring" and its first change race on
+// the wire: whichever comes first, the change fires once, and an answer that
+// differs from what the watch was seeded with is a change of its own.
+TEST_F(Engine, TheStartOfMonitoringNeverSwallowsAChange) {
+    auto h = handle(9);
+    hostname(h, "node9");
+    watch("PowerStatus!=PowerStatus@P");
+    auto answer = [&](uint32_t value) {
+        rm_attribute_value v{0, ZN_UINT32, {}};
+        v.rm_value.val_uint32 = value;
+        engine_.refresh("Kor.NodeHwCtrl", &h, false, &v, 1);
+    };
+    auto seeded = [&](uint32_t value) {
+        rm_attribute_value v{0, ZN_UINT32, {}};
+        v.rm_value.val_uint32 = value;
+        engine_.seed("Kor.NodeHwCtrl", &h, false, &v, 1);
+    };
+    seeded(1);
+    answer(0);     // the answer already holds the change...
+    dyn(h, 0, 0);  // ...and the change's report comes after it
+    EXPECT_EQ(take(), 1u);
+    dyn(h, 0, 1);  // the change's report first...
+    answer(1);     // ...then an answer holding the same value
+    EXPECT_EQ(take(), 1u);
+    answer(1);  // nothing new
+    EXPECT_EQ(take(), 0u);
+
+    auto fresh = handle(10);  // never seen: the answer only seeds it
+    hostname(fresh, "node10");
+    rm_attribute_value v{0, ZN_UINT32, {}};
+    v.rm_value.val_uint32 = 1;
+    engine_.refresh("Kor.NodeHwCtrl", &fresh, false, &v, 1);
+    EXPECT_EQ(take(), 0u);
+    dyn(fresh, 0, 0);
+    EXPECT_EQ(take(), 1u);
+}
+
 TEST_F(Engine, EventsCarryTheExpressionsAttributesAfterTheListedOnes) {
     auto h = handle(2);
     hostname(h, "node2");

@@ -170,7 +170,7 @@ Event WatchEngine::makeEvent(const Watch& w, const ResourceState& r,
 }
 
 void WatchEngine::update(const std::string& cls, const zn_resource_handle* handle, bool persistent,
-                         const rm_attribute_value* values, unsigned int count, bool fire) {
+                         const rm_attribute_value* values, unsigned int count, Update how) {
     std::vector<Event> out;
     {
         std::lock_guard<std::mutex> g(mu_);
@@ -189,13 +189,20 @@ void WatchEngine::update(const std::string& cls, const zn_resource_handle* handl
         for (unsigned int i = 0; values != nullptr && i < count; ++i) {
             int col = columnOf(persistent, values[i].rm_attribute_id);
             auto cur = r.cur.find(col);
-            if (cur != r.cur.end()) {
+            bool known = cur != r.cur.end();
+            if (how == Update::kRefresh && known && cur->second.type() == values[i].rm_data_type &&
+                zn_value_equal(values[i].rm_data_type, cur->second.value(), values[i].rm_value)) {
+                continue;
+            }
+            if (known) {
                 r.prev[col] = std::move(cur->second);
             }
             r.cur[col] = zn::OwnedValue::copyOf(values[i].rm_data_type, values[i].rm_value);
-            reported.insert(col);
+            if (how == Update::kReport || known) {
+                reported.insert(col);
+            }
         }
-        if (!fire) {
+        if (how == Update::kSeed || reported.empty()) {
             return;
         }
         Source src(r);
@@ -240,12 +247,17 @@ void WatchEngine::emit(std::vector<Event>&& out) {
 
 void WatchEngine::seed(const std::string& cls, const zn_resource_handle* handle, bool persistent,
                        const rm_attribute_value* values, unsigned int count) {
-    update(cls, handle, persistent, values, count, false);
+    update(cls, handle, persistent, values, count, Update::kSeed);
+}
+
+void WatchEngine::refresh(const std::string& cls, const zn_resource_handle* handle, bool persistent,
+                          const rm_attribute_value* values, unsigned int count) {
+    update(cls, handle, persistent, values, count, Update::kRefresh);
 }
 
 void WatchEngine::report(const std::string& cls, const zn_resource_handle* handle, bool persistent,
                          const rm_attribute_value* values, unsigned int count) {
-    update(cls, handle, persistent, values, count, true);
+    update(cls, handle, persistent, values, count, Update::kReport);
 }
 
 void WatchEngine::resourceUndefined(const std::string& cls, const zn_resource_handle& handle) {

@@ -86,6 +86,12 @@ public:
     // what a query returned when the watch was set up.
     void seed(const std::string& cls, const zn_resource_handle* handle, bool persistent,
               const rm_attribute_value* values, unsigned int count);
+    // Values the manager answered when asked to start monitoring: the ones
+    // that differ from what is known changed since the watch was seeded and
+    // fire as a report would; the rest change nothing (a change that
+    // reached us first must not be overwritten into silence).
+    void refresh(const std::string& cls, const zn_resource_handle* handle, bool persistent,
+                 const rm_attribute_value* values, unsigned int count);
     // New values reported by the manager; evaluates and fires.
     void report(const std::string& cls, const zn_resource_handle* handle, bool persistent,
                 const rm_attribute_value* values, unsigned int count);
@@ -109,8 +115,9 @@ private:
     bool matches(const Watch& w, const ResourceState& r) const;
     Event makeEvent(const Watch& w, const ResourceState& r, const zn_resource_handle* handle,
                     uint32_t flags, int error) const;
+    enum class Update { kSeed, kReport, kRefresh };
     void update(const std::string& cls, const zn_resource_handle* handle, bool persistent,
-                const rm_attribute_value* values, unsigned int count, bool fire);
+                const rm_attribute_value* values, unsigned int count, Update how);
     void emit(std::vector<Event>&& out);
 
     Sink sink_;

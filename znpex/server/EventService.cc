@@ -500,7 +500,7 @@ void EventService::reconcileClass(const std::string& cls) {
     stop.className = cls;
     std::set<int> after = moveMonitoring(start, stop, current, needed, [&](const RMReply& r) {
         std::vector<rm_attribute_value> view = viewOf(r.values);
-        engine_.seed(cls, nullptr, false, view.data(), static_cast<unsigned int>(view.size()));
+        engine_.refresh(cls, nullptr, false, view.data(), static_cast<unsigned int>(view.size()));
     });
     std::lock_guard<std::mutex> g(mu_);
     classes_[cls].classMonitoring = std::move(after);
@@ -531,7 +531,8 @@ void EventService::reconcile(const std::string& cls) {
         stop.className = cls;
         stop.handle = h;
         std::set<int> after = moveMonitoring(start, stop, current, needed, [&](const RMReply& r) {
-            seedValues(cls, h, false, r.values);
+            std::vector<rm_attribute_value> view = viewOf(r.values);
+            engine_.refresh(cls, &h, false, view.data(), static_cast<unsigned int>(view.size()));
         });
         std::lock_guard<std::mutex> g(mu_);
         auto it = classes_.find(cls);

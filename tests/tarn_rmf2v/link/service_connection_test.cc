@@ -251,10 +251,17 @@ TEST_F(ServiceConnectionTest, NotificationsAndPeerMessages) {
 TEST_F(ServiceConnectionTest, ReconnectsAfterLossAndTellsTheControlPoint) {
     FakeService service;
     ASSERT_TRUE(connectAndWait());
+    zn_resource_handle h[1]{};
+    h[0].bytes[19] = 1;
     for (int round = 1; round <= 3; ++round) {
         SCOPED_TRACE(round);
+        // What the lost service watched is forgotten with it.
+        rccp_->getMonitor()->startMonitoring(&h[0], 0);
+        rccp_->getMonitor()->enablePersistent(nullptr, 0);
         service.dropConnection();
         ASSERT_TRUE(testsupport::waitFor([&] { return rccp_->lost.load() == round; }));
+        EXPECT_FALSE(rccp_->getMonitor()->isMonitored(&h[0], 0));
+        EXPECT_FALSE(rccp_->getMonitor()->isPersistentEnabled(nullptr, 0));
         ASSERT_TRUE(
             testsupport::waitFor([&] { return conn_->registrations() == uint64_t(round) + 1; }));
         EXPECT_EQ(rccp_->established.load(), round + 1);
