@@ -159,6 +159,20 @@ std::shared_ptr<PeerLink> PeerDirectory::linkLocked(const PeerHost& h) {
     return link;
 }
 
+void PeerDirectory::heardFrom(const std::string& host) {
+    std::shared_ptr<PeerLink> link;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        auto it = links_.find(host);
+        if (it != links_.end()) {
+            link = it->second;
+        }
+    }
+    if (link != nullptr) {
+        link->heardFrom();
+    }
+}
+
 void PeerDirectory::send(const std::string& host, const std::string& method, Json params,
                          std::chrono::milliseconds timeout, PeerLink::Done done) {
     std::shared_ptr<PeerLink> link;

@@ -79,6 +79,8 @@ public:
     void fanOut(const std::vector<std::string>& hosts, const std::string& method,
                 const proto::Json& params, std::chrono::milliseconds timeout,
                 std::function<void(std::vector<PeerReply>)> done);
+    // `host` greeted this one: its link, if it waits out a pause, tries now.
+    void heardFrom(const std::string& host);
 
     // Ends every link (at shutdown); later sends are lost at once.
     void shutdown();

@@ -52,7 +52,11 @@ Router::Router(AclStore& acl, RmRegistry& registry, di::DiStore& di, RouterOptio
           registry_,
           std::min<std::chrono::milliseconds>(options.requestTimeout, std::chrono::seconds(10)))),
       di_(di),
-      budget_(options.bufferBudget) {
+      budget_(options.bufferBudget),
+      // With many hosts powered off, their outages come as one line a minute.
+      peerOutages_(std::make_shared<PeerOutageLog>(
+          clock_, std::chrono::minutes(1),
+          [](const std::string& line) { serviceLog("%s", line.c_str()); })) {
     budget_.setReclaim([this](size_t over) { reclaim(over); });
     hb_ = di_.heartbeat();
 }

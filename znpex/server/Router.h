@@ -53,7 +53,8 @@ struct RouterOptions {
     // How long another host may take to answer one request (peer messages,
     // table replication, its part of a domain request).
     std::chrono::milliseconds peerTimeout{std::chrono::seconds(3)};
-    // Longest pause between attempts to reach a host that is down.
+    // Longest pause between attempts to reach a host that is down (ten
+    // times this for a host that has never answered).
     std::chrono::milliseconds peerBackoffMax{std::chrono::seconds(30)};
 
     // What a caller that has not authenticated (TCP, before a host proof)
@@ -347,6 +348,8 @@ private:
 
     // Connection limits (RouterLimits.cc).
     BufferBudget budget_;
+    // Outages of the links to other hosts, summed up at housekeeping.
+    const std::shared_ptr<PeerOutageLog> peerOutages_;
     std::mutex housekeepingMu_;  // guards housekeeping_, hbTimer_
     std::unique_ptr<asio::steady_timer> housekeeping_;
     std::unique_ptr<asio::steady_timer> hbTimer_;

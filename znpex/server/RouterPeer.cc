@@ -92,6 +92,7 @@ void Router::startPeers(const std::string& listenAddress, uint16_t port) {
     if (listenAddress != "0.0.0.0" && listenAddress != "::") {
         lo.sourceAddress = listenAddress;
     }
+    lo.outages = peerOutages_;
     serviceLog("this host is %s, node id %llu; other hosts' services on port %u", self.host.c_str(),
                static_cast<unsigned long long>(self.nodeId), static_cast<unsigned>(lo.port));
     peers_ = std::make_unique<PeerDirectory>(executor_, self, lo,
@@ -307,6 +308,11 @@ void Router::peerProve(const std::shared_ptr<Connection>& c, const RpcMessage& m
     {
         std::lock_guard<std::mutex> g(peerMu_);
         peerHosts_[c->id()] = hello.host;
+    }
+    // A host that greets is up: what this one has for it need not wait
+    // for its link's pause (long for a host never reached).
+    if (peers_ != nullptr) {
+        peers_->heardFrom(hello.host);
     }
     c->authenticate(limitsFor(Transport::Tcp, true, false));
     r.identity = hello.host + "@PEER";

@@ -68,7 +68,8 @@ int main(int argc, char** argv) {
                    "How long another host's service may take to answer one request")
         ->capture_default_str();
     app.add_option("--peer-backoff-max-ms", peerBackoffMaxMs,
-                   "Longest pause between attempts to reach a host that is down")
+                   "Longest pause between attempts to reach a host that is down "
+                   "(ten times this for a host that never answered)")
         ->capture_default_str();
     unsigned budgetMb = static_cast<unsigned>(opts.router.bufferBudget >> 20);
     unsigned readTimeoutMs = static_cast<unsigned>(opts.router.readTimeout.count());
