@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <memory>
+#include <stdexcept>
 #include <string>
 
 #include "common/WexTrace.h"
@@ -11,8 +13,11 @@
 #include "orvrm/ORVRMDaemon.h"
 #include "orvrm/ORVRMLog.h"
 #include "orvrm/ORVRMMessages.h"
+#include "orvrm/ORVRMMetrics.h"
 #include "orvrm/ORVRMRmcp.h"
 #include "orvrm/ORVRMTrace.h"
+#include "orvrm/managednode/ManagedNodeRccp.h"
+#include "platform/metrics/MetricsServer.h"
 #include "platform/paths.h"
 #include "tarn_rmf/RMCommonErrors.h"
 #include "tarn_rmf2v/link/RMServiceConnection.h"
@@ -64,6 +69,34 @@ void openLogOrTrace() {
     std::abort();
 }
 
+// The metrics page when ORVRM_METRICS_ADDRESS names an address; a wrong
+// one is reported and the daemon goes on without it.
+std::unique_ptr<zn::metrics::MetricsServer> startMetrics(ORVRMRmcp* rmcp) {
+    const char* address = std::getenv(orvrm::kMetricsAddressEnv);
+    if (address == nullptr || *address == '\0') {
+        return nullptr;
+    }
+    auto* nodes = dynamic_cast<orvrm::ManagedNodeRccp*>(
+        rmcp->findRccpByName(const_cast<char*>(orvrm::kManagedNodeClass)));
+    if (nodes == nullptr) {
+        return nullptr;
+    }
+    try {
+        auto server = std::make_unique<zn::metrics::MetricsServer>(
+            address, [nodes] { return orvrm::renderMetrics(*nodes); });
+        orvrm::traceRecord(13, ("main: metrics on " + std::string(address) + " port " +
+                                std::to_string(server->port()))
+                                   .c_str());
+        return server;
+    } catch (const std::runtime_error& e) {
+        std::fprintf(stderr, "%s: no metrics: %s\n", kRmName, e.what());
+        if (auto* tc = orvrm::traceComponent()) {
+            tc->writef(orvrm::kTraceErrors, "ORVRM main: no metrics: %s", e.what());
+        }
+        return nullptr;
+    }
+}
+
 }  // namespace
 
 int main() {
@@ -71,6 +104,7 @@ int main() {
     ORVRMDaemon* daemon = nullptr;
     ORVRMRmcp* rmcp = nullptr;
     tarn_rmf2v::RMServiceConnection* service = nullptr;
+    std::unique_ptr<zn::metrics::MetricsServer> metrics;
     int status = 0;
     try {
         // 1. Trace component.
@@ -114,6 +148,7 @@ int main() {
         // the background, so the service may start before or after us.
         service = new tarn_rmf2v::RMServiceConnection(*rmcp);
         service->start();
+        metrics = startMetrics(rmcp);
         // 8. Tell the other instances we are here.
         rmcp->sendPEXMessage(2, 0, nullptr, 0);
         // 9. Controller loop.
@@ -127,6 +162,7 @@ int main() {
     if (service != nullptr) {
         service->stop();
     }
+    metrics.reset();  // it reads the control point's nodes
     delete rmcp;
     delete service;
     if (orvrm::logIsOpen()) {

@@ -140,8 +140,11 @@ zn_resource_handle* ManagedNodeRccp::createResource(zn_structured_data*, rm_attr
         return nullptr;
     }
     createInterfaces(facts_.hostname, facts_.universalId, facts_.addresses);
-    // The partition monitor exists only on a console; it registers the node
-    // from its own class when it lands.
+    if (partitions_ != nullptr && facts_.hasPartition) {
+        if (auto* node = dynamic_cast<ManagedNodeRcp*>(r.rcp)) {
+            node->addPartitionEntry();
+        }
+    }
     if (isModeMinManaged(facts_.modeToExamine)) {
         poller_->addHost(const_cast<char*>(facts_.hostname));
     }

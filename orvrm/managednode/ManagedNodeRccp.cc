@@ -41,12 +41,15 @@ ManagedNodeRccp::ManagedNodeRccp(char* className, rm_object_type type, ORVRMRmcp
     : OrvTableRccp(className, type, rmcp, managedNodeSpec(), options()),
       poller_(std::make_unique<FpingClass>()),
       orvrmcp_(rmcp),
+      onConsole_(PartitionStatus::runningOnYSU()),
       statusSchedule_(std::make_unique<tarn_rmf2v::RMSchedule>()),
       syncSchedule_(std::make_unique<tarn_rmf2v::RMSchedule>()) {
     loadResources();
     reconcileInterfaces();
     scheduleDPEXUpdate();
-    scheduleLocalPEXEventReg(15);
+    if (!onConsole_) {
+        scheduleLocalPEXEventReg(15);
+    }
     strent* hosts = nullptr;
     readHostList(&hosts, 1);
     if (hosts != nullptr) {
@@ -55,6 +58,9 @@ ManagedNodeRccp::ManagedNodeRccp(char* className, rm_object_type type, ORVRMRmcp
     }
     // The first poll runs now and schedules the next ones.
     nodeStatusUpdate(this);
+    if (onConsole_) {
+        startConsole();
+    }
 }
 
 ManagedNodeRccp::~ManagedNodeRccp() {
@@ -63,10 +69,14 @@ ManagedNodeRccp::~ManagedNodeRccp() {
     // schedules: a poll or write-back in progress is waited for while
     // everything it uses still stands.
     endEventSessions();
-    // Stopped before either goes: a running poll schedules its successor
+    // Stopped before any goes: a running poll schedules its successor
     // through the pointer.
+    if (powerSchedule_) {
+        powerSchedule_->stop();
+    }
     syncSchedule_->stop();
     statusSchedule_->stop();
+    powerSchedule_.reset();
     syncSchedule_.reset();
     statusSchedule_.reset();
 }

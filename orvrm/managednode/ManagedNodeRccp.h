@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -23,6 +24,7 @@
 #include "orvrm/FpingClass.h"
 #include "orvrm/HeartbeatTargets.h"
 #include "orvrm/OrvTableRccp.h"
+#include "orvrm/PartitionStatus.h"
 #include "orvrm/strent.h"
 #include "tarn_rmf2v/RMSchedule.h"
 #include "znpex/client/px_event.h"
@@ -48,6 +50,9 @@ class ManagedNodeRcp;
 class MNNetworkInterfaceRccp;
 class NodeGroupHooks;
 class OrvCtrlRccp;
+
+// A node's partition on the console: its LParID "*" HWModel "*" HWSerialNum.
+std::string partitionIdOf(const char* lparId, const char* hwModel, const char* hwSerial);
 
 class ManagedNodeRccp : public OrvTableRccp, public NodeHeartbeatTarget {
 public:
@@ -120,6 +125,16 @@ public:
     static void nodeStatusUpdate(void* rccp);
     // Polls run so far.
     uint64_t statusPolls() const { return statusPolls_.load(); }
+    // What the metrics page shows (ManagedNodeMetrics.cc): the nodes by
+    // Status and Mode and by PowerStatus, the polls' time, heartbeat reports.
+    struct NodeCounts {
+        std::map<std::pair<uint32_t, std::string>, uint64_t> byStatusAndMode;
+        std::map<uint32_t, uint64_t> byPowerStatus;
+    };
+    NodeCounts countNodes();
+    double lastPollSeconds() const { return lastPollNanos_.load() / 1e9; }
+    double pollSecondsTotal() const { return pollNanosTotal_.load() / 1e9; }
+    uint64_t heartbeatReports() const { return heartbeatReports_.load(); }
 
     // Power status from "Kor.NodeHwCtrl": the watch is registered on a local
     // session `seconds` from now (15 after start, 30 after a failure or a
@@ -138,6 +153,21 @@ public:
     // and schedules the recovery.
     void localDispatchEnded(px_session_t session, int rc);
     void dpexDispatchEnded(px_session_t session, int rc);
+
+    // The console's side of power status (only when onConsole()): the
+    // partition monitor's entries from the table, a node's status there
+    // (127 when unknown or not on the console), the next power poll
+    // (2 minutes after start, then every 5), and the monitor's callbacks.
+    bool onConsole() const { return onConsole_; }
+    PartitionStatus* partitions() { return partitions_.get(); }
+    tarn_rmf2v::RMSchedule* powerSchedule() { return powerSchedule_.get(); }
+    void getPartitionInfo(PartitionEntry** out);
+    int getNodePowerStatus(const char* hostname);
+    void schedulePowerStatusUpdates();
+    static void nodePowerStatusUpdate(void* rccp);
+    static void PartitionStatusChangeCB(void* rccp, strent* hosts);
+    static void PowerStatusChangeCBStub(void* rccp, strent* hosts);
+    static void PartitionDeleteCB(void* rccp, char* hostname);
 
     // Pairs the node with this universal id and the node serving the same
     // storage facility image into a two-node peer domain, as their statuses
@@ -217,6 +247,8 @@ private:
     int exists(const char* selection, const tarn_rmf::RMSelParams& params, cu_error_t** err,
                const char* op);
     void scheduleStatusUpdate();
+    // The console's partition monitor and its power poll (constructor).
+    void startConsole();
     // Publishes the node named `hostname` with `op`; `invalidTrace` when it
     // does not resolve.
     int publishNode(di_table_op_t op, const char* hostname, const char* invalidTrace);
@@ -239,10 +271,18 @@ private:
 
     std::unique_ptr<FpingClass> poller_;
     std::atomic<uint64_t> statusPolls_{0};
+    std::atomic<int64_t> lastPollNanos_{0}, pollNanosTotal_{0};
+    std::atomic<uint64_t> heartbeatReports_{0};
     // The whole node table was published since start or since the service
     // was last lost.
     std::atomic<bool> tablePublished_{false};
     ORVRMRmcp* const orvrmcp_;
+    // On the console: taken once at start; the monitor and its schedule
+    // exist only there. Minutes between power polls.
+    const bool onConsole_;
+    std::unique_ptr<PartitionStatus> partitions_;
+    std::unique_ptr<tarn_rmf2v::RMSchedule> powerSchedule_;
+    unsigned int powerInterval_ = 2;
     // The status schedule runs the poll; the sync schedule the write-back
     // (each cancels by its own argument).
     std::unique_ptr<tarn_rmf2v::RMSchedule> statusSchedule_;

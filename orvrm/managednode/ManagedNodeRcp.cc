@@ -96,7 +96,31 @@ uint32_t ManagedNodeRcp::getStatus() const {
 }
 
 uint32_t ManagedNodeRcp::getPowerStatus() const {
-    return powerStatus_.load();
+    char* host = getHostName();
+    if (host == nullptr) {
+        return kStatusUnknown;
+    }
+    uint32_t power = powerStatus_.load();
+    if (PartitionStatus* partitions = nodeRccp()->partitions()) {
+        power = static_cast<uint32_t>(partitions->getHostStatus(host));  // on the console
+    }
+    std::free(host);
+    return power;
+}
+
+void ManagedNodeRcp::addPartitionEntry() {
+    PartitionStatus* partitions = nodeRccp()->partitions();
+    char* host = getHostName();
+    if (partitions != nullptr && host != nullptr) {
+        zn::OwnedValue model = getAttrValue(kMnHWModel);
+        zn::OwnedValue serial = getAttrValue(kMnHWSerialNum);
+        zn::OwnedValue lpar = getAttrValue(kMnLParID);
+        std::string partition =
+            partitionIdOf(lpar.value().ptr_char, model.value().ptr_char, serial.value().ptr_char);
+        partitions->addHost(host, partition.data());
+        reportDynamicId(kMnPowerStatus);
+    }
+    std::free(host);
 }
 
 void ManagedNodeRcp::resetChangedAttributes() {

@@ -40,8 +40,12 @@ public:
     // Reachability: the poller's verdict for a minimally managed node, else
     // the last heartbeat (127 until one came).
     uint32_t getStatus() const;
-    // 127 until a source reports one.
+    // 127 without a host name; on the console the partition monitor's
+    // status; elsewhere the last one reported (127 until then).
     uint32_t getPowerStatus() const;
+    // On the console: the node's partition joins the monitor (status 1
+    // until the next poll) and PowerStatus is reported.
+    void addPartitionEntry();
     bool isMinManagedNode() const;
 
     // Changes the node: every value is checked first (nothing is written when

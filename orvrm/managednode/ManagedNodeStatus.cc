@@ -1,11 +1,14 @@
 // The nodes' reachability and heartbeat: the host list the poller watches,
 // the poll "NodeStatusUpdate" and its rescheduling, heartbeat reports by
 // node id and by host name, and power status by host name.
+#include <chrono>
+
 #include "orvrm/ORVRMLog.h"
 #include "orvrm/managednode/ManagedNodeRccp.h"
 #include "orvrm/managednode/ManagedNodeRcp.h"
 #include "orvrm/managednode/ManagedNodeSpec.h"
 #include "orvrm/orvctrl/OrvCtrlRccp.h"
+#include "platform/clock.h"
 #include "tarn_rmf/RMCommonErrors.h"
 #include "tarn_rmf2v/RMLocks.h"
 
@@ -59,7 +62,13 @@ void ManagedNodeRccp::sendStatusChanges(strent* hosts) {
 
 void ManagedNodeRccp::nodeStatusUpdate(void* arg) {
     auto* self = static_cast<ManagedNodeRccp*>(arg);
+    auto started = zn::processClock().monoNow();
     strent* changed = self->poller_->updateStatusAndRetChanges();
+    int64_t took =
+        std::chrono::duration_cast<std::chrono::nanoseconds>(zn::processClock().monoNow() - started)
+            .count();
+    self->lastPollNanos_.store(took);
+    self->pollNanosTotal_.fetch_add(took);
     if (changed != nullptr) {
         self->sendStatusChanges(changed);
         freestrlst(changed);
@@ -79,6 +88,7 @@ void ManagedNodeRccp::scheduleStatusUpdate() {
 void ManagedNodeRccp::pexHearbeatMsgCB(uint64_t nodeId, int heartbeat) {
     tarn_rmf2v::lockRccp guard(this);
     orvrminfo_trace("Entered pexHearbeatMsgCB");
+    heartbeatReports_.fetch_add(1);
     if (nodeId == 0) {
         orvrminfo_trace("setHeartbeat: NodeId - 0");
         return;
@@ -89,6 +99,14 @@ void ManagedNodeRccp::pexHearbeatMsgCB(uint64_t nodeId, int heartbeat) {
         return;
     }
     node->setHeartbeat(static_cast<uint32_t>(heartbeat));
+    // On the console a node whose partition is not active and which stopped
+    // beating leaves the cluster by itself.
+    if (onConsole_ && heartbeat == 0 && node->getPowerStatus() == 0) {
+        zn_resource_handle handle = *node->getResourceHandle();
+        node->unreserve();
+        cu_rel_error_1(removeResource(handle, 0));
+        return;
+    }
     node->unreserve();
 }
 

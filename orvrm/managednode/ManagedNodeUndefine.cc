@@ -44,6 +44,9 @@ cu_error_t* ManagedNodeRccp::undefineOne(ManagedNodeRcp* rcp) {
     }
     if (err == nullptr && hostname != nullptr) {
         poller_->removeHost(hostname);
+        if (partitions_ != nullptr) {
+            partitions_->removeHost(hostname);
+        }
         if (NodeGroupHooks* groups = nodeGroups()) {
             groups->nodeDelOrChangeCB(hostname, nullptr);
         }

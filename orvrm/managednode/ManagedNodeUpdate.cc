@@ -259,8 +259,13 @@ void ManagedNodeRcp::cascade(const Change& c) {
     if (c.hostChanged || c.oldId != c.newId || c.newAddresses != nullptr) {
         rccp->updateNodePEXD(c.oldHost.c_str(), c.oldId, c.newHost.c_str(), c.newId);
     }
-    // A partition change reaches the partition monitor, which only a
-    // console has; it registers nodes from its own class.
+    // The console's partition monitor follows a new name or partition.
+    if (PartitionStatus* partitions = rccp->partitions();
+        partitions != nullptr && (c.hostChanged || c.partitionChanged)) {
+        std::string old = c.oldHost;
+        partitions->removeHost(old.data());
+        addPartitionEntry();
+    }
     if (MNNetworkInterfaceRccp* netif = rccp->interfaces()) {
         const zn_array* oldList =
             c.oldAddresses.type() == ZN_CHAR_PTR_ARRAY ? c.oldAddresses.value().ptr_array : nullptr;

@@ -213,13 +213,26 @@ PeerDomainTest::~PeerDomainTest() {
 
 bool PeerDomainTest::start(size_t i) {
     Host& h = hosts_[i];
-    h.proc = std::make_unique<testsupport::Subprocess>(
-        testsupport::binPath("znpex/server/znpexd"),
-        std::vector<std::string>{"--state-root", h.root, "--address", h.name, "--port",
-                                 std::to_string(port_), "--host-name", h.name,
-                                 "--request-timeout-ms", "8000", "--peer-timeout-ms", "2000",
-                                 "--peer-backoff-max-ms", "500", "--threads", "2"},
-        std::vector<std::string>{}, h.logPath);
+    std::vector<std::string> args{"--state-root",
+                                  h.root,
+                                  "--address",
+                                  h.name,
+                                  "--port",
+                                  std::to_string(port_),
+                                  "--host-name",
+                                  h.name,
+                                  "--request-timeout-ms",
+                                  "8000",
+                                  "--peer-timeout-ms",
+                                  "2000",
+                                  "--peer-backoff-max-ms",
+                                  "500",
+                                  "--threads",
+                                  "2"};
+    args.insert(args.end(), extraArgs_.begin(), extraArgs_.end());
+    h.proc = std::make_unique<testsupport::Subprocess>(testsupport::binPath("znpex/server/znpexd"),
+                                                       std::move(args), std::vector<std::string>{},
+                                                       h.logPath);
     const std::string marker = "listening on tcp " + h.name + " port ";
     std::string text;
     waitFor([&] {

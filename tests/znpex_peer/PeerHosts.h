@@ -109,6 +109,8 @@ protected:
 
     testsupport::TempDir dir_;
     std::vector<Host> hosts_;
+    // More znpexd options for every host (set before startAll).
+    std::vector<std::string> extraArgs_;
     uint16_t port_ = 0;
 };
 

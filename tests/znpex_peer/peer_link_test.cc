@@ -169,12 +169,15 @@ protected:
             t.join();
         }
     }
-    void makeLink(uint16_t port) {
+    // backoffMin 2 s by default: no retry while the test runs.
+    void makeLink(uint16_t port, std::chrono::milliseconds backoffMin = std::chrono::seconds(2),
+                  std::chrono::milliseconds backoffMax = std::chrono::seconds(30)) {
         srv::PeerLinkOptions o;
         o.port = port;
         o.connectTimeout = std::chrono::milliseconds(500);
         o.helloTimeout = std::chrono::milliseconds(400);
-        o.backoffMin = std::chrono::milliseconds(2000);  // no retry while the test runs
+        o.backoffMin = backoffMin;
+        o.backoffMax = backoffMax;
         o.maxQueued = 4;
         srv::PeerHello self;
         self.host = "near";
@@ -274,6 +277,29 @@ TEST_F(PeerLinkTest, NobodyListeningAndAFullQueueLoseRequestsAtOnce) {
     }
     EXPECT_EQ(lost, 6);
     EXPECT_EQ(link_->status()["dropped"], 6);
+}
+
+TEST_F(PeerLinkTest, AHostNeverReachedPausesTenTimesLongerUntilItIsHeardFrom) {
+    uint16_t port = 0;
+    {
+        FarHost gone(FarEnd::Silent);
+        port = gone.port();
+    }
+    // Retried in the background at once and again and again: the pause
+    // grows to its cap within a few hundred milliseconds.
+    makeLink(port, std::chrono::milliseconds(1), std::chrono::milliseconds(8));
+    ask(100).wait_for(kEnough);
+    auto pauseAfter = [&](uint64_t failures) {
+        auto until = Clock::now() + kEnough;
+        while (link_->status()["failures"].get<uint64_t>() < failures && Clock::now() < until) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return link_->status()["pauseMs"].get<int64_t>();
+    };
+    EXPECT_EQ(pauseAfter(12), 80) << "never answered: ten times the longest pause";
+    uint64_t failures = link_->status()["failures"].get<uint64_t>();
+    link_->heardFrom();
+    EXPECT_EQ(pauseAfter(failures + 6), 8) << "heard from once: the usual longest pause";
 }
 
 }  // namespace

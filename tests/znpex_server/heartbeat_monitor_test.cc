@@ -51,4 +51,19 @@ TEST(HeartbeatMonitor, TheTableDecidesWhoIsWatchedAndATuningStartsTheCountAgain)
     EXPECT_EQ(m.newlySilent(50s, 10s).size(), 2u);
 }
 
+TEST(HeartbeatMonitor, AChangeOfAFewRowsAddsAndRemovesOnlyThose) {
+    HeartbeatMonitor m;
+    const auto limit = 10s;
+    m.setNodes({1, 2}, 0s);
+    m.addNodes({2, 3}, 8s);  // 2 keeps its count; 3 joins now
+    m.removeNodes({1, 99});  // 99 was never watched
+    EXPECT_EQ(m.watched(), 2u);
+    EXPECT_FALSE(m.beat(1, 9s)) << "removed";
+    EXPECT_EQ(m.newlySilent(10s, limit), V{2}) << "counted from 0 s, not from the change";
+    EXPECT_EQ(m.newlySilent(17s, limit), V{});
+    EXPECT_EQ(m.newlySilent(18s, limit), V{3});
+    m.addNodes({2}, 20s);
+    EXPECT_EQ(m.silent(), 2u) << "a listed host that is silent stays reported";
+}
+
 }  // namespace

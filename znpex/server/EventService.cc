@@ -247,6 +247,7 @@ void EventService::deliver(std::vector<events::Event>&& batch) {
             bodies[src] = proto::dumpJson(params);
         }
         owners[i]->send(eventNotification(batch[i].watch, bodies[src]));
+        delivered_.fetch_add(1, std::memory_order_relaxed);
     }
 }
 

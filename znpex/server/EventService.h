@@ -13,6 +13,7 @@
 // executor go; pending questions are abandoned then.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -73,8 +74,11 @@ public:
     size_t stopping();
 
     size_t watchCount() const { return engine_.watchCount(); }
+    // Events handed to watching clients so far.
+    uint64_t delivered() const { return delivered_.load(std::memory_order_relaxed); }
 
 private:
+    std::atomic<uint64_t> delivered_{0};
     struct Owned {
         uint64_t ownerId = 0;
         std::weak_ptr<Connection> owner;

@@ -15,6 +15,20 @@ void HeartbeatMonitor::setNodes(const std::vector<uint64_t>& nodeIds, Duration n
     }
 }
 
+void HeartbeatMonitor::addNodes(const std::vector<uint64_t>& nodeIds, Duration now) {
+    std::lock_guard<std::mutex> g(mu_);
+    for (uint64_t id : nodeIds) {
+        nodes_.try_emplace(id, State{now, false});
+    }
+}
+
+void HeartbeatMonitor::removeNodes(const std::vector<uint64_t>& nodeIds) {
+    std::lock_guard<std::mutex> g(mu_);
+    for (uint64_t id : nodeIds) {
+        nodes_.erase(id);
+    }
+}
+
 bool HeartbeatMonitor::beat(uint64_t nodeId, Duration now, bool* wasSilent) {
     std::lock_guard<std::mutex> g(mu_);
     auto it = nodes_.find(nodeId);

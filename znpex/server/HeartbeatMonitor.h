@@ -22,6 +22,9 @@ public:
     // count as heard from at `now`, so a host that never beats is reported
     // one silence limit after it joined.
     void setNodes(const std::vector<uint64_t>& nodeIds, Duration now);
+    // The same for a few hosts joining or leaving (a change of the table).
+    void addNodes(const std::vector<uint64_t>& nodeIds, Duration now);
+    void removeNodes(const std::vector<uint64_t>& nodeIds);
     // A beat of `nodeId`. False when the host is not watched. *wasSilent
     // tells whether it had been reported silent (its beat raises it again).
     bool beat(uint64_t nodeId, Duration now, bool* wasSilent = nullptr);

@@ -25,6 +25,14 @@ bool PeerDirectory::isSelf(const PeerHost& h) const {
            h.addresses.end();
 }
 
+void PeerDirectory::reindexLocked() {
+    byName_.clear();
+    byName_.reserve(hosts_.size());
+    for (size_t i = 0; i < hosts_.size(); ++i) {
+        byName_.emplace(hosts_[i].host, i);
+    }
+}
+
 void PeerDirectory::setHosts(const std::vector<PeerHost>& all) {
     std::vector<std::shared_ptr<PeerLink>> gone;
     {
@@ -35,15 +43,61 @@ void PeerDirectory::setHosts(const std::vector<PeerHost>& all) {
                 hosts_.push_back(h);
             }
         }
+        reindexLocked();
         for (auto it = links_.begin(); it != links_.end();) {
-            auto h = std::find_if(hosts_.begin(), hosts_.end(),
-                                  [&](const PeerHost& p) { return p.host == it->first; });
-            if (h == hosts_.end()) {
+            auto h = byName_.find(it->first);
+            if (h == byName_.end()) {
                 gone.push_back(std::move(it->second));
                 it = links_.erase(it);
             } else {
-                it->second->setAddresses(h->addresses);
+                it->second->setAddresses(hosts_[h->second].addresses);
                 ++it;
+            }
+        }
+    }
+    for (auto& l : gone) {
+        l->shutdown();
+    }
+}
+
+void PeerDirectory::updateHosts(const std::vector<PeerHost>& upserts,
+                                const std::vector<std::string>& removed) {
+    std::vector<std::shared_ptr<PeerLink>> gone;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        bool dropped = false;
+        for (const std::string& name : removed) {
+            auto it = byName_.find(name);
+            if (it == byName_.end()) {
+                continue;
+            }
+            hosts_[it->second].host.clear();  // compacted below
+            byName_.erase(it);
+            dropped = true;
+            if (auto l = links_.find(name); l != links_.end()) {
+                gone.push_back(std::move(l->second));
+                links_.erase(l);
+            }
+        }
+        if (dropped) {
+            hosts_.erase(std::remove_if(hosts_.begin(), hosts_.end(),
+                                        [](const PeerHost& h) { return h.host.empty(); }),
+                         hosts_.end());
+            reindexLocked();
+        }
+        for (const PeerHost& h : upserts) {
+            if (isSelf(h)) {
+                continue;
+            }
+            auto it = byName_.find(h.host);
+            if (it != byName_.end()) {
+                hosts_[it->second] = h;
+            } else {
+                byName_.emplace(h.host, hosts_.size());
+                hosts_.push_back(h);
+            }
+            if (auto l = links_.find(h.host); l != links_.end()) {
+                l->second->setAddresses(h.addresses);
             }
         }
     }
@@ -55,6 +109,24 @@ void PeerDirectory::setHosts(const std::vector<PeerHost>& all) {
 std::vector<PeerHost> PeerDirectory::hosts() const {
     std::lock_guard<std::mutex> g(mu_);
     return hosts_;
+}
+
+size_t PeerDirectory::hostCount() const {
+    std::lock_guard<std::mutex> g(mu_);
+    return hosts_.size();
+}
+
+std::vector<std::string> PeerDirectory::reachableHosts() const {
+    std::lock_guard<std::mutex> g(mu_);
+    std::vector<std::string> out;
+    out.reserve(hosts_.size());
+    for (const PeerHost& h : hosts_) {
+        auto l = links_.find(h.host);
+        if (l == links_.end() || l->second->state() != PeerLink::State::Down) {
+            out.push_back(h.host);
+        }
+    }
+    return out;
 }
 
 std::optional<PeerHost> PeerDirectory::byNodeId(uint64_t nodeId) const {
@@ -69,12 +141,8 @@ std::optional<PeerHost> PeerDirectory::byNodeId(uint64_t nodeId) const {
 
 std::optional<PeerHost> PeerDirectory::byName(const std::string& name) const {
     std::lock_guard<std::mutex> g(mu_);
-    for (const PeerHost& h : hosts_) {
-        if (h.host == name) {
-            return h;
-        }
-    }
-    return std::nullopt;
+    auto it = byName_.find(name);
+    return it != byName_.end() ? std::optional<PeerHost>(hosts_[it->second]) : std::nullopt;
 }
 
 std::shared_ptr<PeerLink> PeerDirectory::linkLocked(const PeerHost& h) {
@@ -91,16 +159,29 @@ std::shared_ptr<PeerLink> PeerDirectory::linkLocked(const PeerHost& h) {
     return link;
 }
 
+void PeerDirectory::heardFrom(const std::string& host) {
+    std::shared_ptr<PeerLink> link;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        auto it = links_.find(host);
+        if (it != links_.end()) {
+            link = it->second;
+        }
+    }
+    if (link != nullptr) {
+        link->heardFrom();
+    }
+}
+
 void PeerDirectory::send(const std::string& host, const std::string& method, Json params,
                          std::chrono::milliseconds timeout, PeerLink::Done done) {
     std::shared_ptr<PeerLink> link;
     {
         std::lock_guard<std::mutex> g(mu_);
         if (!stopped_) {
-            auto h = std::find_if(hosts_.begin(), hosts_.end(),
-                                  [&](const PeerHost& p) { return p.host == host; });
-            if (h != hosts_.end()) {
-                link = linkLocked(*h);
+            auto h = byName_.find(host);
+            if (h != byName_.end()) {
+                link = linkLocked(hosts_[h->second]);
             }
         }
     }

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "znpex/proto/Json.h"
@@ -56,6 +57,14 @@ public:
     bool isSelf(const PeerHost& h) const;
     // The other hosts, in table order.
     std::vector<PeerHost> hosts() const;
+    size_t hostCount() const;
+    // The other hosts whose link is not down (never tried, connecting or up):
+    // what is sent to a host that is down is lost anyway, and it catches up
+    // when its link comes up.
+    std::vector<std::string> reachableHosts() const;
+    // Adds or replaces hosts and removes others by name, leaving the rest:
+    // a change of a few rows of a large table costs a few rows.
+    void updateHosts(const std::vector<PeerHost>& upserts, const std::vector<std::string>& removed);
     // The other host with this node id.
     std::optional<PeerHost> byNodeId(uint64_t nodeId) const;
     // The other host listed under `name` (by host name), if any.
@@ -70,6 +79,8 @@ public:
     void fanOut(const std::vector<std::string>& hosts, const std::string& method,
                 const proto::Json& params, std::chrono::milliseconds timeout,
                 std::function<void(std::vector<PeerReply>)> done);
+    // `host` greeted this one: its link, if it waits out a pause, tries now.
+    void heardFrom(const std::string& host);
 
     // Ends every link (at shutdown); later sends are lost at once.
     void shutdown();
@@ -77,6 +88,7 @@ public:
 
 private:
     std::shared_ptr<PeerLink> linkLocked(const PeerHost& h);
+    void reindexLocked();
 
     asio::any_io_executor executor_;
     const Self self_;
@@ -85,6 +97,7 @@ private:
 
     mutable std::mutex mu_;  // guards everything below
     std::vector<PeerHost> hosts_;
+    std::unordered_map<std::string, size_t> byName_;  // host -> its place in hosts_
     std::map<std::string, std::shared_ptr<PeerLink>> links_;
     bool stopped_ = false;
 };

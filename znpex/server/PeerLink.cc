@@ -90,9 +90,13 @@ PeerLink::State PeerLink::state() const {
 Json PeerLink::status() const {
     std::lock_guard<std::mutex> g(mu_);
     static const char* const names[] = {"idle", "connecting", "up", "down"};
-    Json j{{"host", host_},       {"state", names[static_cast<int>(state_)]},
-           {"connects", ups_},    {"failures", failures_},
-           {"dropped", dropped_}, {"queued", queued_.size()}};
+    Json j{{"host", host_},
+           {"state", names[static_cast<int>(state_)]},
+           {"connects", ups_},
+           {"failures", failures_},
+           {"dropped", dropped_},
+           {"queued", queued_.size()},
+           {"pauseMs", backoff_.count()}};
     if (!lastError_.empty()) {
         j["lastError"] = lastError_;
     }
@@ -352,6 +356,7 @@ void PeerLink::proveDone(uint64_t gen, Outcome outcome, const Json& response) {
         }
         state_ = State::Up;
         backoff_ = options_.backoffMin;
+        reached_ = true;
         wasOut = outageLogged_;
         outageLogged_ = false;
         lastError_.clear();
@@ -361,7 +366,9 @@ void PeerLink::proveDone(uint64_t gen, Outcome outcome, const Json& response) {
         conn = conn_;
     }
     conn->authenticate(options_.peerLimits);
-    if (wasOut) {
+    if (options_.outages != nullptr) {
+        options_.outages->up(host_);
+    } else if (wasOut) {
         serviceLog("peer link to %s is up again", host_.c_str());
     }
     flush(std::move(queued), session);
@@ -409,7 +416,9 @@ void PeerLink::failed(uint64_t gen, const std::string& why) {
         ++failures_;
         lastError_ = why;
         retryAt_ = Clock::now() + backoff_;
-        backoff_ = std::min(backoff_ * 2, options_.backoffMax);
+        backoff_ = std::min(backoff_ * 2, reached_ ? options_.backoffMax
+                                                   : options_.backoffMax *
+                                                         std::max(1, options_.neverReachedFactor));
         log = !outageLogged_;
         outageLogged_ = true;
         queued.swap(queued_);
@@ -418,7 +427,9 @@ void PeerLink::failed(uint64_t gen, const std::string& why) {
         session = std::move(session_);
         scheduleRetryLocked();
     }
-    if (log) {
+    if (log && options_.outages != nullptr) {
+        options_.outages->down(host_, why);
+    } else if (log) {
         serviceLog("peer link to %s is down (%s); its messages are dropped until it is back",
                    host_.c_str(), why.c_str());
     }
@@ -429,6 +440,16 @@ void PeerLink::failed(uint64_t gen, const std::string& why) {
         session->failAll();
     }
     fail(std::move(queued));
+}
+
+void PeerLink::heardFrom() {
+    std::lock_guard<std::mutex> g(mu_);
+    reached_ = true;
+    if (stopped_ || state_ != State::Down) {
+        return;
+    }
+    backoff_ = options_.backoffMin;
+    startConnectLocked();
 }
 
 void PeerLink::scheduleRetryLocked() {

@@ -25,6 +25,7 @@
 #include "znpex/server/Connection.h"
 #include "znpex/server/ManagerSession.h"
 #include "znpex/server/PeerMessages.h"
+#include "znpex/server/PeerOutageLog.h"
 
 namespace znpex::server {
 
@@ -34,6 +35,11 @@ struct PeerLinkOptions {
     std::chrono::milliseconds helloTimeout{std::chrono::seconds(5)};
     std::chrono::milliseconds backoffMin{std::chrono::milliseconds(250)};
     std::chrono::milliseconds backoffMax{std::chrono::seconds(30)};
+    // A host that has never answered (most often one without a service,
+    // powered off) is let grow this many times further before each try.
+    int neverReachedFactor = 10;
+    // Where outages and returns are logged; none: one line each, here.
+    std::shared_ptr<PeerOutageLog> outages;
     // The local address outbound connections leave from ("": the kernel's choice).
     std::string sourceAddress;
     // Requests waiting for the link to come up.
@@ -62,6 +68,9 @@ public:
     // returns (lost at once while the host is down).
     void request(const std::string& method, proto::Json params, std::chrono::milliseconds timeout,
                  Done done);
+    // The host was heard from (it greeted this one): a link waiting out its
+    // pause tries again now, and a host never reached counts as reached.
+    void heardFrom();
     // Ends everything (at shutdown): waiting requests are lost, no reconnects.
     void shutdown();
 
@@ -117,6 +126,7 @@ private:
     std::unique_ptr<asio::steady_timer> retryTimer_;
     bool stopped_ = false;
     bool outageLogged_ = false;
+    bool reached_ = false;  // answered or greeted this host at least once
     std::string lastError_;
     uint64_t ups_ = 0, failures_ = 0, dropped_ = 0;
 };

@@ -55,7 +55,11 @@ Router::Router(AclStore& acl, RmRegistry& registry, di::DiStore& di, RouterOptio
           std::min<std::chrono::milliseconds>(options.requestTimeout, std::chrono::seconds(10)))),
       di_(di),
       budget_(options.bufferBudget),
-      pending_(options.maxPendingPerAddress) {
+      pending_(options.maxPendingPerAddress),
+      // With many hosts powered off, their outages come as one line a minute.
+      peerOutages_(std::make_shared<PeerOutageLog>(
+          clock_, std::chrono::minutes(1),
+          [](const std::string& line) { serviceLog("%s", line.c_str()); })) {
     budget_.setReclaim([this](size_t over) { reclaim(over); });
     hb_ = di_.heartbeat();
 }
@@ -194,6 +198,10 @@ void Router::onOversize(const std::shared_ptr<Connection>& c, uint64_t length) {
 void Router::onClosed(const std::shared_ptr<Connection>& c) {
     noteClosed(*c);
     pending_.release(c->id());
+    {
+        std::lock_guard<std::mutex> g(partsMu_);
+        copies_.erase(c->id());  // a copy cut off by its connection
+    }
     std::shared_ptr<ManagerSession> manager;
     std::set<std::string> watched;
     {

@@ -17,6 +17,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -57,7 +58,8 @@ struct RouterOptions {
     // How long another host may take to answer one request (peer messages,
     // table replication, its part of a domain request).
     std::chrono::milliseconds peerTimeout{std::chrono::seconds(3)};
-    // Longest pause between attempts to reach a host that is down.
+    // Longest pause between attempts to reach a host that is down (ten
+    // times this for a host that has never answered).
     std::chrono::milliseconds peerBackoffMax{std::chrono::seconds(30)};
 
     // What a caller that has not authenticated (TCP, before a host proof)
@@ -77,14 +79,10 @@ struct RouterOptions {
     size_t bufferBudget = 96u << 20;
     // How far ahead of this host's clock another host's table stamp may be.
     std::chrono::milliseconds maxStampSkew{std::chrono::minutes(5)};
+    // The largest replication message: a whole copy above it goes in parts,
+    // a change above it goes as whole copies. Well inside one frame.
+    size_t replicationChunk = 8u << 20;
 };
-
-// Hands an applied table transaction on to the other hosts of the domain and
-// calls `done` once with DI_OK (every host has it, or there are none) or
-// DI_EPARTIAL (some have not acknowledged it). Runs on an I/O thread: it
-// must not block, and `done` may be called from any thread.
-using DiReplicator =
-    std::function<void(const di::Transaction& t, std::function<void(int code)> done)>;
 
 class Router : public ConnectionHandler {
 public:
@@ -116,9 +114,13 @@ public:
     // Applies a table transaction here and tells the tables' watchers;
     // DI_OK, DI_EINVAL or DI_ESTORE (with `why`). Never replicates.
     int applyDi(const di::Transaction& t, std::string* why);
-    // Where "di.refresh" sends what it applied; by default nowhere (DI_OK).
-    // Set before start().
-    void setDiReplicator(DiReplicator r) { diReplicator_ = std::move(r); }
+    // Applies a transaction here and hands it on to the other hosts
+    // (RouterReplicate.cc); `done` gets DI_OK (every host has it, or there
+    // are none), DI_EPARTIAL (some have not acknowledged it), or the failure
+    // to apply it here with why. Runs on an I/O thread: it does not block,
+    // and `done` may run on any thread.
+    void replicateChange(const di::Transaction& t,
+                         std::function<void(int code, const std::string& why)> done);
     di::DiStore& diStore() { return di_; }
 
     // Starts the periodic housekeeping (returning freed memory). Call once,
@@ -171,14 +173,43 @@ private:
     void peerDeliver(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
     void diReplicate(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m);
     void peerSend(const std::string& rmName, const proto::RpcMessage& m);
-    void replicate(const di::Transaction& t, std::function<void(int code)> done);
     void peerUp(const std::string& host);
+
+    // Table replication (RouterReplicate.cc).
+    static uint64_t wallMillis();
     // The newest stamp another host may send: this clock plus the allowed skew.
     uint64_t latestStamp() const;
     // Keeps the stamp with the tables (logged when it cannot be).
     void storeStamp(uint64_t stamp);
-    // The node table's hosts to the peer directory (after every change).
+    // The whole tables as "di.replicate" params: one message, or parts.
+    std::vector<proto::Json> wholeCopy(uint64_t stamp, const di::Transaction& snapshot,
+                                       const di::Heartbeat& h) const;
+    // Sends the whole tables to a host (a host behind, or whose link came
+    // up); `done`, if any, learns whether the host answered every part DI_OK.
+    void sendTables(const std::string& host, std::function<void(bool taken)> done = nullptr);
+    // The whole tables to each of `hosts`; `done` gets DI_OK when all took
+    // them and `allSoFar` holds, DI_EPARTIAL otherwise.
+    void copyTo(const std::vector<std::string>& hosts, bool allSoFar,
+                std::function<void(int code, const std::string& why)> done);
+    // False (after answering) for a stamp no clock of the domain could make.
+    bool stampAcceptable(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m,
+                         uint64_t stamp);
+    void takeWhole(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m, uint64_t stamp,
+                   const di::Transaction& t, std::optional<di::Heartbeat> beat);
+    void takeChange(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m,
+                    uint64_t stamp, uint64_t base, const di::Transaction& t,
+                    std::optional<di::Heartbeat> beat);
+    void takeReplicatedHeartbeat(const std::shared_ptr<Connection>& c,
+                                 std::optional<di::Heartbeat> beat);
+    // Adds one part of a whole copy from `c`; the whole copy once its last
+    // part came. Throws ProtocolError for a part out of place or too many rows.
+    std::optional<di::Transaction> addPart(const std::shared_ptr<Connection>& c, uint64_t stamp,
+                                           uint32_t index, uint32_t count, di::Transaction t,
+                                           const std::string& where);
+    // The node table's hosts to the peer directory and the heartbeat's view
+    // of them: all of them, or the rows of a change (after every change).
     void refreshPeers();
+    void refreshPeers(const di::Transaction& change);
     // The host a connection speaks for after its "peer.hello", or "".
     std::string peerHostOf(const Connection& c) const;
     // The identity a connection acts under: "<host>@PEER" once a peer
@@ -280,7 +311,6 @@ private:
     std::unique_ptr<EventService> events_;
 
     di::DiStore& di_;
-    DiReplicator diReplicator_;
     std::mutex diWatchMu_;  // guards diWatchers_
     std::map<uint64_t, std::weak_ptr<Connection>> diWatchers_;
 
@@ -313,6 +343,18 @@ private:
     std::atomic<uint64_t> peerDelivered_{0}, peerFailed_{0}, peerUnclaimed_{0}, peerReceived_{0},
         replicated_{0}, replicationsPartial_{0}, refusedPeers_{0}, refusedStamps_{0},
         refusedClientProofs_{0};
+    // A whole copy coming in parts, per connection.
+    static constexpr uint32_t kMaxCopyParts = 4096;
+    struct CopyParts {
+        uint64_t stamp = 0;
+        uint32_t count = 0;
+        uint32_t next = 0;
+        di::Transaction whole;
+    };
+    std::mutex partsMu_;  // guards copies_
+    std::map<uint64_t, CopyParts> copies_;
+    std::atomic<uint64_t> changesSent_{0}, copiesSent_{0}, partsSent_{0}, bytesReplicated_{0},
+        behindAnswers_{0}, changesApplied_{0}, copiesApplied_{0};
 
     // The heartbeat (RouterHeartbeat.cc).
     mutable std::mutex hbMu_;  // guards hb_, selfAddresses_, nextBeat_
@@ -326,6 +368,8 @@ private:
     // Connection limits (RouterLimits.cc).
     BufferBudget budget_;
     PendingLimit pending_;
+    // Outages of the links to other hosts, summed up at housekeeping.
+    const std::shared_ptr<PeerOutageLog> peerOutages_;
     std::mutex housekeepingMu_;  // guards housekeeping_, hbTimer_
     std::unique_ptr<asio::steady_timer> housekeeping_;
     std::unique_ptr<asio::steady_timer> hbTimer_;

@@ -18,7 +18,11 @@ int Router::applyDi(const di::Transaction& t, std::string* why) {
     if (rc != DI_OK) {
         return rc;
     }
-    refreshPeers();
+    if (t.clearNodes) {
+        refreshPeers();
+    } else if (!t.nodes.empty()) {
+        refreshPeers(t);
+    }
     bool nodes = t.clearNodes || !t.nodes.empty();
     bool groups = t.clearGroups || !t.groups.empty();
     std::string note = proto::dumpJson(proto::makeNotification(
@@ -40,23 +44,20 @@ int Router::applyDi(const di::Transaction& t, std::string* why) {
 
 void Router::diRefresh(const std::shared_ptr<Connection>& c, const RpcMessage& m) {
     di::Transaction t = di::decodeTransaction(m.params);  // ProtocolError: invalid params
-    std::string why;
-    int rc = applyDi(t, &why);
-    if (rc != DI_OK) {
-        serviceLog("table refresh from %s not applied: %s", c->identity().c_str(), why.c_str());
-        replyResult(c, m.id, Json{{"code", rc}, {"reason", why}});
-        return;
-    }
-    if (!diReplicator_) {
-        replyResult(c, m.id, Json{{"code", DI_OK}, {"version", di_.version()}});
-        return;
-    }
-    uint64_t version = di_.version();
     std::weak_ptr<Connection> weak = c;
     Json id = m.id;
-    diReplicator_(t, [weak, id, version](int code) {
-        if (auto conn = weak.lock()) {
-            replyResult(conn, id, Json{{"code", code}, {"version", version}});
+    std::string identity = c->identity();
+    replicateChange(t, [this, weak, id, identity](int code, const std::string& why) {
+        auto conn = weak.lock();
+        if (code != DI_OK && code != DI_EPARTIAL) {
+            serviceLog("table refresh from %s not applied: %s", identity.c_str(), why.c_str());
+            if (conn) {
+                replyResult(conn, id, Json{{"code", code}, {"reason", why}});
+            }
+            return;
+        }
+        if (conn) {
+            replyResult(conn, id, Json{{"code", code}, {"version", di_.version()}});
         }
     });
 }
@@ -89,9 +90,9 @@ void Router::diTuneHeartbeat(const std::shared_ptr<Connection>& c, const RpcMess
     if (changed) {
         serviceLog("heartbeat tuned by %s: every %u s, %u missed beats%s%s", c->identity().c_str(),
                    h.frequency, h.sensitivity, h.rm.empty() ? "" : ", reported to ", h.rm.c_str());
-        // The other hosts learn it with the tables.
-        if (diReplicator_) {
-            diReplicator_(di::Transaction{}, [](int) {});
+        // The other hosts learn it as a change that carries it.
+        if (peers_ != nullptr) {
+            replicateChange(di::Transaction{}, [](int, const std::string&) {});
         }
     }
     replyResult(c, m.id, Json{{"code", DI_OK}});

@@ -123,6 +123,7 @@ void Router::startHousekeeping() {
 
 void Router::housekeeping() {
     budget_.tick();
+    peerOutages_->flush();
     std::lock_guard<std::mutex> g(housekeepingMu_);
     if (housekeeping_ == nullptr) {
         return;  // stopped

@@ -2,14 +2,7 @@
 // services, the greeting that makes an inbound connection a peer, peer
 // messages between managers of the same name, and table replication.
 //
-// Replication sends whole tables, stamped with the time of the change that
-// made them (milliseconds, kept increasing per host). A host takes a copy
-// only when its stamp is newer than the newest it has, so copies may arrive
-// in any order and a host that missed changes catches up from the first
-// copy it gets: after every local change, and whenever a link to a host
-// comes up (again). The stamp is stored with the tables, so a restarted host
-// neither takes an older copy over the newer tables it kept nor is ignored
-// when it sends them.
+// Table replication itself is RouterReplicate.cc.
 #include <unistd.h>
 
 #include <strings.h>
@@ -55,34 +48,6 @@ bool trustedHost(const std::string& host) {
     return rc == 0;
 }
 
-// The wall clock in milliseconds since the epoch.
-uint64_t nowMillis() {
-    timespec t = zn::processClock().wallNow();
-    return static_cast<uint64_t>(static_cast<int64_t>(t.tv_sec) * 1000 + t.tv_nsec / 1'000'000);
-}
-
-// The tables and, once tuned, the domain's heartbeat.
-Json replicateParams(uint64_t stamp, const di::Transaction& snapshot, const di::Heartbeat& h) {
-    Json p{{"stamp", proto::decimal(stamp)}, {"tables", di::encodeTransaction(snapshot)}};
-    if (h.frequency != 0) {
-        p["heartbeat"] = di::encodeHeartbeat(h);
-    }
-    return p;
-}
-
-// The "code" of a peer's "di.replicate" answer, or -1.
-int replicateCode(const PeerReply& r) {
-    if (r.outcome != PeerLink::Outcome::Answered) {
-        return -1;
-    }
-    const Json* result = proto::findField(r.response, "result");
-    if (result == nullptr || !result->is_object() || !result->contains("code") ||
-        !(*result)["code"].is_number_integer()) {
-        return -1;
-    }
-    return (*result)["code"].get<int>();
-}
-
 }  // namespace
 
 void Router::startPeers(const std::string& listenAddress, uint16_t port) {
@@ -96,7 +61,7 @@ void Router::startPeers(const std::string& listenAddress, uint16_t port) {
             serviceLog("table stamp %llu is ahead of this host's clock; taken as %llu",
                        static_cast<unsigned long long>(diStamp_),
                        static_cast<unsigned long long>(limit));
-            diStamp_ = nowMillis();
+            diStamp_ = wallMillis();
             storeStamp(diStamp_);
         }
     }
@@ -128,15 +93,13 @@ void Router::startPeers(const std::string& listenAddress, uint16_t port) {
     if (listenAddress != "0.0.0.0" && listenAddress != "::") {
         lo.sourceAddress = listenAddress;
     }
+    lo.outages = peerOutages_;
     serviceLog("this host is %s, node id %llu; other hosts' services on port %u", self.host.c_str(),
                static_cast<unsigned long long>(self.nodeId), static_cast<unsigned>(lo.port));
     peers_ = std::make_unique<PeerDirectory>(executor_, self, lo,
                                              [this](const std::string& host) { peerUp(host); });
     startHeartbeats();
     refreshPeers();
-    setDiReplicator([this](const di::Transaction& t, std::function<void(int)> done) {
-        replicate(t, std::move(done));
-    });
     // A restarted host offers what it kept; hosts with newer tables answer
     // with theirs (see diReplicate), so both sides catch up without waiting
     // for the next change.
@@ -180,6 +143,45 @@ void Router::refreshPeers() {
         selfAddresses_ = std::move(own);
     }
     monitor_.setNodes(server ? ids : std::vector<uint64_t>{}, clock_.monoNow());
+}
+
+void Router::refreshPeers(const di::Transaction& change) {
+    if (peers_ == nullptr) {
+        return;
+    }
+    di::Heartbeat h = heartbeat();
+    bool remove = change.op == DI_TABLE_REMOVE;
+    std::vector<PeerHost> upserts;
+    std::vector<std::string> removed;
+    std::vector<uint64_t> ids;
+    for (const di::NodeEntry& n : change.nodes) {
+        // Rows that are this host or the heartbeat's server change more than
+        // the list of hosts: those take the whole table again.
+        PeerHost p{n.hostname, n.nodeId, n.addresses};
+        std::optional<PeerHost> known = peers_->byName(n.hostname);
+        if (n.hostname == h.server || (!remove && peers_->isSelf(p)) ||
+            (known && known->nodeId != n.nodeId && !remove) || (remove && !known)) {
+            refreshPeers();
+            return;
+        }
+        if (remove) {
+            if (known) {
+                ids.push_back(known->nodeId);
+            }
+            removed.push_back(n.hostname);
+        } else {
+            ids.push_back(n.nodeId);
+            upserts.push_back(std::move(p));
+        }
+    }
+    peers_->updateHosts(upserts, removed);
+    if (heartbeatServer(h)) {
+        if (remove) {
+            monitor_.removeNodes(ids);
+        } else {
+            monitor_.addNodes(ids, clock_.monoNow());
+        }
+    }
 }
 
 std::string Router::peerHostOf(const Connection& c) const {
@@ -314,6 +316,11 @@ void Router::peerProve(const std::shared_ptr<Connection>& c, const RpcMessage& m
         std::lock_guard<std::mutex> g(peerMu_);
         peerHosts_[c->id()] = hello.host;
     }
+    // A host that greets is up: what this one has for it need not wait
+    // for its link's pause (long for a host never reached).
+    if (peers_ != nullptr) {
+        peers_->heardFrom(hello.host);
+    }
     c->authenticate(limitsFor(Transport::Tcp, true, false));
     pending_.release(c->id());
     r.identity = hello.host + "@PEER";
@@ -360,141 +367,6 @@ void Router::peerSend(const std::string& rmName, const RpcMessage& m) {
                    });
 }
 
-void Router::storeStamp(uint64_t stamp) {
-    std::string why;
-    if (di_.setStamp(stamp, &why) != DI_OK) {
-        // The tables are right; only a restart before the next change could
-        // take an older copy for newer.
-        serviceLog("table stamp not stored: %s", why.c_str());
-    }
-}
-
-void Router::replicate(const di::Transaction&, std::function<void(int code)> done) {
-    uint64_t stamp = 0;
-    di::Transaction snapshot;
-    {
-        std::lock_guard<std::mutex> g(diStampMu_);
-        // Stamps stay within the allowed skew of this clock (see diReplicate),
-        // so the + 1 cannot wrap.
-        stamp = std::max(nowMillis(), diStamp_ + 1);
-        diStamp_ = stamp;
-        snapshot = di_.snapshot();
-        storeStamp(stamp);
-    }
-    std::vector<std::string> hosts;
-    if (peers_ != nullptr) {
-        for (const PeerHost& h : peers_->hosts()) {
-            hosts.push_back(h.host);
-        }
-    }
-    if (hosts.empty()) {
-        done(DI_OK);
-        return;
-    }
-    peers_->fanOut(hosts, kDiReplicate, replicateParams(stamp, snapshot, heartbeat()),
-                   options_.peerTimeout,
-                   [this, done = std::move(done)](std::vector<PeerReply> replies) {
-                       bool all = true;
-                       for (const PeerReply& r : replies) {
-                           all = all && replicateCode(r) == DI_OK;
-                       }
-                       (all ? replicated_ : replicationsPartial_).fetch_add(1);
-                       done(all ? DI_OK : DI_EPARTIAL);
-                   });
-}
-
-void Router::peerUp(const std::string& host) {
-    uint64_t stamp = 0;
-    di::Transaction snapshot;
-    {
-        std::lock_guard<std::mutex> g(diStampMu_);
-        stamp = diStamp_;
-        if (stamp != 0) {
-            snapshot = di_.snapshot();
-        }
-    }
-    if (stamp == 0) {
-        return;  // nothing newer than what a restarted host has itself
-    }
-    peers_->send(host, kDiReplicate, replicateParams(stamp, snapshot, heartbeat()),
-                 options_.peerTimeout, [](PeerLink::Outcome, Json) {});
-}
-
-void Router::diReplicate(const std::shared_ptr<Connection>& c, const RpcMessage& m) {
-    const std::string w = "params";
-    proto::requireObject(m.params, w);
-    uint64_t stamp =
-        proto::asDecimalUInt64(proto::requireField(m.params, "stamp", w), w + ".stamp");
-    di::Transaction t = di::decodeTransaction(proto::requireField(m.params, "tables", w));
-    std::optional<di::Heartbeat> beat;
-    if (const Json* f = proto::findField(m.params, "heartbeat")) {
-        beat = di::decodeHeartbeat(*f, w + ".heartbeat");
-    }
-    if (!t.clearNodes || !t.clearGroups || t.op == DI_TABLE_REMOVE) {
-        throw proto::ProtocolError(
-            w + ".tables: expected whole tables (both cleared first, rows added)");
-    }
-    if (uint64_t limit = latestStamp(); stamp > limit) {
-        // No clock of the domain could have made it: taking it would make
-        // every later, real change look older, here and on every host this
-        // one answers with its tables.
-        std::string host = peerHostOf(*c);
-        if (refusedStamps_.fetch_add(1) % 100 == 0) {
-            serviceLog(
-                "tables from %s refused: stamp %llu is more than %lld ms ahead of this "
-                "host's clock",
-                host.c_str(), static_cast<unsigned long long>(stamp),
-                static_cast<long long>(options_.maxStampSkew.count()));
-        }
-        replyResult(c, m.id,
-                    Json{{"code", DI_EINVAL},
-                         {"reason", "stamp " + std::to_string(stamp) +
-                                        " is ahead of the receiving host's clock by more than " +
-                                        std::to_string(options_.maxStampSkew.count()) + " ms"}});
-        return;
-    }
-    std::unique_lock<std::mutex> g(diStampMu_);
-    if (stamp <= diStamp_) {
-        // What we have is as new: nothing to take. When it is newer, the
-        // sender missed changes: it gets ours back.
-        bool newer = stamp < diStamp_;
-        g.unlock();
-        replyResult(c, m.id, Json{{"code", DI_OK}, {"applied", false}, {"version", di_.version()}});
-        if (std::string host = peerHostOf(*c); newer && !host.empty()) {
-            peerUp(host);
-        }
-        return;
-    }
-    std::string why;
-    int rc = applyDi(t, &why);
-    if (rc != DI_OK) {
-        serviceLog("tables from %s not applied: %s", peerHostOf(*c).c_str(), why.c_str());
-        replyResult(c, m.id, Json{{"code", rc}, {"reason", why}});
-        return;
-    }
-    diStamp_ = stamp;
-    storeStamp(stamp);
-    if (beat && beat->frequency != 0 && beat->sensitivity != 0) {
-        // A server listening on every address is reached where its copy came from.
-        if (!beat->server.empty() && beat->serverAddresses.empty()) {
-            std::lock_guard<std::mutex> pg(peerMu_);
-            auto it = tcpAddresses_.find(c->id());
-            if (it != tcpAddresses_.end()) {
-                beat->serverAddresses.push_back(it->second);
-            }
-        }
-        bool changed = false;
-        if (takeHeartbeat(*beat, &changed, &why) != DI_OK) {
-            serviceLog("heartbeat from %s not stored: %s", peerHostOf(*c).c_str(), why.c_str());
-        }
-    }
-    replyResult(c, m.id, Json{{"code", DI_OK}, {"applied", true}, {"version", di_.version()}});
-}
-
-uint64_t Router::latestStamp() const {
-    return nowMillis() + static_cast<uint64_t>(options_.maxStampSkew.count());
-}
-
 Json Router::peerStatus() const {
     Json j{{"delivered", peerDelivered_.load()},
            {"failed", peerFailed_.load()},
@@ -503,7 +375,14 @@ Json Router::peerStatus() const {
            {"replicated", replicated_.load()},
            {"replicationsPartial", replicationsPartial_.load()},
            {"refusedGreetings", refusedPeers_.load()},
-           {"refusedStamps", refusedStamps_.load()}};
+           {"refusedStamps", refusedStamps_.load()},
+           {"changesSent", changesSent_.load()},
+           {"copiesSent", copiesSent_.load()},
+           {"partsSent", partsSent_.load()},
+           {"bytesReplicated", bytesReplicated_.load()},
+           {"behindAnswers", behindAnswers_.load()},
+           {"changesApplied", changesApplied_.load()},
+           {"copiesApplied", copiesApplied_.load()}};
     if (peers_ != nullptr) {
         j["host"] = peers_->self().host;
         j["nodeId"] = proto::decimal(peers_->self().nodeId);

@@ -130,6 +130,7 @@ Json Router::status() const {
           {"notConnected", lost_.load()},
           {"malformed", malformed_.load()}}},
         {"notifications", notifications_.load()},
+        {"events", {{"delivered", events_->delivered()}, {"watches", events_->watchCount()}}},
         {"peerMessages", peerMessages_.load()},
         {"peers", peerStatus()},
         {"refusedConnections", refused_.load()},

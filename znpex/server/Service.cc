@@ -1,9 +1,12 @@
 #include "znpex/server/Service.h"
 
+#include "znpex/server/ServiceMetrics.h"
+
 #include <cstdio>
 
 #include "platform/paths.h"
 #include "znpex/server/ServiceLog.h"
+#include "znpex/server/ServiceMetrics.h"
 
 namespace znpex::server {
 namespace {
@@ -63,6 +66,13 @@ Service::~Service() {
 
 void Service::start() {
     router_.reloadAcl(nullptr);
+    // First, so a wrong address stops the start before any socket serves.
+    if (!options_.metricsAddress.empty()) {
+        metrics_ = std::make_unique<zn::metrics::MetricsServer>(
+            options_.metricsAddress, [this] { return renderServiceMetrics(router_.status()); });
+        serviceLog("metrics on %s (port %u)", options_.metricsAddress.c_str(),
+                   static_cast<unsigned>(metrics_->port()));
+    }
     listeners_.openLocal(options_.socketPath);
     serviceLog("listening on %s", options_.socketPath.c_str());
     if (options_.tcp) {
@@ -81,6 +91,7 @@ void Service::start() {
 }
 
 void Service::stop() {
+    metrics_.reset();  // it reads the router
     if (!running_) {
         listeners_.close();
         return;

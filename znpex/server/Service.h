@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/metrics/MetricsServer.h"
 #include "znpex/server/AclStore.h"
 #include "znpex/server/AsioConfig.h"
 #include "znpex/server/Listeners.h"
@@ -34,6 +35,8 @@ struct ServiceOptions {
     // Join the management domain: links to the node table's other hosts, peer
     // messages and table replication (needs tcp). Off, the service acts alone.
     bool peers = false;
+    // Where the metrics page is served ("host:port"); "": nowhere.
+    std::string metricsAddress;
     RouterOptions router;
 };
 
@@ -52,6 +55,8 @@ public:
     void stop();
 
     uint16_t tcpPort() const { return listeners_.tcpPort(); }
+    // The metrics page's port, 0 when it is not served.
+    uint16_t metricsPort() const { return metrics_ != nullptr ? metrics_->port() : 0; }
     const std::string& socketPath() const { return options_.socketPath; }
     bool reloadAcl(std::string* why) { return router_.reloadAcl(why); }
     Router& router() { return router_; }
@@ -69,6 +74,7 @@ private:
     asio::io_context io_;
     Listeners listeners_;
     std::vector<std::thread> threads_;
+    std::unique_ptr<zn::metrics::MetricsServer> metrics_;
     bool running_ = false;
 };
 

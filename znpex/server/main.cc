@@ -17,6 +17,7 @@
 #include "platform/paths.h"
 #include "znpex/server/Service.h"
 #include "znpex/server/ServiceLog.h"
+#include "znpex/server/ServiceMetrics.h"
 
 namespace {
 
@@ -71,7 +72,8 @@ int main(int argc, char** argv) {
                    "How long another host's service may take to answer one request")
         ->capture_default_str();
     app.add_option("--peer-backoff-max-ms", peerBackoffMaxMs,
-                   "Longest pause between attempts to reach a host that is down")
+                   "Longest pause between attempts to reach a host that is down "
+                   "(ten times this for a host that never answered)")
         ->capture_default_str();
     unsigned budgetMb = static_cast<unsigned>(opts.router.bufferBudget >> 20);
     unsigned readTimeoutMs = static_cast<unsigned>(opts.router.readTimeout.count());
@@ -99,7 +101,19 @@ int main(int argc, char** argv) {
                    "How far ahead of this host's clock another host's table stamp may be")
         ->capture_default_str()
         ->check(CLI::Range(0u, 86400000u));
+    const char* metricsEnv = std::getenv(znpex::server::kMetricsAddressEnv);
+    opts.metricsAddress = metricsEnv != nullptr ? metricsEnv : "";
+    app.add_option("--metrics-address", opts.metricsAddress,
+                   std::string("Serve Prometheus metrics on host:port (default: $") +
+                       znpex::server::kMetricsAddressEnv + "; unset: not served)");
+    size_t chunkBytes = opts.router.replicationChunk;
+    app.add_option("--replication-chunk-bytes", chunkBytes,
+                   "The largest table replication message: larger changes go as whole "
+                   "copies, larger copies in parts")
+        ->capture_default_str()
+        ->check(CLI::Range(size_t{1024}, size_t{8} << 20));
     CLI11_PARSE(app, argc, argv);
+    opts.router.replicationChunk = chunkBytes;
     opts.router.bufferBudget = static_cast<size_t>(budgetMb) << 20;
     opts.router.readTimeout = std::chrono::milliseconds(readTimeoutMs);
     opts.router.unauthenticatedIdle = std::chrono::milliseconds(idleTimeoutMs);
