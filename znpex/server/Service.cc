@@ -68,8 +68,11 @@ void Service::start() {
     router_.reloadAcl(nullptr);
     // First, so a wrong address stops the start before any socket serves.
     if (!options_.metricsAddress.empty()) {
-        metrics_ = std::make_unique<zn::metrics::MetricsServer>(
-            options_.metricsAddress, [this] { return renderServiceMetrics(router_.status()); });
+        metrics_ = std::make_unique<zn::metrics::MetricsServer>(options_.metricsAddress, [this] {
+            return started_.load(std::memory_order_acquire)
+                       ? renderServiceMetrics(router_.status())
+                       : std::string("# the service is starting\n");
+        });
         serviceLog("metrics on %s (port %u)", options_.metricsAddress.c_str(),
                    static_cast<unsigned>(metrics_->port()));
     }
@@ -85,6 +88,7 @@ void Service::start() {
     }
     router_.startHousekeeping();
     running_ = true;
+    started_.store(true, std::memory_order_release);
     for (unsigned i = 0; i < options_.threads; ++i) {
         threads_.emplace_back([this] { io_.run(); });
     }

@@ -6,6 +6,7 @@
 // start/stop from one controlling thread; reloadAcl and status from any.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -75,6 +76,10 @@ private:
     Listeners listeners_;
     std::vector<std::thread> threads_;
     std::unique_ptr<zn::metrics::MetricsServer> metrics_;
+    // Set once start() has built everything the metrics page reads: the
+    // page is served from its own thread from the moment its socket is
+    // bound, which is before the rest of the start.
+    std::atomic<bool> started_{false};
     bool running_ = false;
 };
 
