@@ -194,6 +194,10 @@ private:
     // False (after answering) for a stamp no clock of the domain could make.
     bool stampAcceptable(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m,
                          uint64_t stamp);
+    // A copy or change no newer than ours: answered as not applied (the
+    // stamp lock is let go first); a sender behind us gets our tables.
+    void notTaken(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m, bool oursNewer,
+                  std::unique_lock<std::mutex>& stampLock);
     void takeWhole(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m, uint64_t stamp,
                    const di::Transaction& t, std::optional<di::Heartbeat> beat);
     void takeChange(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m,

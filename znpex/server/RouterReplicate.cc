@@ -391,6 +391,17 @@ std::optional<di::Transaction> Router::addPart(const std::shared_ptr<Connection>
     return whole;
 }
 
+void Router::notTaken(const std::shared_ptr<Connection>& c, const RpcMessage& m, bool oursNewer,
+                      std::unique_lock<std::mutex>& stampLock) {
+    // What we have is as new: nothing to take. When it is newer, the
+    // sender missed changes: it gets ours back.
+    stampLock.unlock();
+    replyResult(c, m.id, Json{{"code", DI_OK}, {"applied", false}, {"version", di_.version()}});
+    if (std::string host = peerHostOf(*c); oursNewer && !host.empty()) {
+        sendTables(host);
+    }
+}
+
 void Router::takeWhole(const std::shared_ptr<Connection>& c, const RpcMessage& m, uint64_t stamp,
                        const di::Transaction& t, std::optional<di::Heartbeat> beat) {
     if (!stampAcceptable(c, m, stamp)) {
@@ -398,14 +409,7 @@ void Router::takeWhole(const std::shared_ptr<Connection>& c, const RpcMessage& m
     }
     std::unique_lock<std::mutex> g(diStampMu_);
     if (stamp <= diStamp_) {
-        // What we have is as new: nothing to take. When it is newer, the
-        // sender missed changes: it gets ours back.
-        bool newer = stamp < diStamp_;
-        g.unlock();
-        replyResult(c, m.id, Json{{"code", DI_OK}, {"applied", false}, {"version", di_.version()}});
-        if (std::string host = peerHostOf(*c); newer && !host.empty()) {
-            sendTables(host);
-        }
+        notTaken(c, m, stamp < diStamp_, g);
         return;
     }
     std::string why;
@@ -430,12 +434,7 @@ void Router::takeChange(const std::shared_ptr<Connection>& c, const RpcMessage& 
     }
     std::unique_lock<std::mutex> g(diStampMu_);
     if (stamp <= diStamp_) {
-        bool newer = stamp < diStamp_;
-        g.unlock();
-        replyResult(c, m.id, Json{{"code", DI_OK}, {"applied", false}, {"version", di_.version()}});
-        if (std::string host = peerHostOf(*c); newer && !host.empty()) {
-            sendTables(host);
-        }
+        notTaken(c, m, stamp < diStamp_, g);
         return;
     }
     if (base != diStamp_) {
