@@ -147,8 +147,13 @@ TEST(ZnpexdMetrics, TheEnvironmentOrTheOptionNamesTheAddressAndUnsetServesNothin
         }
         ASSERT_TRUE(found) << text;
         EXPECT_EQ(m[1].str(), c.served);
-        std::string page = httpGet(static_cast<uint16_t>(std::stoi(m[2].str())), "/metrics");
-        EXPECT_NE(page.find("# TYPE znpex_requests_total counter"), std::string::npos) << page;
+        // Until the start ends the page says only that it is starting.
+        auto port = static_cast<uint16_t>(std::stoi(m[2].str()));
+        std::string page;
+        EXPECT_TRUE(waitFor([&] {
+            page = httpGet(port, "/metrics");
+            return page.find("# TYPE znpex_requests_total counter") != std::string::npos;
+        })) << page;
     }
 }
 

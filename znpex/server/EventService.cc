@@ -190,6 +190,7 @@ void EventService::managerGone(const std::vector<std::string>& classes) {
             if (it != classes_.end()) {
                 it->second.monitoring.clear();
                 it->second.classMonitoring.clear();
+                ++it->second.departures;
             }
         }
     }
@@ -488,9 +489,11 @@ std::set<int> EventService::moveMonitoring(RMRequest& start, RMRequest& stop,
 void EventService::reconcileClass(const std::string& cls) {
     std::set<int> needed = engine_.neededDynamic(cls, true);
     std::set<int> current;
+    uint64_t departures = 0;
     {
         std::lock_guard<std::mutex> g(mu_);
         current = classes_[cls].classMonitoring;
+        departures = classes_[cls].departures;
     }
     RMRequest start;
     start.op = RMRequestOp::StartMonitoringClassAttrs;
@@ -503,16 +506,21 @@ void EventService::reconcileClass(const std::string& cls) {
         engine_.refresh(cls, nullptr, false, view.data(), static_cast<unsigned int>(view.size()));
     });
     std::lock_guard<std::mutex> g(mu_);
-    classes_[cls].classMonitoring = std::move(after);
+    ClassState& st = classes_[cls];
+    if (st.departures == departures) {
+        st.classMonitoring = std::move(after);
+    }
 }
 
 void EventService::reconcile(const std::string& cls) {
     reconcileClass(cls);
     std::set<int> needed = engine_.neededDynamic(cls);
     std::map<std::string, std::set<int>> now;
+    uint64_t departures = 0;
     {
         std::lock_guard<std::mutex> g(mu_);
         ClassState& st = classes_[cls];
+        departures = st.departures;
         for (const std::string& hex : st.handles) {
             now[hex] = st.monitoring[hex];
         }
@@ -536,7 +544,8 @@ void EventService::reconcile(const std::string& cls) {
         });
         std::lock_guard<std::mutex> g(mu_);
         auto it = classes_.find(cls);
-        if (it != classes_.end() && it->second.handles.count(hex) != 0) {
+        if (it != classes_.end() && it->second.departures == departures &&
+            it->second.handles.count(hex) != 0) {
             it->second.monitoring[hex] = std::move(after);
         }
     }

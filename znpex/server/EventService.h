@@ -90,6 +90,9 @@ private:
         std::set<std::string> handles;                    // hex, resources seen
         std::map<std::string, std::set<int>> monitoring;  // hex -> dynamic ids
         std::set<int> classMonitoring;                    // the class's own dynamic ids
+        // Counts the manager's departures: a monitoring change asked of a
+        // manager that has since gone is not written back.
+        uint64_t departures = 0;
     };
 
     void deliver(std::vector<events::Event>&& batch);
