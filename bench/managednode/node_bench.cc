@@ -26,6 +26,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/orvrm/BenchDaemons.h"
 #include "bench/znpex/SpawnService.h"
 #include "platform/paths.h"
 #include "znpex/client/px_client.h"
@@ -79,58 +80,6 @@ int runQuietly(const std::vector<std::string>& args, const std::string& log) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-class Daemons {
-public:
-    explicit Daemons(const std::string& root) : root_(root) {
-        setenv("ZN_ROOT", root.c_str(), 1);
-        std::string acl = zn::paths::resolve("/usr/sbin/tarn/cfg/znpex.acls");
-        std::filesystem::create_directories(std::filesystem::path(acl).parent_path());
-        std::ifstream shipped(std::string(ORVRM_SOURCE_DIR) + "/etc/znpex.acls");
-        std::ofstream(acl) << shipped.rdbuf();
-        service_ = benchsupport::spawnService(ZNPEXD_PATH, {"--state-root", root, "--no-tcp"},
-                                              root + "/znpexd.log");
-        for (int i = 0; i < 200 && !std::filesystem::exists(root + zn::paths::kPexSocket); ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(25));
-        }
-        daemon_ = benchsupport::spawnService(ORVRMD_PATH, {}, root + "/orvrmd.log");
-        for (int i = 0; i < 400 && !connected(); ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(25));
-        }
-    }
-    ~Daemons() {
-        for (pid_t p : {daemon_, service_}) {
-            if (p > 0) {
-                ::kill(p, SIGTERM);
-                waitpid(p, nullptr, 0);
-            }
-        }
-        std::filesystem::remove_all(root_);
-    }
-    pid_t daemon() const { return daemon_; }
-    bool connected() {
-        px_session_t s = nullptr;
-        if (px_start_session(nullptr, 0, 1, &s) != PX_OK) {
-            return false;
-        }
-        px_class_list_t* list = nullptr;
-        bool up = false;
-        if (px_list_classes(s, &list) == PX_OK) {
-            for (uint32_t i = 0; i < list->class_count; ++i) {
-                up = up || (std::string(list->classes[i].name) == "Kor.ManagedNode" &&
-                            list->classes[i].connected != 0);
-            }
-        }
-        px_free_response(list);
-        px_end_session(s);
-        return up;
-    }
-
-private:
-    std::string root_;
-    pid_t service_ = -1;
-    pid_t daemon_ = -1;
-};
-
 // Seconds of a bulk define, or -1 when the import did not define every node.
 double importNodes(const std::string& root, const std::string& file, int jobs) {
     auto t = Clock::now();
@@ -155,7 +104,7 @@ Figures runSize(int count, int jobs) {
     Figures f;
     char tmpl[] = "/tmp/orvrm-node-bench-XXXXXX";
     std::string root = mkdtemp(tmpl);
-    Daemons d(root);
+    benchsupport::BenchDaemons d(root, "Kor.ManagedNode");
     if (!d.connected()) {
         std::fprintf(stderr, "the daemons did not come up; see %s\n", root.c_str());
         return f;

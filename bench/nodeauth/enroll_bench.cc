@@ -25,6 +25,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/orvrm/BenchDaemons.h"
 #include "bench/znpex/SpawnService.h"
 #include "common/FrameKeyStore.h"
 #include "common/NodeRequest.h"
@@ -90,54 +91,6 @@ WEX_COMMON::NodeRequestSpec nodeSpec(int plane, int i, const std::vector<uint8_t
     s.frameKey = key;
     return s;
 }
-
-class Daemons {
-public:
-    explicit Daemons(const std::string& root) : root_(root) {
-        setenv("ZN_ROOT", root.c_str(), 1);
-        std::string acl = zn::paths::resolve(zn::paths::kAclDefaultFile);
-        std::filesystem::create_directories(std::filesystem::path(acl).parent_path());
-        std::ifstream shipped(std::string(ORVRM_SOURCE_DIR) + "/etc/znpex.acls");
-        std::ofstream(acl) << shipped.rdbuf();
-        service_ = benchsupport::spawnService(ZNPEXD_PATH, {"--state-root", root, "--no-tcp"},
-                                              root + "/znpexd.log");
-        for (int i = 0; i < 400 && !std::filesystem::exists(root + zn::paths::kPexSocket); ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(25));
-        }
-        daemon_ = benchsupport::spawnService(ORVRMD_PATH, {}, root + "/orvrmd.log");
-        for (int i = 0; i < 800 && !connected(); ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(25));
-        }
-    }
-    ~Daemons() {
-        for (pid_t p : {daemon_, service_}) {
-            if (p > 0) {
-                ::kill(p, SIGTERM);
-                waitpid(p, nullptr, 0);
-            }
-        }
-        std::filesystem::remove_all(root_);
-    }
-    bool connected() {
-        px_session_t s = nullptr;
-        if (px_start_session(nullptr, 0, PX_SCOPE_LOCAL, &s) != PX_OK) {
-            return false;
-        }
-        px_resources_rsp_t* rsp = nullptr;
-        bool up = px_invoke_class_action(s, "Kor.NodeAuthenticate", "SupportedProtocols", nullptr,
-                                         &rsp) == PX_OK &&
-                  rsp != nullptr && rsp->hdr.pr_error == nullptr && rsp->resource_count == 1 &&
-                  rsp->resources[0].error == nullptr;
-        px_free_response(rsp);
-        px_end_session(s);
-        return up;
-    }
-
-private:
-    std::string root_;
-    pid_t service_ = -1;
-    pid_t daemon_ = -1;
-};
 
 // One enrollment through the client library: true when answered without error.
 bool enrollOne(px_session_t s, const WEX_COMMON::NodeRequestSpec& spec) {
@@ -209,7 +162,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     std::vector<uint8_t> key = fromHex(secret);
-    Daemons d(root);
+    benchsupport::BenchDaemons d(root, "Kor.NodeAuthenticate");
     if (!d.connected()) {
         std::fprintf(stderr, "the daemons did not come up (logs under %s)\n", root.c_str());
         return 1;

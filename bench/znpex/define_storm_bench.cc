@@ -16,9 +16,8 @@
 #include <future>
 #include <string>
 
+#include "bench/znpex/SharedHostKey.h"
 #include "platform/paths.h"
-#include "znhas/sec_keyfile.h"
-#include "znhas/znhas.h"
 #include "znpex/server/Service.h"
 
 namespace {
@@ -98,22 +97,9 @@ int main(int argc, char** argv) {
     char tmpl[] = "/tmp/znpex-storm-bench-XXXXXX";
     std::string root = ::mkdtemp(tmpl);
     ::setenv(zn::paths::kRootEnv, root.c_str(), 1);
-    std::string thl = zn::paths::resolve(zn::paths::kThlFile);
-    zn::paths::ensureParentDir(thl);
-    std::fclose(std::fopen(thl.c_str(), "w"));
-    sec_buffer_t pvt = nullptr;
-    sec_buffer_t pub = nullptr;
-    if (sec_generate_rsa_localhost_token(SEC_KEYTYPE_RSA1024, &pvt, &pub) != 0 ||
-        sec__record_hostid_token(SEC_PRIVATE_KEYFILE, pvt) != 0 ||
-        sec__record_hostid_token(SEC_PUBLIC_KEYFILE, pub) != 0) {
-        std::fprintf(stderr, "no host key could be made\n");
+    if (!benchsupport::shareOneHostKey({"127.0.0.1", "127.0.0.2"})) {
         return 1;
     }
-    for (const char* host : {"127.0.0.1", "127.0.0.2"}) {
-        sec_store_host_token(host, pub);
-    }
-    sec_release_host_token(&pvt);
-    sec_release_host_token(&pub);
     {
         srv::Service alone(optionsFor(root, 3, 0, false));
         alone.start();

@@ -14,9 +14,8 @@
 #include <string>
 #include <thread>
 
+#include "bench/znpex/SharedHostKey.h"
 #include "platform/paths.h"
-#include "znhas/sec_keyfile.h"
-#include "znhas/znhas.h"
 #include "znpex/proto/FrameIo.h"
 #include "znpex/proto/JsonRpc.h"
 #include "znpex/server/Service.h"
@@ -67,24 +66,9 @@ int main(int argc, char** argv) {
     char tmpl[] = "/tmp/znpex-peer-bench-XXXXXX";
     std::string root = ::mkdtemp(tmpl);
     ::setenv(zn::paths::kRootEnv, root.c_str(), 1);
-    std::string thl = zn::paths::resolve(zn::paths::kThlFile);
-    zn::paths::ensureParentDir(thl);
-    std::fclose(std::fopen(thl.c_str(), "w"));
-    // Both "hosts" share the state root, so they share one key pair, which
-    // each one's greeting proves to the other.
-    sec_buffer_t pvt = nullptr;
-    sec_buffer_t pub = nullptr;
-    if (sec_generate_rsa_localhost_token(SEC_KEYTYPE_RSA1024, &pvt, &pub) != 0 ||
-        sec__record_hostid_token(SEC_PRIVATE_KEYFILE, pvt) != 0 ||
-        sec__record_hostid_token(SEC_PUBLIC_KEYFILE, pub) != 0) {
-        std::fprintf(stderr, "no host key could be made\n");
+    if (!benchsupport::shareOneHostKey({"127.0.0.1", "127.0.0.2"})) {
         return 1;
     }
-    for (const char* host : {"127.0.0.1", "127.0.0.2"}) {
-        sec_store_host_token(host, pub);
-    }
-    sec_release_host_token(&pvt);
-    sec_release_host_token(&pub);
     srv::Service a(optionsFor(root, 1, 0));
     a.start();
     srv::Service b(optionsFor(root, 2, a.tcpPort()));
