@@ -1,13 +1,15 @@
 // A management domain built the way an administrator builds one, on loopback
 // "hosts": the management server (its service and the daemon) on 127.0.0.1,
-// named by its address, and two nodes on 127.0.0.2 and .3, each with its own
+// and two nodes named by their addresses, 127.0.0.2 and .3, each with its own
 // state root, its own service on the domain's common port and its node
 // agent. No host key is installed beforehand: the server makes its key pair,
 // a frame key is added with orvctl, and the hosts come to trust each other
-// only through the agents' requests to be managed. The heartbeat is tuned to
-// one beat a second, two missed beats; no reachability poll can answer (no
-// fping is installed, and managed nodes are not polled anyway), so a node's
-// Status comes from its own service's beats alone.
+// only through the agents' requests to be managed. The server's service is
+// named by its address, or by a name the agents are not given (they reach
+// it by its address). The heartbeat is tuned to one beat a second, two
+// missed beats; no reachability poll can answer (no fping is installed, and
+// managed nodes are not polled anyway), so a node's Status comes from its
+// own service's beats alone.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -79,13 +81,15 @@ struct Node {
     }
 };
 
-class ManagedDomain : public daemonstest::Daemons {
+// The parameter: the server's service's host name.
+class ManagedDomain : public daemonstest::Daemons,
+                      public ::testing::WithParamInterface<std::string> {
 protected:
     void SetUp() override {
         tcp_ = true;
         tcpPortWanted_ = commonFreePort();
         ASSERT_NE(tcpPortWanted_, 0) << "no port free on the three addresses";
-        serviceArgs_ = {"--host-name",           "127.0.0.1", "--peer-timeout-ms", "2000",
+        serviceArgs_ = {"--host-name",           GetParam(), "--peer-timeout-ms", "2000",
                         "--peer-backoff-max-ms", "500"};
         Daemons::SetUp();
         port_ = tcpPort();
@@ -217,7 +221,7 @@ protected:
     std::vector<Node> nodes_;
 };
 
-TEST_F(ManagedDomain, NodesBeatWhileTheirServicesRunAndFallSilentWhenOneStops) {
+TEST_P(ManagedDomain, NodesBeatWhileTheirServicesRunAndFallSilentWhenOneStops) {
     for (Node& n : nodes_) {
         ASSERT_TRUE(startService(n)) << n.address << ":\n" << n.log("znpexd");
         startAgent(n);
@@ -248,7 +252,7 @@ TEST_F(ManagedDomain, NodesBeatWhileTheirServicesRunAndFallSilentWhenOneStops) {
     for (const Node& n : nodes_) {
         nlohmann::json hb = heartbeatOf(n.root);
         EXPECT_EQ(hb.value("role", ""), "sender") << n.address << ": " << hb.dump();
-        EXPECT_EQ(hb.value("server", ""), "127.0.0.1") << n.address << ": " << hb.dump();
+        EXPECT_EQ(hb.value("server", ""), GetParam()) << n.address << ": " << hb.dump();
         EXPECT_GT(hb.value("sent", 0), 0) << n.address << ": " << hb.dump();
     }
     // Over more than a silence limit, both stay alive.
@@ -276,5 +280,11 @@ TEST_F(ManagedDomain, NodesBeatWhileTheirServicesRunAndFallSilentWhenOneStops) {
     auto all = listed();
     EXPECT_TRUE(managedWithStatus(all, n2, 1)) << nlohmann::json(all).dump();
 }
+
+INSTANTIATE_TEST_SUITE_P(ServerNames, ManagedDomain, ::testing::Values("127.0.0.1", "mgmt"),
+                         [](const ::testing::TestParamInfo<std::string>& p) {
+                             return p.param == "mgmt" ? std::string("NamedOtherwise")
+                                                      : std::string("NamedByItsAddress");
+                         });
 
 }  // namespace
