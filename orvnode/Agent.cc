@@ -101,9 +101,19 @@ AgentResult Agent::enrollOnce(bool* retry) {
              " is not trusted, stopping: " + why);
         return AgentResult::BadReply;
     }
+    // Under the name the server was given, the names its reply lists, and
+    // the name its service greets this node's service under.
     std::vector<std::string> names{options_.serverName};
-    for (const std::string& n : reply.names) {
-        if (!ownName(n) && !sameName(n, options_.serverName)) {
+    std::vector<std::string> offered = reply.names;
+    if (!x.serviceName.empty()) {
+        offered.push_back(x.serviceName);
+    }
+    for (const std::string& n : offered) {
+        bool listed = false;
+        for (const std::string& m : names) {
+            listed = listed || sameName(n, m);
+        }
+        if (!ownName(n) && !listed) {
             names.push_back(n);
         }
     }
@@ -114,8 +124,12 @@ AgentResult Agent::enrollOnce(bool* retry) {
         }
     }
     server_ = std::move(reply);
+    std::string also;
+    for (size_t i = 1; i < names.size(); ++i) {
+        also += (i == 1 ? " (also as " : ", ") + names[i];
+    }
     log_("managed by " + options_.serverName + " (node id " + std::to_string(server_.nodeId) +
-         "); its key is trusted");
+         "); its key is trusted" + (also.empty() ? "" : also + ")"));
     return AgentResult::Managed;
 }
 

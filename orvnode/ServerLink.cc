@@ -55,6 +55,7 @@ public:
         if (!start(s, &x.message)) {
             return x;
         }
+        x.serviceName = px_session_service_host(s.get());
         px_resources_rsp_t* rsp = nullptr;
         int rc = px_invoke_class_action(s.get(), kAuthClass, kRequestAction, &request, &rsp);
         if (rc == PX_ECONNECT || rc == PX_ECOMM || rc == PX_ETIMEDOUT || rc == PX_ENOTCONNECTED) {

@@ -20,6 +20,9 @@ struct Exchange {
     Outcome outcome = Outcome::Unreachable;
     zn::SdPtr reply;
     std::string message;
+    // The name the server's service greets other hosts under, when it said:
+    // this node's service must trust the server's key under that name.
+    std::string serviceName;
 };
 
 enum class Knowledge { Known, Forgotten, Unreachable };

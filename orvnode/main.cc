@@ -64,7 +64,8 @@ int main(int argc, char** argv) {
     bool once = false;
     app.add_option("--server", server, "The management server's service: host[:port]")->required();
     app.add_option("--server-name", serverName,
-                   "The name to trust the server's key under (default: the host of --server)");
+                   "The name to trust the server's key under (default: the host of --server); "
+                   "the name its service gives is trusted too");
     app.add_option("--hostname", hostname, "This node's host name (default: the system's)");
     app.add_option("--mtms", mtms, "The machine type-model-serial of this node's frame")
         ->required();

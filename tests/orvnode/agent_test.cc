@@ -64,13 +64,17 @@ public:
     }
 };
 
+// A good reply; `service` is the name the server's service says it greets
+// other hosts under.
 std::function<Exchange(const zn_structured_data&)> answer(uint32_t protocol,
                                                           std::vector<uint8_t> secret,
-                                                          std::vector<std::string> names = {}) {
+                                                          std::vector<std::string> names = {},
+                                                          std::string service = "") {
     return [=](const zn_structured_data&) {
         Exchange x;
         x.outcome = Exchange::Outcome::Answered;
         x.reply = makeReply(protocol, 4242, serverToken(), secret, names);
+        x.serviceName = service;
         return x;
     };
 }
@@ -165,6 +169,46 @@ TEST_F(AgentTest, AGoodReplyMakesTheKeyAndTrustsTheServerUnderItsNames) {
     // Never under this host's own names.
     EXPECT_FALSE(trusted("node1"));
     EXPECT_FALSE(trusted("localhost"));
+}
+
+TEST_F(AgentTest, TheServersKeyIsTrustedUnderTheNameItsServiceGreetsUnder) {
+    // The administrator named the server "mgmt"; its service may go by
+    // another name, which this node's service will be greeted under.
+    struct Case {
+        const char* service;
+        bool alsoTrusted;  // under the service's name as well as "mgmt"
+        bool ownName;      // a name of this node's: never trusted
+    };
+    const Case cases[] = {
+        {"mgmt.example", true, false},
+        {"MGMT", false, false},      // the same name, in other letters: once
+        {"node1", false, true},      // this node's own name
+        {"localhost", false, true},  // every host's own
+        {"", false, false},          // a service that did not say
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.service);
+        for (const char* n : {"mgmt", "mgmt.example", "MGMT", "node1", "localhost"}) {
+            sec_delete_host_token(n);  // what an earlier case stored
+        }
+        server_.answers.push_back(answer(512, kSecret, {}, c.service));
+        {
+            std::lock_guard<std::mutex> g(mu_);
+            log_.clear();
+        }
+        auto agent = make();
+        EXPECT_EQ(agent.enroll(), AgentResult::Managed);
+        EXPECT_TRUE(trusted("mgmt"));
+        if (c.alsoTrusted) {
+            EXPECT_TRUE(trusted(c.service));
+            EXPECT_TRUE(logged("its key is trusted (also as " + std::string(c.service) + ")"));
+        } else {
+            EXPECT_FALSE(logged("also as"));
+        }
+        if (c.ownName) {
+            EXPECT_FALSE(trusted(c.service));
+        }
+    }
 }
 
 TEST_F(AgentTest, AnUnreachableServerIsTriedAgainAfterGrowingPauses) {

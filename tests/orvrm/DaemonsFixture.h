@@ -1,8 +1,8 @@
 // The daemons as an administrator runs them: znpexd and orvrmd under one
 // state root (exported as ZN_ROOT, so in-process clients find the service
-// too), and the znpex command line run against them as a child process, to
-// its end or left running (watch). Nodes can be made to answer the
-// reachability poll, polled every second.
+// too), the znpex command line run against them as a child process, to its
+// end or left running (watch), and the other programs to their end. Nodes
+// can be made to answer the reachability poll, polled every second.
 #pragma once
 
 #include <fcntl.h>
@@ -43,8 +43,10 @@ protected:
         std::ofstream(acl) << shipped.rdbuf();
         std::vector<std::string> args{"--state-root", root_.path(), "--no-tcp"};
         if (tcp_) {
-            args = {"--state-root", root_.path(), "--address", "127.0.0.1", "--port", "0"};
+            args = {"--state-root", root_.path(), "--address",
+                    "127.0.0.1",    "--port",     std::to_string(tcpPortWanted_)};
         }
+        args.insert(args.end(), serviceArgs_.begin(), serviceArgs_.end());
         service_ =
             std::make_unique<Subprocess>(testsupport::binPath("znpex/server/znpexd"), args,
                                          std::vector<std::string>{}, root_ / "znpexd.stderr");
@@ -62,8 +64,12 @@ protected:
             return r.status == 0 && r.out.find("\"connected\": true") != std::string::npos;
         })) << readFile(root_ / "orvrmd.stderr");
     }
-    CliRun cli(std::vector<std::string> args) {
-        args.insert(args.begin(), testsupport::binPath("znpex/cli/znpex"));
+    CliRun cli(std::vector<std::string> args) { return run("znpex/cli/znpex", std::move(args)); }
+    // One of the build tree's programs ("orvctl/orvctl") run to its end
+    // under the root (or `root`), as the calling user.
+    CliRun run(const std::string& program, std::vector<std::string> args,
+               const std::string& root = "") {
+        args.insert(args.begin(), testsupport::binPath(program));
         std::vector<char*> argv;
         for (auto& a : args) {
             argv.push_back(a.data());
@@ -75,7 +81,7 @@ protected:
         posix_spawn_file_actions_init(&fa);
         posix_spawn_file_actions_addopen(&fa, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         posix_spawn_file_actions_addopen(&fa, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        std::string env = "ZN_ROOT=" + root_.path();
+        std::string env = "ZN_ROOT=" + (root.empty() ? root_.path() : root);
         char* envp[] = {env.data(), nullptr};
         pid_t pid = -1;
         CliRun r;
@@ -134,7 +140,9 @@ protected:
         return std::regex_search(text, m, re) ? static_cast<uint16_t>(std::stoi(m[1].str())) : 0;
     }
 
-    bool tcp_ = false;  // the service also listens on TCP, 127.0.0.1, a free port
+    bool tcp_ = false;            // the service also listens on TCP, 127.0.0.1, a free port
+    uint16_t tcpPortWanted_ = 0;  // that port (0: the kernel's pick)
+    std::vector<std::string> serviceArgs_;  // more znpexd options (set before SetUp)
     testsupport::TempDir root_{/*asRoot=*/true};
     std::unique_ptr<Subprocess> service_;
     std::unique_ptr<Subprocess> daemon_;

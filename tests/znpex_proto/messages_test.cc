@@ -4,6 +4,7 @@
 
 #include "tests/znpex_proto/ZnValues.h"
 #include "znpex/proto/ClassDefCodec.h"
+#include "znpex/proto/ClientAuth.h"
 #include "znpex/proto/NotifyMessages.h"
 #include "znpex/proto/ProtocolError.h"
 #include "znpex/proto/ServiceMessages.h"
@@ -115,6 +116,20 @@ TEST(ServiceMessages, SessionRegisterHelloAndConnectionRoundTrip) {
     HelloResult h = decodeHello(encodeHello({kUnauthenticated, {}}));
     EXPECT_EQ(h.identity, "UNAUTHENT");
     EXPECT_TRUE(h.methods.empty());
+}
+
+TEST(ServiceMessages, AuthHelloResultsNameTheServicesHost) {
+    AuthChallenge c{"UNAUTHENT", {kHostKeyMethod}, "mgmt.example", std::vector<uint8_t>(32, 7)};
+    AuthChallenge c2 = decodeAuthChallenge(encodeAuthChallenge(c));
+    EXPECT_EQ(c2.host, "mgmt.example");
+    EXPECT_EQ(c2.challenge, c.challenge);
+    // Not given (an older service): empty, and nothing sent for an empty one.
+    EXPECT_EQ(decodeAuthChallenge(Json::parse(R"({"identity":"UNAUTHENT"})")).host, "");
+    EXPECT_FALSE(encodeAuthChallenge({"UNAUTHENT", {}, "", {}}).contains("host"));
+    for (const char* bad : {R"({"identity":"x","host":"no host"})", R"({"identity":"x","host":7})",
+                            R"({"identity":"x","host":""})", R"({"identity":"x","host":"-a"})"}) {
+        EXPECT_THROW(decodeAuthChallenge(Json::parse(bad)), ProtocolError) << bad;
+    }
 }
 
 TEST(NotifyMessages, NotificationsRoundTrip) {

@@ -57,6 +57,7 @@ const KeyPair& weakKey() {
 class ClientProofTest : public ServiceTest {
 protected:
     void SetUp() override {
+        options_.router.hostName = "mgmt";
         startService();
         writeText(zn::paths::resolve(zn::paths::kThlFile), "");
         // The trusted host list: node1 with a good key, weak1 with a 512-bit one.
@@ -118,6 +119,24 @@ TEST_F(ClientProofTest, AProvenHostActsAsRootOfThatHostUnderTheAccessList) {
     EXPECT_EQ(r.result["seen"]["identity"], "root@node1");
     // Authenticated: what needs it is open, and the large frames too.
     EXPECT_EQ(c->call("di.nodes").kind, Kind::Result);
+}
+
+TEST_F(ClientProofTest, EveryHelloNamesTheHostThisServiceGreetsOthersUnder) {
+    auto plain = tcp();
+    RpcMessage r = plain->call(proto::kAuthHello, Json::object());
+    ASSERT_EQ(r.kind, Kind::Result) << r.errorMessage;
+    EXPECT_EQ(proto::decodeAuthChallenge(r.result).host, "mgmt");
+    auto claiming = tcp();
+    Bytes nonce;
+    r = hello(*claiming, "node1", &nonce);
+    ASSERT_EQ(r.kind, Kind::Result) << r.errorMessage;
+    EXPECT_EQ(proto::decodeAuthChallenge(r.result).host, "mgmt");
+    // A host not listed yet is refused, and may still greet plainly to learn it.
+    auto unlisted = tcp();
+    EXPECT_EQ(hello(*unlisted, "node9", &nonce).kind, Kind::Error);
+    r = unlisted->call(proto::kAuthHello, Json::object());
+    ASSERT_EQ(r.kind, Kind::Result) << r.errorMessage;
+    EXPECT_EQ(proto::decodeAuthChallenge(r.result).host, "mgmt");
 }
 
 TEST_F(ClientProofTest, ProofsThatProveNothingAreRefused) {
@@ -241,6 +260,7 @@ TEST_F(ClientLibraryProofTest, AReadableHostKeyProvesTheNamedHost) {
     px_session_t s = start();
     ASSERT_NE(s, nullptr);
     EXPECT_STREQ(px_session_identity(s), "UNAUTHENT");
+    EXPECT_STREQ(px_session_service_host(s), "mgmt");
     px_enumerate_rsp_t* rsp = nullptr;
     EXPECT_EQ(px_enumerate_select(s, kClass, nullptr, &rsp), PX_EACCESS);
     std::string text = lastError();
@@ -258,9 +278,20 @@ TEST_F(ClientLibraryProofTest, AReadableHostKeyProvesTheNamedHost) {
     s = start();
     ASSERT_NE(s, nullptr);
     EXPECT_STREQ(px_session_identity(s), "root@node1");
+    EXPECT_STREQ(px_session_service_host(s), "mgmt");
     ASSERT_EQ(px_enumerate_select(s, kClass, nullptr, &rsp), PX_OK);
     px_free_response(rsp);
     px_end_session(s);
+
+    // Claiming a host the service does not list (a node not managed yet):
+    // unauthenticated, and it still learns the service's name.
+    ASSERT_EQ(px_set_client_host("node9"), PX_OK);
+    s = start();
+    ASSERT_NE(s, nullptr);
+    EXPECT_STREQ(px_session_identity(s), "UNAUTHENT");
+    EXPECT_STREQ(px_session_service_host(s), "mgmt");
+    px_end_session(s);
+    EXPECT_STREQ(px_session_service_host(nullptr), "");
 
     // Claiming a host whose key this is not: the service refuses the proof.
     ASSERT_EQ(px_set_client_host("weak1"), PX_OK);

@@ -201,6 +201,7 @@ TEST_F(RoutingTest, RegistrationRules) {
 }
 
 TEST_F(RoutingTest, ServiceMethodsAndWhoMayUseThem) {
+    options_.router.hostName = "svc1";
     startService();
     FakeManager manager(socketPath(), {kClass});
     auto local = root();
@@ -220,8 +221,9 @@ TEST_F(RoutingTest, ServiceMethodsAndWhoMayUseThem) {
 
     RpcMessage hello = remote->call("auth.hello");
     ASSERT_EQ(hello.kind, Kind::Result);
-    EXPECT_EQ(hello.result,
-              (Json{{"identity", "UNAUTHENT"}, {"methods", Json::array({"hostkey"})}}));
+    EXPECT_EQ(
+        hello.result,
+        (Json{{"identity", "UNAUTHENT"}, {"methods", Json::array({"hostkey"})}, {"host", "svc1"}}));
 
     // Local only, or root only.
     EXPECT_EQ(remote->call("service.status").errorCode, proto::kMethodNotFound);

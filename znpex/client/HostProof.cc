@@ -67,9 +67,11 @@ int greetOverTcp(px_session& s) {
     int rc = call(s, proto::kAuthHello, proto::encodeAuthHello(hello), result);
     if (rc == PX_EACCESS && !hello.host.empty()) {
         // Not a host the service knows (a node not managed yet): go on
-        // unauthenticated, as a caller without the key would.
+        // unauthenticated, as a caller without the key would, after the
+        // plain hello such a caller sends (it tells the service's name).
         cu_set_no_error_1();
-        return PX_OK;
+        hello = proto::AuthHello{};
+        rc = call(s, proto::kAuthHello, proto::encodeAuthHello(hello), result);
     }
     if (rc != PX_OK) {
         return rc;
@@ -80,6 +82,7 @@ int greetOverTcp(px_session& s) {
     } catch (const proto::ProtocolError& e) {
         return failReply(proto::kAuthHello, e.what());
     }
+    s.serviceHost = challenge.host;
     if (hello.host.empty() || challenge.challenge.empty()) {
         return PX_OK;
     }

@@ -23,6 +23,7 @@ struct px_session {
     std::mutex ioMu;  // one request on the wire at a time; taken through IoLock
     std::unique_ptr<znpex::client::Connection> conn;
     std::string identity;
+    std::string serviceHost;  // the name the service greets other hosts under ("" unknown)
     uint64_t sessionId = 0;
     int requestTimeoutMs = 30000;
 

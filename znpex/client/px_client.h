@@ -194,6 +194,10 @@ int px_set_client_host(const char* host);
 // The identity the service gave this session ("root@LOCALHOST", ...); owned
 // by the session.
 const char* px_session_identity(px_session_t session);
+// The name the session's service greets the other hosts' services under (a
+// host trusting its key must list it under that name); "" over the local
+// socket or when the service did not say. Owned by the session.
+const char* px_session_service_host(px_session_t session);
 
 // Classes the caller may read, with their attributes and actions.
 int px_list_classes(px_session_t session, px_class_list_t** rsp);

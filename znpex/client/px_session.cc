@@ -160,6 +160,11 @@ const char* px_session_identity(px_session_t session) {
     return use ? session->identity.c_str() : "";
 }
 
+const char* px_session_service_host(px_session_t session) {
+    SessionUse use(session);
+    return use ? session->serviceHost.c_str() : "";
+}
+
 int px_list_classes(px_session_t session, px_class_list_t** rsp) {
     if (session == nullptr || rsp == nullptr) {
         return failInvalid("px_list_classes", "no session or nowhere to put the response");

@@ -78,6 +78,9 @@ AuthHello decodeAuthHello(const Json& params) {
 
 Json encodeAuthChallenge(const AuthChallenge& c) {
     Json j{{"identity", c.identity}, {"methods", c.methods}};
+    if (!c.host.empty()) {
+        j["host"] = c.host;
+    }
     if (!c.challenge.empty()) {
         j["challenge"] = base64Encode(c.challenge.data(), c.challenge.size());
     }
@@ -94,6 +97,9 @@ AuthChallenge decodeAuthChallenge(const Json& result) {
         for (size_t i = 0; i < arr.size(); ++i) {
             c.methods.push_back(asString(arr[i], w + ".methods[" + std::to_string(i) + "]"));
         }
+    }
+    if (const Json* f = findField(result, "host")) {
+        c.host = hostField(*f, w + ".host");
     }
     if (const Json* f = findField(result, "challenge")) {
         c.challenge =

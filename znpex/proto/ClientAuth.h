@@ -36,11 +36,14 @@ struct AuthHello {
 Json encodeAuthHello(const AuthHello& h);
 AuthHello decodeAuthHello(const Json& params);
 
-// Its result when a host was claimed: the challenge to sign and the name the
-// service signs under ("identity" and "methods" as every "auth.hello" has).
+// Its result: "identity" and "methods", the name this service proves itself
+// under to the other hosts' services ("host": their trusted host lists must
+// hold its key under that name), and, when a host was claimed, the challenge
+// to sign.
 struct AuthChallenge {
     std::string identity;
     std::vector<std::string> methods;
+    std::string host;                // empty: not given
     std::vector<uint8_t> challenge;  // empty: nothing to prove (no host claimed)
 };
 Json encodeAuthChallenge(const AuthChallenge& c);

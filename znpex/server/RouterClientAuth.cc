@@ -60,6 +60,13 @@ void Router::authHello(const std::shared_ptr<Connection>& c, const RpcMessage& m
     proto::AuthChallenge r;
     r.identity = identityOf(*c);
     r.methods = {proto::kHostKeyMethod};
+    const std::string self = options_.hostName.empty() ? systemHostName() : options_.hostName;
+    // The name this service greets the other hosts' services under: a node's
+    // agent learns here the name to trust this host's key under.
+    r.host = peers_ != nullptr ? peers_->self().host : self;
+    if (!proto::validHostName(r.host)) {
+        r.host.clear();
+    }
     if (h.host.empty()) {
         replyResult(c, m.id, proto::encodeAuthChallenge(r));
         return;
@@ -75,7 +82,6 @@ void Router::authHello(const std::shared_ptr<Connection>& c, const RpcMessage& m
         busy = clientHosts_.count(c->id()) != 0 || clientHellos_.count(c->id()) != 0 ||
                peerHosts_.count(c->id()) != 0 || hellos_.count(c->id()) != 0;
     }
-    const std::string& self = options_.hostName.empty() ? systemHostName() : options_.hostName;
     std::string why;
     if (c->isLocal()) {
         why = "callers on the local socket are known by their user already";
