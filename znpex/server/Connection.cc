@@ -229,11 +229,15 @@ void Connection::compactInput() {
 }
 
 void Connection::send(std::string payload) {
-    enqueue(std::move(payload), false);
+    enqueue(std::move(payload), false, nullptr);
+}
+
+void Connection::send(std::string payload, Written written) {
+    enqueue(std::move(payload), false, std::move(written));
 }
 
 void Connection::sendThenClose(std::string payload) {
-    enqueue(std::move(payload), true);
+    enqueue(std::move(payload), true, nullptr);
 }
 
 void Connection::close() {
@@ -277,9 +281,13 @@ void Connection::authenticate(const ConnectionLimits& limits) {
     setLimits(limits);
 }
 
-void Connection::enqueue(std::string payload, bool last) {
-    asio::dispatch(strand_, [self = shared_from_this(), payload = std::move(payload), last] {
+void Connection::enqueue(std::string payload, bool last, Written written) {
+    asio::dispatch(strand_, [self = shared_from_this(), payload = std::move(payload), last,
+                             written = std::move(written)]() mutable {
         if (self->closed_ || self->closeAfterWrite_) {
+            if (written) {
+                written(false);
+            }
             return;
         }
         std::string frame;
@@ -294,9 +302,12 @@ void Connection::enqueue(std::string payload, bool last) {
             // The peer does not read what it asked for: it alone is dropped,
             // so the others' messages keep flowing.
             self->closeFor(CloseReason::QueueFull);
+            if (written) {
+                written(false);
+            }
             return;
         }
-        self->out_.push_back(std::move(frame));
+        self->out_.push_back(Outgoing{std::move(frame), std::move(written)});
         self->hold(self->outBytes_ + self->in_.size());
         if (last) {
             self->closeAfterWrite_ = true;
@@ -321,7 +332,7 @@ void Connection::writeNext() {
     std::vector<asio::const_buffer> bufs;
     bufs.reserve(count);
     for (size_t i = 0; i < count; ++i) {
-        bufs.push_back(asio::buffer(out_[i]));
+        bufs.push_back(asio::buffer(out_[i].frame));
     }
     writing_ = true;
     auto self = shared_from_this();
@@ -330,8 +341,12 @@ void Connection::writeNext() {
         asio::bind_executor(strand_, [self, count](const asio::error_code& ec, size_t) {
             self->writing_ = false;
             for (size_t i = 0; i < count && !self->out_.empty(); ++i) {
-                self->outBytes_ -= self->out_.front().size();
+                Outgoing done = std::move(self->out_.front());
+                self->outBytes_ -= done.frame.size();
                 self->out_.pop_front();
+                if (done.written) {
+                    done.written(!ec);
+                }
             }
             if (ec) {
                 self->shutdown();
@@ -436,8 +451,14 @@ void Connection::shutdown() {
         watchdog_->cancel();
         watchdog_.reset();
     }
-    out_.clear();
+    std::deque<Outgoing> dropped;
+    dropped.swap(out_);
     outBytes_ = 0;
+    for (Outgoing& o : dropped) {
+        if (o.written) {
+            o.written(false);
+        }
+    }
     hold(0);
     if (budget_ != nullptr && condemned_) {
         budget_->released(condemnedBytes_.load());

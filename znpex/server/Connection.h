@@ -18,6 +18,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -93,8 +94,16 @@ public:
 
     // Starts reading. Call once, after construction through make_shared.
     void start();
+    // Called on the connection's strand once a message has gone to the
+    // socket (true), or was dropped unsent (false).
+    using Written = std::function<void(bool written)>;
+
     // Queues one message (the frame header is added here). Dropped once closing.
     void send(std::string payload);
+    // The same, told when the message has gone: a sender can be answered
+    // only once its message left, so a peer that does not read slows those
+    // sending to it instead of piling their messages up here.
+    void send(std::string payload, Written written);
     // Queues a last message, stops reading, and closes once it is written.
     void sendThenClose(std::string payload);
     // Closes at once; queued messages are dropped.
@@ -142,7 +151,7 @@ private:
     // Appends what the socket has now without waiting; false on end or error.
     bool readAvailable(size_t* got);
     void compactInput();
-    void enqueue(std::string payload, bool last);
+    void enqueue(std::string payload, bool last, Written written);
     void writeNext();
     void lingerThenClose();
     void drain(size_t dropped);
@@ -166,7 +175,11 @@ private:
     ConnectionLimits limits_;
     std::string in_;  // bytes read and not yet handled, from inOff_
     size_t inOff_ = 0;
-    std::deque<std::string> out_;
+    struct Outgoing {
+        std::string frame;
+        Written written;
+    };
+    std::deque<Outgoing> out_;
     size_t outBytes_ = 0;
     bool writing_ = false;
     bool closeAfterWrite_ = false;
