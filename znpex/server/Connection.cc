@@ -183,8 +183,10 @@ bool Connection::takeFrame(size_t* need) {
     inOff_ += proto::kFrameHeader + n;
     inFrame_ = false;
     lastFrame_ = Clock::now();
-    compactInput();
-    hold(outBytes_ + in_.size());
+    if (inOff_ == in_.size()) {
+        compactInput();  // what is left moves to the front only when more must be read
+    }
+    hold(outBytes_ + in_.size() - inOff_);
     handler_.onMessage(shared_from_this(), std::move(payload));
     return true;
 }
@@ -308,7 +310,7 @@ void Connection::enqueue(std::string payload, bool last, Written written) {
             return;
         }
         self->out_.push_back(Outgoing{std::move(frame), std::move(written)});
-        self->hold(self->outBytes_ + self->in_.size());
+        self->hold(self->outBytes_ + self->in_.size() - self->inOff_);
         if (last) {
             self->closeAfterWrite_ = true;
             self->reading_ = false;
@@ -353,7 +355,7 @@ void Connection::writeNext() {
                 return;
             }
             self->lastWrite_ = Clock::now();
-            self->hold(self->outBytes_ + self->in_.size());
+            self->hold(self->outBytes_ + self->in_.size() - self->inOff_);
             if (self->readParked_ && self->reading_ &&
                 self->outBytes_ <= self->limits_.pauseReadingAbove / 2) {
                 self->readParked_ = false;
