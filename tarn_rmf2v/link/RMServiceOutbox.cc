@@ -53,6 +53,7 @@ bool RMServiceOutbox::post(uint64_t generation, std::string_view payload) {
     if (payload.size() > znpex::proto::kMaxFrame) {
         return false;
     }
+    bool first = false;
     {
         std::lock_guard<std::mutex> g(mu_);
         if (generation_ == 0 || (generation != 0 && generation != generation_) ||
@@ -68,10 +69,15 @@ bool RMServiceOutbox::post(uint64_t generation, std::string_view payload) {
         frame.reserve(size);
         znpex::proto::appendFrameHeader(frame, payload.size());
         frame.append(payload);
+        first = queue_.empty();
         queue_.push_back(std::move(frame));
         bytes_ += size;
     }
-    wake();
+    // Messages after the first find the I/O thread already woken: it takes
+    // the whole queue at once.
+    if (first) {
+        wake();
+    }
     return true;
 }
 

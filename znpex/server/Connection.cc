@@ -11,9 +11,11 @@ namespace {
 
 std::atomic<uint64_t> gNextConnectionId{1};
 
-// Payload bytes are read in pieces of this size, so memory follows what has
+// Bytes are read in pieces of at most this size, so memory follows what has
 // actually arrived rather than what the header announced.
 constexpr size_t kReadChunk = 64u << 10;
+// Input buffer kept between bursts; a larger one is given back once empty.
+constexpr size_t kKeptInput = 4u << 10;
 // Frames handed to one gathered write.
 constexpr size_t kWriteBatch = 64;
 // After the last message, what the peer still sends is read and dropped for
@@ -63,7 +65,7 @@ void Connection::start() {
         self->applySocketLimits(0);
         self->lastFrame_ = Clock::now();
         self->armWatchdog();
-        self->readHeader();
+        self->readMore(false);
     });
 }
 
@@ -103,75 +105,141 @@ void Connection::applySocketLimits(size_t previousSendBuffer) {
         ignored);
 }
 
-void Connection::readHeader() {
-    if (readingPaused()) {
-        readParked_ = true;  // resumed when the peer has read enough
-        return;
-    }
+void Connection::readMore(bool tryNow) {
     auto self = shared_from_this();
-    asio::async_read(socket_, asio::buffer(header_),
-                     asio::bind_executor(strand_, [self](const asio::error_code& ec, size_t) {
-                         if (ec) {
-                             self->shutdown();
-                             return;
-                         }
-                         if (!self->reading_) {
-                             return;
-                         }
-                         uint32_t n = proto::frameLength(self->header_);
-                         if (n > self->limits_.maxFrame) {
-                             self->reading_ = false;
-                             self->handler_.onOversize(self, n);
-                             return;
-                         }
-                         self->want_ = n;
-                         self->body_.clear();
-                         self->inFrame_ = true;
-                         self->frameStarted_ = Clock::now();
-                         self->armWatchdog();
-                         self->readBody(0);
-                     }));
-}
-
-void Connection::readBody(size_t have) {
-    auto self = shared_from_this();
-    if (have == want_) {
-        inFrame_ = false;
-        lastFrame_ = Clock::now();
-        std::string payload;
-        payload.swap(body_);
-        hold(outBytes_);
-        handler_.onMessage(self, std::move(payload));
-        if (reading_ && !closed_) {
-            readHeader();
+    for (;;) {
+        if (!reading_ || closed_) {
+            return;
         }
-        return;
-    }
-    size_t chunk = std::min(kReadChunk, want_ - have);
-    body_.resize(have + chunk);
-    hold(outBytes_ + body_.size());
-    if (closed_) {
-        return;  // the budget closed it (possibly this one)
-    }
-    asio::async_read(
-        socket_, asio::buffer(body_.data() + have, chunk),
-        asio::bind_executor(strand_, [self, have, chunk](const asio::error_code& ec, size_t) {
-            if (ec) {
-                self->shutdown();
+        if (!inFrame_ && readingPaused()) {
+            readParked_ = true;  // resumed when the peer has read enough
+            return;
+        }
+        size_t need = 0;
+        if (takeFrame(&need)) {
+            continue;
+        }
+        if (!reading_ || closed_) {
+            return;  // the header announced too much
+        }
+        if (tryNow) {
+            // What has already arrived comes in one read rather than two
+            // per frame; an idle connection keeps no buffer for it.
+            size_t got = 0;
+            if (!readAvailable(&got)) {
+                shutdown();
                 return;
             }
-            if (self->reading_) {
-                self->readBody(have + chunk);
+            tryNow = got == kReadChunk;  // a full read: more may be waiting
+            if (got > 0) {
+                continue;
             }
-        }));
+        }
+        // Wait for what the header or the frame still lacks, a piece at a time.
+        size_t have = in_.size();
+        size_t chunk = std::min(kReadChunk, need);
+        in_.resize(have + chunk);
+        hold(outBytes_ + in_.size());
+        if (closed_) {
+            return;  // the budget closed it (possibly this one)
+        }
+        asio::async_read(socket_, asio::buffer(in_.data() + have, chunk),
+                         asio::bind_executor(strand_, [self](const asio::error_code& ec, size_t) {
+                             if (ec) {
+                                 self->shutdown();
+                                 return;
+                             }
+                             self->readMore(true);
+                         }));
+        return;
+    }
+}
+
+bool Connection::takeFrame(size_t* need) {
+    size_t avail = in_.size() - inOff_;
+    if (avail < proto::kFrameHeader) {
+        compactInput();
+        *need = proto::kFrameHeader - avail;
+        return false;
+    }
+    const auto* head = reinterpret_cast<const unsigned char*>(in_.data() + inOff_);
+    uint32_t n = proto::frameLength(head);
+    if (n > limits_.maxFrame) {
+        reading_ = false;
+        handler_.onOversize(shared_from_this(), n);
+        return false;
+    }
+    if (avail - proto::kFrameHeader < n) {
+        if (!inFrame_) {
+            inFrame_ = true;
+            frameStarted_ = Clock::now();
+            armWatchdog();
+        }
+        compactInput();
+        *need = proto::kFrameHeader + n - avail;
+        return false;
+    }
+    std::string payload(in_.data() + inOff_ + proto::kFrameHeader, n);
+    inOff_ += proto::kFrameHeader + n;
+    inFrame_ = false;
+    lastFrame_ = Clock::now();
+    if (inOff_ == in_.size()) {
+        compactInput();  // what is left moves to the front only when more must be read
+    }
+    hold(outBytes_ + in_.size() - inOff_);
+    handler_.onMessage(shared_from_this(), std::move(payload));
+    return true;
+}
+
+bool Connection::readAvailable(size_t* got) {
+    // One scratch buffer per I/O thread; what came is copied out at once.
+    thread_local std::unique_ptr<char[]> scratch(new char[kReadChunk]);
+    asio::error_code ec;
+    if (!socket_.non_blocking()) {
+        socket_.non_blocking(true, ec);  // a read that would wait returns at once
+    }
+    size_t n = ec ? 0 : socket_.read_some(asio::buffer(scratch.get(), kReadChunk), ec);
+    if (ec == asio::error::would_block || ec == asio::error::try_again ||
+        ec == asio::error::interrupted) {
+        *got = 0;
+        return true;
+    }
+    if (ec) {
+        return false;  // closed by the peer, or failed
+    }
+    in_.append(scratch.get(), n);
+    *got = n;
+    hold(outBytes_ + in_.size());
+    return !closed_;
+}
+
+void Connection::compactInput() {
+    if (inOff_ == 0) {
+        return;
+    }
+    if (inOff_ == in_.size()) {
+        // All handled: a connection that bursted does not keep its buffer.
+        if (in_.capacity() > kKeptInput) {
+            std::string().swap(in_);
+        } else {
+            in_.clear();
+        }
+    } else {
+        in_.erase(0, inOff_);
+    }
+    inOff_ = 0;
 }
 
 void Connection::send(std::string payload) {
-    enqueue(std::move(payload), false);
+    enqueue(std::move(payload), false, nullptr);
+}
+
+void Connection::send(std::string payload, Written written) {
+    enqueue(std::move(payload), false, std::move(written));
 }
 
 void Connection::sendThenClose(std::string payload) {
-    enqueue(std::move(payload), true);
+    enqueue(std::move(payload), true, nullptr);
 }
 
 void Connection::close() {
@@ -205,7 +273,7 @@ void Connection::setLimits(const ConnectionLimits& limits) {
         self->armWatchdog();
         if (self->readParked_ && !self->readingPaused() && self->reading_ && !self->closed_) {
             self->readParked_ = false;
-            self->readHeader();
+            self->readMore(false);
         }
     });
 }
@@ -215,9 +283,13 @@ void Connection::authenticate(const ConnectionLimits& limits) {
     setLimits(limits);
 }
 
-void Connection::enqueue(std::string payload, bool last) {
-    asio::dispatch(strand_, [self = shared_from_this(), payload = std::move(payload), last] {
+void Connection::enqueue(std::string payload, bool last, Written written) {
+    asio::dispatch(strand_, [self = shared_from_this(), payload = std::move(payload), last,
+                             written = std::move(written)]() mutable {
         if (self->closed_ || self->closeAfterWrite_) {
+            if (written) {
+                written(false);
+            }
             return;
         }
         std::string frame;
@@ -232,10 +304,13 @@ void Connection::enqueue(std::string payload, bool last) {
             // The peer does not read what it asked for: it alone is dropped,
             // so the others' messages keep flowing.
             self->closeFor(CloseReason::QueueFull);
+            if (written) {
+                written(false);
+            }
             return;
         }
-        self->out_.push_back(std::move(frame));
-        self->hold(self->outBytes_ + self->body_.size());
+        self->out_.push_back(Outgoing{std::move(frame), std::move(written)});
+        self->hold(self->outBytes_ + self->in_.size() - self->inOff_);
         if (last) {
             self->closeAfterWrite_ = true;
             self->reading_ = false;
@@ -259,7 +334,7 @@ void Connection::writeNext() {
     std::vector<asio::const_buffer> bufs;
     bufs.reserve(count);
     for (size_t i = 0; i < count; ++i) {
-        bufs.push_back(asio::buffer(out_[i]));
+        bufs.push_back(asio::buffer(out_[i].frame));
     }
     writing_ = true;
     auto self = shared_from_this();
@@ -268,19 +343,23 @@ void Connection::writeNext() {
         asio::bind_executor(strand_, [self, count](const asio::error_code& ec, size_t) {
             self->writing_ = false;
             for (size_t i = 0; i < count && !self->out_.empty(); ++i) {
-                self->outBytes_ -= self->out_.front().size();
+                Outgoing done = std::move(self->out_.front());
+                self->outBytes_ -= done.frame.size();
                 self->out_.pop_front();
+                if (done.written) {
+                    done.written(!ec);
+                }
             }
             if (ec) {
                 self->shutdown();
                 return;
             }
             self->lastWrite_ = Clock::now();
-            self->hold(self->outBytes_ + self->body_.size());
+            self->hold(self->outBytes_ + self->in_.size() - self->inOff_);
             if (self->readParked_ && self->reading_ &&
                 self->outBytes_ <= self->limits_.pauseReadingAbove / 2) {
                 self->readParked_ = false;
-                self->readHeader();
+                self->readMore(false);
             }
             self->writeNext();
         }));
@@ -374,8 +453,14 @@ void Connection::shutdown() {
         watchdog_->cancel();
         watchdog_.reset();
     }
-    out_.clear();
+    std::deque<Outgoing> dropped;
+    dropped.swap(out_);
     outBytes_ = 0;
+    for (Outgoing& o : dropped) {
+        if (o.written) {
+            o.written(false);
+        }
+    }
     hold(0);
     if (budget_ != nullptr && condemned_) {
         budget_->released(condemnedBytes_.load());

@@ -1,10 +1,12 @@
 // One client or resource-manager connection of the service (local socket or
 // TCP): reads length-prefixed frames and hands each payload to its handler,
 // and sends frames from a bounded queue. All socket work runs on the
-// connection's strand; send() and close() may be called from any thread. A
-// payload is stored as it arrives, never reserved from the announced length,
-// and a header over the connection's frame cap is reported before anything
-// is stored. What the connection may hold and how long it may take are its
+// connection's strand; send() and close() may be called from any thread.
+// What has arrived is read in one piece and split into frames, so a burst
+// costs one read, not two per frame. A payload is stored as it arrives,
+// never reserved from the announced length, and a header over the
+// connection's frame cap is reported before more than one read's piece is
+// stored. What the connection may hold and how long it may take are its
 // limits (ConnectionLimits), which the router tightens for callers that have
 // not authenticated. Owned through shared_ptr: the pending read keeps it
 // alive until it closes.
@@ -16,6 +18,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -91,8 +94,16 @@ public:
 
     // Starts reading. Call once, after construction through make_shared.
     void start();
+    // Called on the connection's strand once a message has gone to the
+    // socket (true), or was dropped unsent (false).
+    using Written = std::function<void(bool written)>;
+
     // Queues one message (the frame header is added here). Dropped once closing.
     void send(std::string payload);
+    // The same, told when the message has gone: a sender can be answered
+    // only once its message left, so a peer that does not read slows those
+    // sending to it instead of piling their messages up here.
+    void send(std::string payload, Written written);
     // Queues a last message, stops reading, and closes once it is written.
     void sendThenClose(std::string payload);
     // Closes at once; queued messages are dropped.
@@ -131,9 +142,16 @@ public:
     SessionState state;
 
 private:
-    void readHeader();
-    void readBody(size_t have);
-    void enqueue(std::string payload, bool last);
+    // Handles the frames already read, then reads on (first what has already
+    // arrived when `tryNow`), until reading stops or must wait.
+    void readMore(bool tryNow);
+    // Handles the next complete frame in the input; otherwise false, with
+    // `need` what it still lacks (reading may have stopped: an oversize header).
+    bool takeFrame(size_t* need);
+    // Appends what the socket has now without waiting; false on end or error.
+    bool readAvailable(size_t* got);
+    void compactInput();
+    void enqueue(std::string payload, bool last, Written written);
     void writeNext();
     void lingerThenClose();
     void drain(size_t dropped);
@@ -155,10 +173,13 @@ private:
 
     // Strand-only state.
     ConnectionLimits limits_;
-    unsigned char header_[4] = {};
-    size_t want_ = 0;
-    std::string body_;
-    std::deque<std::string> out_;
+    std::string in_;  // bytes read and not yet handled, from inOff_
+    size_t inOff_ = 0;
+    struct Outgoing {
+        std::string frame;
+        Written written;
+    };
+    std::deque<Outgoing> out_;
     size_t outBytes_ = 0;
     bool writing_ = false;
     bool closeAfterWrite_ = false;

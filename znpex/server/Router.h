@@ -235,8 +235,10 @@ private:
     void sendBeat(const di::Heartbeat& h);
     // A peer message that may be a beat (on the server, it counts).
     void heartbeatReceived(const PeerDeliver& d);
-    // Hands a peer message to this host's manager `rm`; false when it is not here.
-    bool deliverToManager(const std::string& rm, const proto::PeerMessage& m);
+    // Hands a peer message to this host's manager `rm`; false when it is not
+    // here. `written` (may be empty) is told once the message has gone to it.
+    bool deliverToManager(const std::string& rm, const proto::PeerMessage& m,
+                          Connection::Written written = nullptr);
     proto::Json heartbeatStatus() const;
 
     // Domain-scoped sessions (RouterDomain.cc).
@@ -289,7 +291,9 @@ private:
     void managerNotification(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m,
                              const MethodInfo& info);
     void addWatcher(const std::shared_ptr<Connection>& c, const std::string& className);
-    void notifyWatchers(const std::string& className, OpTarget target, const std::string& payload);
+    // `makePayload` is called only when someone is watching.
+    void notifyWatchers(const std::string& className, OpTarget target,
+                        const std::function<std::string()>& makePayload);
 
     // Replies.
     static void replyResult(const std::shared_ptr<Connection>& c, const proto::Json& id,

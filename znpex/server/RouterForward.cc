@@ -245,11 +245,12 @@ void Router::managerNotification(const std::shared_ptr<Connection>& c, const Rpc
     } else if (undefined) {
         events_->resourcesUndefined(*undefined);
     }
-    notifyWatchers(cls, target, proto::dumpJson(proto::makeNotification(m.method, m.params)));
+    notifyWatchers(cls, target,
+                   [&m] { return proto::dumpJson(proto::makeNotification(m.method, m.params)); });
 }
 
 void Router::notifyWatchers(const std::string& className, OpTarget target,
-                            const std::string& payload) {
+                            const std::function<std::string()>& makePayload) {
     std::vector<std::shared_ptr<Connection>> targets;
     {
         std::lock_guard<std::mutex> g(watchMu_);
@@ -264,9 +265,13 @@ void Router::notifyWatchers(const std::string& className, OpTarget target,
         }
     }
     auto rules = acl_.rules();
+    std::string payload;  // encoded for the first watcher allowed, if any
     for (auto& w : targets) {
         // Rules may have changed since it started watching.
         if (isAllowed(*rules, identityOf(*w), className, target, OpAccess::Read)) {
+            if (payload.empty()) {
+                payload = makePayload();
+            }
             w->send(payload);
         }
     }

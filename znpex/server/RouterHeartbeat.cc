@@ -150,7 +150,8 @@ void Router::heartbeatReceived(const PeerDeliver& d) {
     beatsReceived_.fetch_add(1);
 }
 
-bool Router::deliverToManager(const std::string& rm, const proto::PeerMessage& m) {
+bool Router::deliverToManager(const std::string& rm, const proto::PeerMessage& m,
+                              Connection::Written written) {
     std::shared_ptr<Connection> manager;
     {
         std::lock_guard<std::mutex> g(peerMu_);
@@ -162,8 +163,13 @@ bool Router::deliverToManager(const std::string& rm, const proto::PeerMessage& m
     if (manager == nullptr || manager->closed()) {
         return false;
     }
-    manager->send(proto::dumpJson(
-        proto::makeNotification(proto::kPeerReceived, proto::encodePeerMessage(m))));
+    std::string payload =
+        proto::dumpJson(proto::makeNotification(proto::kPeerReceived, proto::encodePeerMessage(m)));
+    if (written) {
+        manager->send(std::move(payload), std::move(written));
+    } else {
+        manager->send(std::move(payload));
+    }
     return true;
 }
 

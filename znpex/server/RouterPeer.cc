@@ -334,11 +334,18 @@ void Router::peerDeliver(const std::shared_ptr<Connection>& c, const RpcMessage&
     if (d.message.type == proto::kHeartbeatMessageType) {
         heartbeatReceived(d);
     }
-    bool delivered = deliverToManager(d.rm, d.message);
-    if (delivered) {
-        peerReceived_.fetch_add(1);
+    // The sender is answered once the message has gone to the manager, so a
+    // manager that falls behind slows its senders rather than letting their
+    // messages pile up here.
+    bool delivered = deliverToManager(d.rm, d.message, [this, c, id = m.id](bool written) {
+        if (written) {
+            peerReceived_.fetch_add(1);
+        }
+        replyResult(c, id, Json{{"delivered", written}});
+    });
+    if (!delivered) {
+        replyResult(c, m.id, Json{{"delivered", false}});
     }
-    replyResult(c, m.id, Json{{"delivered", delivered}});
 }
 
 void Router::peerSend(const std::string& rmName, const RpcMessage& m) {
