@@ -198,11 +198,12 @@ private:
     // stamp lock is let go first); a sender behind us gets our tables.
     void notTaken(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m, bool oursNewer,
                   std::unique_lock<std::mutex>& stampLock);
-    void takeWhole(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m, uint64_t stamp,
-                   const di::Transaction& t, std::optional<di::Heartbeat> beat);
-    void takeChange(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m,
-                    uint64_t stamp, uint64_t base, const di::Transaction& t,
-                    std::optional<di::Heartbeat> beat);
+    // Applies a whole copy (`base` empty) or a change made on the tables
+    // stamped `base`, unless it is no newer than ours or, for a change, made
+    // on tables this host does not have.
+    void takeReplicated(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m,
+                        uint64_t stamp, std::optional<uint64_t> base, const di::Transaction& t,
+                        std::optional<di::Heartbeat> beat);
     void takeReplicatedHeartbeat(const std::shared_ptr<Connection>& c,
                                  std::optional<di::Heartbeat> beat);
     // Adds one part of a whole copy from `c`; the whole copy once its last

@@ -317,7 +317,7 @@ void Router::diReplicate(const std::shared_ptr<Connection>& c, const RpcMessage&
     if (const Json* change = proto::findField(m.params, "change")) {
         uint64_t base =
             proto::asDecimalUInt64(proto::requireField(m.params, "base", w), w + ".base");
-        takeChange(c, m, stamp, base, di::decodeTransaction(*change), std::move(beat));
+        takeReplicated(c, m, stamp, base, di::decodeTransaction(*change), std::move(beat));
         return;
     }
     di::Transaction t = di::decodeTransaction(proto::requireField(m.params, "tables", w));
@@ -345,7 +345,7 @@ void Router::diReplicate(const std::shared_ptr<Connection>& c, const RpcMessage&
         throw proto::ProtocolError(
             w + ".tables: expected whole tables (both cleared first, rows added)");
     }
-    takeWhole(c, m, stamp, t, std::move(beat));
+    takeReplicated(c, m, stamp, std::nullopt, t, std::move(beat));
 }
 
 std::optional<di::Transaction> Router::addPart(const std::shared_ptr<Connection>& c, uint64_t stamp,
@@ -402,8 +402,9 @@ void Router::notTaken(const std::shared_ptr<Connection>& c, const RpcMessage& m,
     }
 }
 
-void Router::takeWhole(const std::shared_ptr<Connection>& c, const RpcMessage& m, uint64_t stamp,
-                       const di::Transaction& t, std::optional<di::Heartbeat> beat) {
+void Router::takeReplicated(const std::shared_ptr<Connection>& c, const RpcMessage& m,
+                            uint64_t stamp, std::optional<uint64_t> base, const di::Transaction& t,
+                            std::optional<di::Heartbeat> beat) {
     if (!stampAcceptable(c, m, stamp)) {
         return;
     }
@@ -412,32 +413,7 @@ void Router::takeWhole(const std::shared_ptr<Connection>& c, const RpcMessage& m
         notTaken(c, m, stamp < diStamp_, g);
         return;
     }
-    std::string why;
-    int rc = applyDi(t, &why);
-    if (rc != DI_OK) {
-        serviceLog("tables from %s not applied: %s", peerHostOf(*c).c_str(), why.c_str());
-        replyResult(c, m.id, Json{{"code", rc}, {"reason", why}});
-        return;
-    }
-    diStamp_ = stamp;
-    storeStamp(stamp);
-    copiesApplied_.fetch_add(1);
-    takeReplicatedHeartbeat(c, std::move(beat));
-    replyResult(c, m.id, Json{{"code", DI_OK}, {"applied", true}, {"version", di_.version()}});
-}
-
-void Router::takeChange(const std::shared_ptr<Connection>& c, const RpcMessage& m, uint64_t stamp,
-                        uint64_t base, const di::Transaction& t,
-                        std::optional<di::Heartbeat> beat) {
-    if (!stampAcceptable(c, m, stamp)) {
-        return;
-    }
-    std::unique_lock<std::mutex> g(diStampMu_);
-    if (stamp <= diStamp_) {
-        notTaken(c, m, stamp < diStamp_, g);
-        return;
-    }
-    if (base != diStamp_) {
+    if (base && *base != diStamp_) {
         // Changes made on tables this host does not have: the whole tables
         // come instead.
         g.unlock();
@@ -450,13 +426,14 @@ void Router::takeChange(const std::shared_ptr<Connection>& c, const RpcMessage& 
     std::string why;
     int rc = applyDi(t, &why);
     if (rc != DI_OK) {
-        serviceLog("change from %s not applied: %s", peerHostOf(*c).c_str(), why.c_str());
+        serviceLog("%s from %s not applied: %s", base ? "change" : "tables", peerHostOf(*c).c_str(),
+                   why.c_str());
         replyResult(c, m.id, Json{{"code", rc}, {"reason", why}});
         return;
     }
     diStamp_ = stamp;
     storeStamp(stamp);
-    changesApplied_.fetch_add(1);
+    (base ? changesApplied_ : copiesApplied_).fetch_add(1);
     takeReplicatedHeartbeat(c, std::move(beat));
     replyResult(c, m.id, Json{{"code", DI_OK}, {"applied", true}, {"version", di_.version()}});
 }
