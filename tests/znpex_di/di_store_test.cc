@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 
@@ -45,6 +46,38 @@ TEST(DiStore, TablesSurviveReopening) {
     EXPECT_EQ(again.version(), 2u);
     ASSERT_EQ(again.apply(addNodes({{3, "n3.example", {}, {}}})), DI_OK);
     EXPECT_EQ(again.version(), 3u);
+}
+
+// What a copy of the database file alone holds: the tables as they would be
+// found if the log were lost.
+size_t nodesInFileAlone(const std::string& path, const std::string& copy) {
+    std::filesystem::copy_file(path, copy, std::filesystem::copy_options::overwrite_existing);
+    std::filesystem::remove(copy + "-wal");
+    return DiStore(copy).nodes().size();
+}
+
+TEST(DiStore, AStampGoesWithItsChangeAndAFlushPutsChangesInTheFile) {
+    testsupport::TempDir dir;
+    std::string path = dir / "tables.db";
+    DiStore s(path);
+    ASSERT_EQ(s.apply(addNodes({{1, "a", {}, {"10.0.0.1"}}}), nullptr, 500), DI_OK);
+    EXPECT_EQ(s.stamp(), 500u);
+    // A refused change leaves the stamp it brought behind.
+    ASSERT_EQ(s.apply(addNodes({{2, "", {}, {}}}), nullptr, 600), DI_EINVAL);
+    ASSERT_EQ(s.apply(addNodes({{3, "c", {}, {}}})), DI_OK);
+    EXPECT_EQ(s.stamp(), 500u);
+
+    EXPECT_TRUE(s.unflushed());
+    EXPECT_EQ(nodesInFileAlone(path, dir / "before.db"), 0u);
+    ASSERT_TRUE(s.flush());
+    EXPECT_FALSE(s.unflushed());
+    EXPECT_EQ(nodesInFileAlone(path, dir / "after.db"), 2u);
+    // The heartbeat tuning is rare and must not wait for a flush.
+    Heartbeat h;
+    h.frequency = 4;
+    h.sensitivity = 3;
+    ASSERT_EQ(s.setHeartbeat(h), DI_OK);
+    EXPECT_FALSE(s.unflushed());
 }
 
 TEST(DiStore, UpdateReplacesRemoveDeletesNullTableEmpties) {

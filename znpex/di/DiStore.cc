@@ -79,9 +79,9 @@ DiStore::DiStore(const std::string& path) {
         throw std::runtime_error("cannot open " + path + ": " + why);
     }
     try {
-        // Tables change rarely and must survive a power cut once refreshed.
+        // A commit survives a crash of the process; flush() syncs the log.
         exec("PRAGMA journal_mode=WAL");
-        exec("PRAGMA synchronous=FULL");
+        exec("PRAGMA synchronous=NORMAL");
         exec(
             "CREATE TABLE IF NOT EXISTS nodes (hostname TEXT PRIMARY KEY, node_id INTEGER,"
             " names TEXT, addresses TEXT)");
@@ -131,7 +131,16 @@ int DiStore::transact(std::string* why, const std::function<void()>& work) {
     return DI_OK;
 }
 
-int DiStore::apply(const Transaction& t, std::string* why) {
+int DiStore::durably(std::string* why, const std::function<void()>& work) {
+    int rc = transact(why, work);
+    if (rc == DI_OK) {
+        unflushed_ = true;
+        flushLocked();  // failing, the next flush() tries again
+    }
+    return rc;
+}
+
+int DiStore::apply(const Transaction& t, std::string* why, uint64_t stamp) {
     if (std::string bad = validate(t); !bad.empty()) {
         if (why != nullptr) {
             *why = bad;
@@ -170,12 +179,45 @@ int DiStore::apply(const Transaction& t, std::string* why) {
         Stmt ver(db_, "INSERT OR REPLACE INTO settings VALUES ('version', ?1)");
         sqlite3_bind_int64(ver.get(), 1, static_cast<sqlite3_int64>(version_ + 1));
         ver.run(db_);
+        if (stamp != 0) {
+            Stmt put(db_, "INSERT OR REPLACE INTO settings VALUES ('stamp', ?1)");
+            sqlite3_bind_int64(put.get(), 1, static_cast<sqlite3_int64>(stamp));
+            put.run(db_);
+        }
     });
     if (rc != DI_OK) {
         return rc;
     }
     ++version_;
+    unflushed_ = true;
     return DI_OK;
+}
+
+bool DiStore::flush() {
+    std::lock_guard<std::mutex> g(mu_);
+    return flushLocked();
+}
+
+bool DiStore::flushLocked() {
+    if (!unflushed_) {
+        return true;
+    }
+    // A checkpoint syncs the log before it copies it into the database; this
+    // connection is the file's only one, so it runs to the end.
+    int logFrames = 0;
+    int copied = 0;
+    if (sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_PASSIVE, &logFrames, &copied) !=
+            SQLITE_OK ||
+        copied < logFrames) {
+        return false;
+    }
+    unflushed_ = false;
+    return true;
+}
+
+bool DiStore::unflushed() const {
+    std::lock_guard<std::mutex> g(mu_);
+    return unflushed_;
 }
 
 std::vector<NodeEntry> DiStore::nodes() const {
@@ -217,7 +259,7 @@ Transaction DiStore::snapshot() const {
 
 int DiStore::setHeartbeat(const Heartbeat& h, std::string* why) {
     std::lock_guard<std::mutex> g(mu_);
-    return transact(why, [&] {
+    return durably(why, [&] {
         Stmt put(db_, "INSERT OR REPLACE INTO settings VALUES (?1, ?2)");
         for (auto [key, value] : {std::pair<const char*, uint64_t>{"frequency", h.frequency},
                                   {"sensitivity", h.sensitivity},
@@ -238,7 +280,7 @@ int DiStore::setHeartbeat(const Heartbeat& h, std::string* why) {
 
 int DiStore::setStamp(uint64_t stamp, std::string* why) {
     std::lock_guard<std::mutex> g(mu_);
-    return transact(why, [&] {
+    return durably(why, [&] {
         Stmt put(db_, "INSERT OR REPLACE INTO settings VALUES ('stamp', ?1)");
         sqlite3_bind_int64(put.get(), 1, static_cast<sqlite3_int64>(stamp));
         put.run(db_);

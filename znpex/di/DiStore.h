@@ -1,6 +1,11 @@
 // The durable store of the distributed-information tables: one SQLite file
-// under the state root. A transaction is applied whole or not at all and is
-// on disk when apply() returns. Readers get copies. Thread-safe.
+// under the state root. A transaction is applied whole or not at all; once
+// apply() returns it survives a crash of the process, and it is on disk
+// against a power cut after the next flush() (the service flushes every
+// second). The tables are derived data, republished by their managers and
+// replicated again, so a burst of changes costs one disk sync, not one each;
+// the heartbeat tuning and a stamp set alone are flushed at once. Readers
+// get copies. Thread-safe.
 #pragma once
 
 #include <cstdint>
@@ -25,8 +30,15 @@ public:
     DiStore(const DiStore&) = delete;
     DiStore& operator=(const DiStore&) = delete;
 
-    // Applies a transaction; returns DI_OK, DI_EINVAL (with `why`) or DI_ESTORE.
-    int apply(const Transaction& t, std::string* why = nullptr);
+    // Applies a transaction, with the replication stamp it brings when
+    // `stamp` is not 0 (both or neither are kept); returns DI_OK, DI_EINVAL
+    // (with `why`) or DI_ESTORE.
+    int apply(const Transaction& t, std::string* why = nullptr, uint64_t stamp = 0);
+    // Puts what was applied since the last flush on disk; false when that
+    // failed (it is tried again on the next call).
+    bool flush();
+    // Whether changes wait for a flush.
+    bool unflushed() const;
     std::vector<NodeEntry> nodes() const;
     std::vector<GroupEntry> groups() const;
     // Both tables as one transaction that rebuilds them from empty (what a
@@ -50,10 +62,14 @@ private:
     // Runs `work` in one write transaction (mu_ held): DI_OK, or DI_ESTORE
     // with `why` after rolling back.
     int transact(std::string* why, const std::function<void()>& work);
+    // transact() followed by a flush.
+    int durably(std::string* why, const std::function<void()>& work);
+    bool flushLocked();
 
-    mutable std::mutex mu_;  // guards db_ and version_
+    mutable std::mutex mu_;  // guards db_, version_ and unflushed_
     sqlite3* db_ = nullptr;
     uint64_t version_ = 0;
+    bool unflushed_ = false;
 };
 
 }  // namespace znpex::di

@@ -112,8 +112,9 @@ public:
     void stopEvents();
 
     // Applies a table transaction here and tells the tables' watchers;
-    // DI_OK, DI_EINVAL or DI_ESTORE (with `why`). Never replicates.
-    int applyDi(const di::Transaction& t, std::string* why);
+    // DI_OK, DI_EINVAL or DI_ESTORE (with `why`). Never replicates. A
+    // `stamp` other than 0 is stored with the change, in the same commit.
+    int applyDi(const di::Transaction& t, std::string* why, uint64_t stamp = 0);
     // Applies a transaction here and hands it on to the other hosts
     // (RouterReplicate.cc); `done` gets DI_OK (every host has it, or there
     // are none), DI_EPARTIAL (some have not acknowledged it), or the failure
@@ -123,7 +124,8 @@ public:
                          std::function<void(int code, const std::string& why)> done);
     di::DiStore& diStore() { return di_; }
 
-    // Starts the periodic housekeeping (returning freed memory). Call once,
+    // Starts the periodic housekeeping (returning freed memory, syncing the
+    // tables' changes to disk). Call once,
     // before the I/O threads run; closeAll() stops it.
     void startHousekeeping();
     // The limits of a connection (RouterLimits.cc): by transport, whether it
@@ -382,6 +384,7 @@ private:
     std::mutex housekeepingMu_;  // guards housekeeping_, hbTimer_
     std::unique_ptr<asio::steady_timer> housekeeping_;
     std::unique_ptr<asio::steady_timer> hbTimer_;
+    bool diFlushFailing_ = false;  // housekeeping's thread only: logged once
     std::atomic<uint64_t> closedForReadTimeout_{0}, closedForIdle_{0}, closedForWriteTimeout_{0},
         closedForQueue_{0}, closedForBudget_{0};
 

@@ -1,6 +1,7 @@
 // The distributed-information tables as the service offers them: a manager
-// on this host refreshes a transaction into them (applied and on disk before
-// the answer, then handed on to the other hosts of the domain), tunes the
+// on this host refreshes a transaction into them (applied, safe from a crash
+// of the service, before the answer; on disk within the second; then handed
+// on to the other hosts of the domain), tunes the
 // heartbeat, and every authenticated session may read the tables and watch
 // them change.
 #include "znpex/di/DiCodec.h"
@@ -13,8 +14,8 @@ namespace znpex::server {
 using proto::Json;
 using proto::RpcMessage;
 
-int Router::applyDi(const di::Transaction& t, std::string* why) {
-    int rc = di_.apply(t, why);
+int Router::applyDi(const di::Transaction& t, std::string* why, uint64_t stamp) {
+    int rc = di_.apply(t, why, stamp);
     if (rc != DI_OK) {
         return rc;
     }

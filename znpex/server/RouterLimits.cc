@@ -124,6 +124,12 @@ void Router::startHousekeeping() {
 void Router::housekeeping() {
     budget_.tick();
     peerOutages_->flush();
+    bool flushed = di_.flush();
+    if (flushed == diFlushFailing_) {
+        serviceLog(flushed ? "table changes synced to disk again"
+                           : "table changes not synced to disk; trying every second");
+        diFlushFailing_ = !flushed;
+    }
     std::lock_guard<std::mutex> g(housekeepingMu_);
     if (housekeeping_ == nullptr) {
         return;  // stopped

@@ -167,19 +167,18 @@ void Router::replicateChange(const di::Transaction& t,
         return;
     }
     std::unique_lock<std::mutex> g(diStampMu_);
+    // Stamps stay within the allowed skew of this clock (see diReplicate),
+    // so the + 1 cannot wrap.
+    uint64_t base = diStamp_;
+    uint64_t stamp = std::max(wallMillis(), base + 1);
     std::string why;
-    int rc = applyDi(t, &why);
+    int rc = applyDi(t, &why, stamp);
     if (rc != DI_OK) {
         g.unlock();
         done(rc, why);
         return;
     }
-    // Stamps stay within the allowed skew of this clock (see diReplicate),
-    // so the + 1 cannot wrap.
-    uint64_t base = diStamp_;
-    uint64_t stamp = std::max(wallMillis(), base + 1);
     diStamp_ = stamp;
-    storeStamp(stamp);
     Json params{{"stamp", proto::decimal(stamp)},
                 {"base", proto::decimal(base)},
                 {"change", di::encodeTransaction(t)}};
@@ -424,7 +423,7 @@ void Router::takeReplicated(const std::shared_ptr<Connection>& c, const RpcMessa
         return;
     }
     std::string why;
-    int rc = applyDi(t, &why);
+    int rc = applyDi(t, &why, stamp);
     if (rc != DI_OK) {
         serviceLog("%s from %s not applied: %s", base ? "change" : "tables", peerHostOf(*c).c_str(),
                    why.c_str());
@@ -432,7 +431,6 @@ void Router::takeReplicated(const std::shared_ptr<Connection>& c, const RpcMessa
         return;
     }
     diStamp_ = stamp;
-    storeStamp(stamp);
     (base ? changesApplied_ : copiesApplied_).fetch_add(1);
     takeReplicatedHeartbeat(c, std::move(beat));
     replyResult(c, m.id, Json{{"code", DI_OK}, {"applied", true}, {"version", di_.version()}});
