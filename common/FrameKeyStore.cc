@@ -18,40 +18,6 @@ namespace {
 // A store larger than this is not read: some thousand frames fit easily.
 constexpr off_t kMaxStoreBytes = 1 << 20;
 
-void wipeString(std::string& s) {
-    volatile char* p = s.data();
-    for (size_t i = 0; i < s.size(); ++i) {
-        p[i] = 0;
-    }
-    s.clear();
-}
-
-int hexValue(char c) {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
-bool parseHex(const char* s, size_t n, std::vector<uint8_t>* out) {
-    if (n == 0 || n % 2 != 0) {
-        return false;
-    }
-    out->resize(n / 2);
-    for (size_t i = 0; i < n; i += 2) {
-        int hi = hexValue(s[i]);
-        int lo = hexValue(s[i + 1]);
-        if (hi < 0 || lo < 0) {
-            return false;
-        }
-        (*out)[i / 2] = static_cast<uint8_t>(hi << 4 | lo);
-    }
-    return true;
-}
-
 std::string errnoText(const std::string& what, int e) {
     return what + ": " + std::strerror(e);
 }
@@ -82,22 +48,6 @@ private:
 };
 
 }  // namespace
-
-SecretBytes& SecretBytes::operator=(SecretBytes&& o) noexcept {
-    if (this != &o) {
-        wipe();
-        bytes_ = std::move(o.bytes_);
-    }
-    return *this;
-}
-
-void SecretBytes::wipe() {
-    volatile uint8_t* p = bytes_.data();
-    for (size_t i = 0; i < bytes_.size(); ++i) {
-        p[i] = 0;
-    }
-    bytes_.clear();
-}
 
 FrameKeyStore::FrameKeyStore(std::string path)
     : path_(path.empty() ? zn::paths::resolve(zn::paths::kFrameKeyStore) : std::move(path)) {}
@@ -166,18 +116,17 @@ int FrameKeyStore::readFile(KeyMap* keys, std::string* why) const {
         if (line.empty() || line[0] == '#')
             continue;
         size_t sp = line.find(' ');
-        std::vector<uint8_t> bytes;
+        SecretBytes key;
         std::string mtms(line.substr(0, sp == std::string_view::npos ? line.size() : sp));
         if (sp == std::string_view::npos || !validMtms(mtms) ||
-            !parseHex(line.data() + sp + 1, line.size() - sp - 1, &bytes)) {
+            !secretFromHex(line.data() + sp + 1, line.size() - sp - 1, &key)) {
             // Never the line itself: it may hold a secret.
             if (why != nullptr)
                 *why = path_ + ": line " + std::to_string(lineNo) + " is not valid";
-            SecretBytes drop(std::move(bytes));
             rc = EINVAL;
             continue;
         }
-        (*keys)[mtms] = SecretBytes(std::move(bytes));
+        (*keys)[mtms] = std::move(key);
     }
     wipeString(text);
     return rc;

@@ -20,29 +20,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/security/sec_message.h"
+#include "common/SecretBytes.h"
 
 namespace WEX_COMMON {
-
-// Bytes that are wiped when they go.
-class SecretBytes {
-public:
-    SecretBytes() = default;
-    explicit SecretBytes(std::vector<uint8_t> bytes) : bytes_(std::move(bytes)) {}
-    SecretBytes(const SecretBytes&) = delete;
-    SecretBytes& operator=(const SecretBytes&) = delete;
-    SecretBytes(SecretBytes&& o) noexcept : bytes_(std::move(o.bytes_)) {}
-    SecretBytes& operator=(SecretBytes&& o) noexcept;
-    ~SecretBytes() { wipe(); }
-    void wipe();
-    const std::vector<uint8_t>& bytes() const { return bytes_; }
-    bool empty() const { return bytes_.empty(); }
-    // A view for the security library (valid while this object lives).
-    sec_buffer_s buffer() { return {static_cast<uint32_t>(bytes_.size()), bytes_.data()}; }
-
-private:
-    std::vector<uint8_t> bytes_;
-};
 
 class FrameKeyStore {
 public:

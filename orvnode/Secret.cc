@@ -12,52 +12,7 @@ namespace {
 constexpr size_t kMaxFile = 4096;
 constexpr size_t kMaxHexDigits = 1024;
 
-void wipeBytes(void* p, size_t n) {
-    volatile unsigned char* v = static_cast<volatile unsigned char*>(p);
-    while (n-- > 0) {
-        *v++ = 0;
-    }
-}
-
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
-
 }  // namespace
-
-void wipeString(std::string& s) {
-    wipeBytes(s.data(), s.size());
-    s.clear();
-}
-
-void wipeBytes(std::vector<uint8_t>& b) {
-    wipeBytes(b.data(), b.size());
-    b.clear();
-}
-
-Secret::Secret(Secret&& o) noexcept : bytes_(std::move(o.bytes_)) {}
-
-Secret& Secret::operator=(Secret&& o) noexcept {
-    if (this != &o) {
-        wipe();
-        bytes_ = std::move(o.bytes_);
-    }
-    return *this;
-}
-
-void Secret::wipe() {
-    wipeBytes(bytes_.data(), bytes_.size());
-    bytes_.clear();
-}
 
 bool Secret::fromHex(const std::string& text, Secret* out, std::string* why) {
     size_t begin = text.find_first_not_of(" \t\r\n");
@@ -72,18 +27,10 @@ bool Secret::fromHex(const std::string& text, Secret* out, std::string* why) {
                std::to_string(kMaxHexDigits);
         return false;
     }
-    Secret s;
-    s.bytes_.resize(digits / 2);
-    for (size_t i = 0; i < digits / 2; ++i) {
-        int hi = hexValue(text[begin + 2 * i]);
-        int lo = hexValue(text[begin + 2 * i + 1]);
-        if (hi < 0 || lo < 0) {
-            *why = "the secret holds a character that is not a hex digit";
-            return false;  // s wipes what it took
-        }
-        s.bytes_[i] = static_cast<uint8_t>(hi * 16 + lo);
+    if (!WEX_COMMON::secretFromHex(text.data() + begin, digits, &out->bytes_)) {
+        *why = "the secret holds a character that is not a hex digit";
+        return false;
     }
-    *out = std::move(s);
     return true;
 }
 

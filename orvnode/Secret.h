@@ -8,17 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "common/SecretBytes.h"
+
 namespace orvnode {
 
 class Secret {
 public:
-    Secret() = default;
-    Secret(const Secret&) = delete;
-    Secret& operator=(const Secret&) = delete;
-    Secret(Secret&& o) noexcept;
-    Secret& operator=(Secret&& o) noexcept;
-    ~Secret() { wipe(); }
-
     // From hex text (blanks and a final newline around it are ignored).
     // False, with `why` (never the text), when it is not 2 to 1024 hex digits
     // of whole bytes.
@@ -27,16 +22,15 @@ public:
     // false with `why` when it cannot be read, is larger, or does not hold a secret.
     static bool fromFile(const std::string& path, Secret* out, std::string* why);
 
-    const std::vector<uint8_t>& bytes() const { return bytes_; }
+    const std::vector<uint8_t>& bytes() const { return bytes_.bytes(); }
     bool empty() const { return bytes_.empty(); }
-    void wipe();
+    void wipe() { bytes_.wipe(); }
 
 private:
-    std::vector<uint8_t> bytes_;
+    WEX_COMMON::SecretBytes bytes_;
 };
 
-// Overwrite with zeros (not optimised away) and empty.
-void wipeString(std::string& s);
-void wipeBytes(std::vector<uint8_t>& b);
+using WEX_COMMON::wipeBytes;
+using WEX_COMMON::wipeString;
 
 }  // namespace orvnode
