@@ -17,6 +17,43 @@ PeerDirectory::~PeerDirectory() {
     shutdown();
 }
 
+void PeerDirectory::Reach::list(const std::string& host) {
+    std::lock_guard<std::mutex> g(mu);
+    if (listed.insert(host).second && down.count(host) == 0) {
+        reachable.insert(host);
+    }
+}
+
+void PeerDirectory::Reach::unlist(const std::string& host) {
+    std::lock_guard<std::mutex> g(mu);
+    listed.erase(host);
+    down.erase(host);
+    reachable.erase(host);
+    linkOf.erase(host);
+}
+
+uint64_t PeerDirectory::Reach::newLink(const std::string& host) {
+    std::lock_guard<std::mutex> g(mu);
+    uint64_t id = nextLink++;
+    linkOf[host] = id;
+    return id;
+}
+
+void PeerDirectory::Reach::linkDown(const std::string& host, uint64_t link, bool isDown) {
+    std::lock_guard<std::mutex> g(mu);
+    auto it = linkOf.find(host);
+    if (listed.count(host) == 0 || it == linkOf.end() || it->second != link) {
+        return;  // a link that ends with its host's removal
+    }
+    if (isDown) {
+        down.insert(host);
+        reachable.erase(host);
+    } else {
+        down.erase(host);
+        reachable.insert(host);
+    }
+}
+
 bool PeerDirectory::isSelf(const PeerHost& h) const {
     if (self_.nodeId != 0 && h.nodeId == self_.nodeId) {
         return true;
@@ -54,6 +91,24 @@ void PeerDirectory::setHosts(const std::vector<PeerHost>& all) {
                 ++it;
             }
         }
+        std::lock_guard<std::mutex> r(reach_->mu);
+        // The links kept keep their state; hosts no longer listed go.
+        reach_->listed.clear();
+        reach_->reachable.clear();
+        for (const PeerHost& h : hosts_) {
+            reach_->listed.insert(h.host);
+        }
+        for (auto it = reach_->down.begin(); it != reach_->down.end();) {
+            it = reach_->listed.count(*it) != 0 ? std::next(it) : reach_->down.erase(it);
+        }
+        for (auto it = reach_->linkOf.begin(); it != reach_->linkOf.end();) {
+            it = reach_->listed.count(it->first) != 0 ? std::next(it) : reach_->linkOf.erase(it);
+        }
+        for (const PeerHost& h : hosts_) {
+            if (reach_->down.count(h.host) == 0) {
+                reach_->reachable.insert(h.host);
+            }
+        }
     }
     for (auto& l : gone) {
         l->shutdown();
@@ -65,25 +120,25 @@ void PeerDirectory::updateHosts(const std::vector<PeerHost>& upserts,
     std::vector<std::shared_ptr<PeerLink>> gone;
     {
         std::lock_guard<std::mutex> g(mu_);
-        bool dropped = false;
         for (const std::string& name : removed) {
             auto it = byName_.find(name);
             if (it == byName_.end()) {
                 continue;
             }
-            hosts_[it->second].host.clear();  // compacted below
+            // The last row takes the removed row's place: a removal costs
+            // one row, not the table.
+            size_t at = it->second;
             byName_.erase(it);
-            dropped = true;
+            if (at + 1 != hosts_.size()) {
+                hosts_[at] = std::move(hosts_.back());
+                byName_[hosts_[at].host] = at;
+            }
+            hosts_.pop_back();
+            reach_->unlist(name);
             if (auto l = links_.find(name); l != links_.end()) {
                 gone.push_back(std::move(l->second));
                 links_.erase(l);
             }
-        }
-        if (dropped) {
-            hosts_.erase(std::remove_if(hosts_.begin(), hosts_.end(),
-                                        [](const PeerHost& h) { return h.host.empty(); }),
-                         hosts_.end());
-            reindexLocked();
         }
         for (const PeerHost& h : upserts) {
             if (isSelf(h)) {
@@ -95,6 +150,7 @@ void PeerDirectory::updateHosts(const std::vector<PeerHost>& upserts,
             } else {
                 byName_.emplace(h.host, hosts_.size());
                 hosts_.push_back(h);
+                reach_->list(h.host);
             }
             if (auto l = links_.find(h.host); l != links_.end()) {
                 l->second->setAddresses(h.addresses);
@@ -117,16 +173,8 @@ size_t PeerDirectory::hostCount() const {
 }
 
 std::vector<std::string> PeerDirectory::reachableHosts() const {
-    std::lock_guard<std::mutex> g(mu_);
-    std::vector<std::string> out;
-    out.reserve(hosts_.size());
-    for (const PeerHost& h : hosts_) {
-        auto l = links_.find(h.host);
-        if (l == links_.end() || l->second->state() != PeerLink::State::Down) {
-            out.push_back(h.host);
-        }
-    }
-    return out;
+    std::lock_guard<std::mutex> g(reach_->mu);
+    return {reach_->reachable.begin(), reach_->reachable.end()};
 }
 
 std::optional<PeerHost> PeerDirectory::byNodeId(uint64_t nodeId) const {
@@ -153,7 +201,14 @@ std::shared_ptr<PeerLink> PeerDirectory::linkLocked(const PeerHost& h) {
     PeerHello hello;
     hello.host = self_.host;
     hello.nodeId = self_.nodeId;
-    auto link = std::make_shared<PeerLink>(executor_, h.host, hello, options_, onUp_);
+    std::weak_ptr<Reach> reach = reach_;
+    uint64_t id = reach_->newLink(h.host);
+    auto link = std::make_shared<PeerLink>(executor_, h.host, hello, options_, onUp_,
+                                           [reach, id](const std::string& host, bool down) {
+                                               if (auto r = reach.lock()) {
+                                                   r->linkDown(host, id, down);
+                                               }
+                                           });
     link->setAddresses(h.addresses);
     links_.emplace(h.host, link);
     return link;

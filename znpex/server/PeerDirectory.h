@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "znpex/proto/Json.h"
@@ -55,12 +56,14 @@ public:
     // True when `h` stands for this host: its node id is ours, or one of its
     // addresses is the one we listen on.
     bool isSelf(const PeerHost& h) const;
-    // The other hosts, in table order.
+    // The other hosts (in table order until rows are removed one by one).
     std::vector<PeerHost> hosts() const;
     size_t hostCount() const;
     // The other hosts whose link is not down (never tried, connecting or up):
     // what is sent to a host that is down is lost anyway, and it catches up
-    // when its link comes up.
+    // when its link comes up. Kept as the links change, so a change of the
+    // tables of a domain of mostly powered-off hosts costs the hosts that
+    // are up, not the whole list.
     std::vector<std::string> reachableHosts() const;
     // Adds or replaces hosts and removes others by name, leaving the rest:
     // a change of a few rows of a large table costs a few rows.
@@ -87,6 +90,21 @@ public:
     proto::Json status() const;
 
 private:
+    // The listed hosts whose link is down, and the others. Shared with the
+    // links, which report their changes to it (its lock is taken last).
+    struct Reach {
+        std::mutex mu;
+        std::unordered_set<std::string> listed, down, reachable;  // reachable = listed - down
+        // The link now serving each host: a link that ended with its host's
+        // removal must not speak for the host listed again.
+        std::unordered_map<std::string, uint64_t> linkOf;
+        uint64_t nextLink = 1;
+        void list(const std::string& host);
+        void unlist(const std::string& host);
+        uint64_t newLink(const std::string& host);
+        void linkDown(const std::string& host, uint64_t link, bool isDown);
+    };
+
     std::shared_ptr<PeerLink> linkLocked(const PeerHost& h);
     void reindexLocked();
 
@@ -100,6 +118,7 @@ private:
     std::unordered_map<std::string, size_t> byName_;  // host -> its place in hosts_
     std::map<std::string, std::shared_ptr<PeerLink>> links_;
     bool stopped_ = false;
+    const std::shared_ptr<Reach> reach_ = std::make_shared<Reach>();
 };
 
 }  // namespace znpex::server

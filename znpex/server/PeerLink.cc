@@ -66,13 +66,14 @@ LinkHandlers& linkHandlers() {
 }  // namespace
 
 PeerLink::PeerLink(asio::any_io_executor executor, std::string host, PeerHello self,
-                   PeerLinkOptions options, OnUp onUp)
+                   PeerLinkOptions options, OnUp onUp, OnDown onDown)
     : executor_(executor),
       strand_(asio::make_strand(executor)),
       host_(std::move(host)),
       self_(std::move(self)),
       options_(options),
       onUp_(std::move(onUp)),
+      onDown_(std::move(onDown)),
       backoff_(options.backoffMin) {}
 
 PeerLink::~PeerLink() = default;
@@ -158,8 +159,16 @@ void PeerLink::expireQueued(uint64_t id) {
     done(Outcome::TimedOut, nullptr);
 }
 
+void PeerLink::setStateLocked(State s) {
+    bool wasDown = state_ == State::Down;
+    state_ = s;
+    if (onDown_ && wasDown != (s == State::Down)) {
+        onDown_(host_, !wasDown);
+    }
+}
+
 void PeerLink::startConnectLocked() {
-    state_ = State::Connecting;
+    setStateLocked(State::Connecting);
     uint64_t gen = ++gen_;
     asio::post(strand_, [self = shared_from_this(), gen] { self->tryAddress(gen, 0); });
 }
@@ -354,7 +363,7 @@ void PeerLink::proveDone(uint64_t gen, Outcome outcome, const Json& response) {
         if (gen != gen_ || stopped_ || state_ != State::Connecting) {
             return;
         }
-        state_ = State::Up;
+        setStateLocked(State::Up);
         backoff_ = options_.backoffMin;
         reached_ = true;
         wasOut = outageLogged_;
@@ -412,7 +421,7 @@ void PeerLink::failed(uint64_t gen, const std::string& why) {
             return;
         }
         ++gen_;  // callbacks of this attempt are stale from now on
-        state_ = State::Down;
+        setStateLocked(State::Down);
         ++failures_;
         lastError_ = why;
         retryAt_ = Clock::now() + backoff_;

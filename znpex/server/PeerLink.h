@@ -56,10 +56,13 @@ public:
     using Done = ManagerSession::Done;
     // The link came up (after every (re)connect), outside the lock.
     using OnUp = std::function<void(const std::string& host)>;
+    // The link went down (true) or left that state (false). Called under the
+    // link's lock, in the order of the changes: it must not call the link.
+    using OnDown = std::function<void(const std::string& host, bool down)>;
     enum class State { Idle, Connecting, Up, Down };
 
     PeerLink(asio::any_io_executor executor, std::string host, PeerHello self,
-             PeerLinkOptions options, OnUp onUp);
+             PeerLinkOptions options, OnUp onUp, OnDown onDown = nullptr);
     ~PeerLink();
 
     // The addresses to try, in order (numeric IPv4 or IPv6).
@@ -95,6 +98,7 @@ private:
     using Clock = std::chrono::steady_clock;
 
     void startConnectLocked();
+    void setStateLocked(State s);
     void tryAddress(uint64_t gen, size_t index);
     void connected(uint64_t gen, asio::ip::tcp::socket socket);
     void helloDone(uint64_t gen, Outcome outcome, const proto::Json& response);
@@ -111,6 +115,7 @@ private:
     const PeerHello self_;
     const PeerLinkOptions options_;
     const OnUp onUp_;
+    const OnDown onDown_;
 
     mutable std::mutex mu_;  // guards everything below
     State state_ = State::Idle;
