@@ -1,5 +1,7 @@
 #include "common/SecretBytes.h"
 
+#include "platform/hex.h"
+
 namespace WEX_COMMON {
 namespace {
 
@@ -8,19 +10,6 @@ void wipeMemory(void* p, size_t n) {
     while (n-- > 0) {
         *v++ = 0;
     }
-}
-
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
 }
 
 }  // namespace
@@ -53,8 +42,8 @@ bool secretFromHex(const char* s, size_t n, SecretBytes* out) {
     }
     std::vector<uint8_t> bytes(n / 2);
     for (size_t i = 0; i < n; i += 2) {
-        int hi = hexValue(s[i]);
-        int lo = hexValue(s[i + 1]);
+        int hi = zn::hexDigitValue(s[i]);
+        int lo = zn::hexDigitValue(s[i + 1]);
         if (hi < 0 || lo < 0) {
             wipeBytes(bytes);
             return false;

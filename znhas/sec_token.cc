@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/hex.h"
 #include "znhas/sec_file.h"
 #include "znhas/sec_messages.h"
 #include "znhas/znhas.h"
@@ -159,23 +160,6 @@ int sec_print_host_token(sec_buffer_t token, char** keytext, char** typetext) {
     return 0;
 }
 
-namespace {
-
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
-
-}  // namespace
-
 int sec_set_host_token(const char* keytext, int keytype, sec_buffer_t* token) {
     static const char fn[] = "sec_set_host_token";
     if (keytext == nullptr || *keytext == '\0') {
@@ -197,8 +181,8 @@ int sec_set_host_token(const char* keytext, int keytype, sec_buffer_t* token) {
     }
     znhas::SecureBytes key(digits / 2);
     for (size_t i = 0; i < key.size(); ++i) {
-        int hi = hexValue(keytext[2 * i]);
-        int lo = hexValue(keytext[2 * i + 1]);
+        int hi = zn::hexDigitValue(keytext[2 * i]);
+        int lo = zn::hexDigitValue(keytext[2 * i + 1]);
         if (hi < 0 || lo < 0) {
             return secBadParam(fn, 1, ZNHAS_E_BADPARAM);
         }

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "platform/hex.h"
 #include "tarn_rmf/registry/RMTableError.h"
 
 namespace tarn_rmf {
@@ -21,15 +22,6 @@ bool isDigit(char c) {
 }
 bool isNameChar(char c) {
     return isNameStart(c) || isDigit(c);
-}
-int hexDigit(char c) {
-    if (isDigit(c))
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
 }
 
 }  // namespace
@@ -132,11 +124,11 @@ void RMSelLexer::number(RMSelToken& t) {
         i_ += 2;
         size_t digits = 0;
         uint64_t v = 0;
-        for (; i_ < s_.size() && hexDigit(s_[i_]) >= 0; ++i_, ++digits) {
+        for (; i_ < s_.size() && zn::hexDigitValue(s_[i_]) >= 0; ++i_, ++digits) {
             if ((v >> 60) != 0) {
                 rmSelFail(t.pos, "the number is too large");
             }
-            v = (v << 4) | static_cast<uint64_t>(hexDigit(s_[i_]));
+            v = (v << 4) | static_cast<uint64_t>(zn::hexDigitValue(s_[i_]));
         }
         if (digits == 0) {
             rmSelFail(t.pos, "hexadecimal digits must follow \"0x\"");
