@@ -289,20 +289,46 @@ void EventService::run() {
     }
 }
 
-std::optional<RMReply> EventService::ask(const RMRequest& request, const std::string& identity) {
+std::optional<RMReply> EventService::ask(const RMRequest& request, const std::string& identity,
+                                         const std::function<void(const RMReply&)>& apply) {
     ClassLookup where = registry_.find(request.className);
     if (!where.connected || where.endpoint == nullptr) {
         return std::nullopt;
     }
     auto session = std::static_pointer_cast<ManagerSession>(where.endpoint);
-    auto answer = std::make_shared<std::promise<Json>>();
-    std::future<Json> done = answer->get_future();
-    bool sent = session->forward(
-        proto::rmMethod(request.op), proto::encodeRequestParams(request, identity), timeout_,
-        [answer](ManagerSession::Outcome o, Json response) {
-            answer->set_value(o == ManagerSession::Outcome::Answered ? std::move(response)
-                                                                     : Json());
-        });
+    // The answer is decoded (and applied) on the thread that reads the
+    // manager's messages, in their order; a wait given up at stopping
+    // leaves it unapplied, since `apply` may refer to the waiter's locals.
+    struct Answer {
+        std::mutex mu;
+        bool abandoned = false;
+        std::promise<std::optional<RMReply>> reply;
+    };
+    auto answer = std::make_shared<Answer>();
+    std::future<std::optional<RMReply>> done = answer->reply.get_future();
+    bool sent =
+        session->forward(proto::rmMethod(request.op), proto::encodeRequestParams(request, identity),
+                         timeout_, [answer, apply](ManagerSession::Outcome o, Json response) {
+                             std::optional<RMReply> reply;
+                             const Json* result = o == ManagerSession::Outcome::Answered
+                                                      ? proto::findField(response, "result")
+                                                      : nullptr;
+                             if (result != nullptr) {
+                                 try {
+                                     reply = proto::decodeReply(*result);
+                                 } catch (const std::exception&) {
+                                     reply.reset();
+                                 }
+                             }
+                             std::lock_guard<std::mutex> g(answer->mu);
+                             if (answer->abandoned) {
+                                 return;
+                             }
+                             if (reply && reply->error == nullptr && apply) {
+                                 apply(*reply);
+                             }
+                             answer->reply.set_value(std::move(reply));
+                         });
     if (!sent) {
         return std::nullopt;
     }
@@ -310,19 +336,12 @@ std::optional<RMReply> EventService::ask(const RMRequest& request, const std::st
     while (done.wait_for(std::chrono::milliseconds(50)) != std::future_status::ready) {
         std::lock_guard<std::mutex> g(taskMu_);
         if (stop_) {
+            std::lock_guard<std::mutex> a(answer->mu);
+            answer->abandoned = true;
             return std::nullopt;
         }
     }
-    Json response = done.get();
-    const Json* result = proto::findField(response, "result");
-    if (result == nullptr) {
-        return std::nullopt;
-    }
-    try {
-        return proto::decodeReply(*result);
-    } catch (const std::exception&) {
-        return std::nullopt;
-    }
+    return done.get();
 }
 
 void EventService::seedValues(const std::string& cls, const zn_resource_handle& h, bool persistent,
@@ -354,13 +373,14 @@ bool EventService::seedClass(const Owned& w, const tarn_rmf2v::RMClassDef& def) 
         if (q.ids.empty()) {
             continue;
         }
-        std::optional<RMReply> got = ask(q, w.identity);
+        std::optional<RMReply> got = ask(q, w.identity, [&](const RMReply& r) {
+            std::vector<rm_attribute_value> view = viewOf(r.values);
+            engine_.seed(cls, nullptr, persistent, view.data(),
+                         static_cast<unsigned int>(view.size()));
+        });
         if (!got || got->error != nullptr) {
             ok = false;
-            continue;
         }
-        std::vector<rm_attribute_value> view = viewOf(got->values);
-        engine_.seed(cls, nullptr, persistent, view.data(), static_cast<unsigned int>(view.size()));
     }
     return ok;
 }
@@ -419,12 +439,11 @@ void EventService::seed(uint64_t watch) {
             if (q.ids.empty()) {
                 continue;
             }
-            std::optional<RMReply> got = ask(q, w.identity);
+            std::optional<RMReply> got = ask(
+                q, w.identity, [&](const RMReply& r) { seedValues(cls, h, persistent, r.values); });
             if (!got || got->error != nullptr) {
                 failed = true;
-                continue;
             }
-            seedValues(cls, h, persistent, got->values);
         }
         std::lock_guard<std::mutex> g(mu_);
         classes_[cls].handles.insert(proto::handleToHex(h));
@@ -466,12 +485,11 @@ std::set<int> EventService::moveMonitoring(RMRequest& start, RMRequest& stop,
     }
     std::set<int> after = current;
     if (!start.monitoring.empty()) {
-        std::optional<RMReply> r = ask(start, {});
+        std::optional<RMReply> r = ask(start, {}, seed);
         if (r && r->error == nullptr) {
             for (const rm_monitoring_data& m : start.monitoring) {
                 after.insert(m.rm_attribute_id);
             }
-            seed(*r);
         } else if (registry_.find(start.className).connected) {
             monitoringRefused(start.className);
         }

@@ -115,8 +115,13 @@ private:
     // Every watch of the class gets error event 0x4000b.
     void monitoringRefused(const std::string& cls);
     tarn_rmf2v::RMClassDef classDef(const std::string& cls) const;
-    std::optional<tarn_rmf2v::RMReply> ask(const tarn_rmf2v::RMRequest& request,
-                                           const std::string& identity);
+    // Asks the class's manager and waits for the answer. `apply`, when
+    // given, gets a successful answer where it is read, before anything the
+    // manager sent after it: values it carries are never taken after a
+    // newer change the manager reported.
+    std::optional<tarn_rmf2v::RMReply> ask(
+        const tarn_rmf2v::RMRequest& request, const std::string& identity,
+        const std::function<void(const tarn_rmf2v::RMReply&)>& apply = {});
     void seedValues(const std::string& cls, const zn_resource_handle& h, bool persistent,
                     const std::vector<tarn_rmf2v::RMReplyAttr>& values);
 
