@@ -9,6 +9,7 @@
 #include "tarn_rmf2v/link/RMServiceCall.h"
 #include "tarn_rmf2v/link/RMServiceOutbox.h"
 #include "tarn_rmf2v/link/RMServiceSession.h"
+#include "znpex/proto/AttributesModifiedText.h"
 #include "znpex/proto/JsonRpc.h"
 #include "znpex/proto/NotifyMessages.h"
 #include "znpex/proto/ServiceMessages.h"
@@ -151,21 +152,8 @@ void RMServiceConnection::attributesModified(const std::string& className,
         return;  // nobody to tell; skip the copies
     }
     try {
-        proto::AttributesModified n;
-        n.className = className;
-        n.hasHandle = handle != nullptr;
-        if (handle != nullptr) {
-            n.handle = *handle;
-        }
-        n.persistent = persistent;
-        for (unsigned int i = 0; values != nullptr && i < count; ++i) {
-            n.values.push_back(
-                RMReplyAttr{values[i].rm_attribute_id,
-                            zn::OwnedValue::copyOf(values[i].rm_data_type, values[i].rm_value)});
-        }
-        outbox_->post(0,
-                      proto::dumpJson(proto::makeNotification(proto::kNotifyAttributesModified,
-                                                              proto::encodeAttributesModified(n))));
+        outbox_->post(
+            0, proto::attributesModifiedNotification(className, handle, persistent, values, count));
     } catch (const std::exception& e) {
         if (auto* t = trace()) {
             t->writef(kTraceErrors, "attributesModified of %s not sent: %s", className.c_str(),

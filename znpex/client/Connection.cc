@@ -202,6 +202,9 @@ Connection::Status Connection::receive(uint64_t first, uint64_t last, int timeou
             *why = rs == proto::IoStatus::Failed ? std::strerror(errno) : proto::ioStatusText(rs);
             return Status::Failed;
         }
+        if (filter_ && filter_(frame)) {
+            continue;
+        }
         try {
             reply = proto::parseMessage(frame);
         } catch (const proto::ProtocolError& e) {
@@ -268,6 +271,10 @@ Connection::Status Connection::pump(int timeoutMs, std::string* why, int wakeFd)
             *why = rs == proto::IoStatus::Failed ? std::strerror(errno) : proto::ioStatusText(rs);
             return Status::Failed;
         }
+        took = true;
+        if (filter_ && filter_(frame)) {
+            continue;
+        }
         proto::RpcMessage m;
         try {
             m = proto::parseMessage(frame);
@@ -279,7 +286,6 @@ Connection::Status Connection::pump(int timeoutMs, std::string* why, int wakeFd)
         if (m.kind == proto::RpcMessage::Kind::Notification && sink_) {
             sink_(std::move(m));
         }
-        took = true;
     }
 }
 

@@ -46,6 +46,10 @@ public:
     // Notifications read by call() or pump() go to the sink (none: skipped).
     using NotificationSink = std::function<void(proto::RpcMessage&&)>;
     void setNotificationSink(NotificationSink sink) { sink_ = std::move(sink); }
+    // Sees each frame first; true when it took the frame, which then goes
+    // nowhere else (the sink reads only what it leaves).
+    using FrameFilter = std::function<bool(const std::string& frame)>;
+    void setFrameFilter(FrameFilter filter) { filter_ = std::move(filter); }
     // Waits up to timeoutMs (< 0: no limit) for a frame, then takes whatever
     // else is already there; notifications go to the sink, stale replies are
     // skipped. With wakeFd (-1: none) the wait also ends, Ok, as soon as
@@ -68,6 +72,7 @@ private:
     uint64_t nextId_ = 1;
     bool broken_ = false;
     NotificationSink sink_;
+    FrameFilter filter_;
 };
 
 }  // namespace znpex::client

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "znpex/client/ClientErrors.h"
+#include "znpex/client/EventDecode.h"
 #include "znpex/client/Responses.h"
 #include "znpex/client/Session.h"
 #include "znpex/client/SessionLife.h"
@@ -23,81 +24,32 @@ constexpr char kRegister[] = "event.register";
 constexpr char kUnregister[] = "event.unregister";
 constexpr char kFired[] = "event.fired";
 
-char* copyText(const std::string& s) {
-    char* p = strdup(s.c_str());
-    if (p == nullptr) {
-        throw std::bad_alloc();
-    }
-    return p;
-}
-
-// Builds the C event from "event.fired" params; throws ProtocolError for a
-// malformed one, std::bad_alloc when memory runs out (nothing left behind).
-px_event_2_t* makeEvent(const proto::Json& p) {
-    auto* e = static_cast<px_event_2_t*>(std::calloc(1, sizeof(px_event_2_t)));
-    if (e == nullptr) {
-        throw std::bad_alloc();
-    }
-    e->hdr.pr_type = static_cast<px_response_type_t>(PX_RSP_EVENT);
-    RspPtr<px_event_2_t> owned(e);
-    e->pe_registration = p.at("registration").get<uint64_t>();
-    e->pe_class = copyText(p.at("class").get<std::string>());
-    e->pe_flags = p.at("flags").get<uint32_t>();
-    if (const proto::Json* err = proto::findField(p, "error"); err != nullptr) {
-        e->pe_errnum = err->get<int32_t>();
-    }
-    if (const proto::Json* h = proto::findField(p, "handle"); h != nullptr) {
-        e->pe_handle = proto::handleFromHex(*h, "event.handle");
-        e->pe_has_handle = 1;
-    }
-    const proto::Json& attrs = p.at("attributes");
-    if (!attrs.is_array()) {
-        throw proto::ProtocolError("event.attributes must be an array");
-    }
-    if (!attrs.empty()) {
-        e->pe_attrs =
-            static_cast<px_event_attr_t*>(std::calloc(attrs.size(), sizeof(px_event_attr_t)));
-        if (e->pe_attrs == nullptr) {
-            throw std::bad_alloc();
-        }
-    }
-    for (const proto::Json& a : attrs) {
-        px_event_attr_t& out = e->pe_attrs[e->pe_attr_count];
-        zn::OwnedValue v = proto::decodeValue(a, "event.attributes");
-        out.pe_name = copyText(a.at("name").get<std::string>());
-        out.pe_id = a.at("id").get<int32_t>();
-        out.pe_type = v.type();
-        out.pe_value = v.release();
-        ++e->pe_attr_count;
-    }
-    return owned.release();
-}
-
-void deliver(px_session& s, const proto::Json& params) {
-    uint64_t id = 0;
-    px_event_2_t* event = nullptr;
-    try {
-        id = params.at("registration").get<uint64_t>();
-        event = makeEvent(params);
-    } catch (const std::exception&) {
-        return;  // an event this client cannot read is not one it can deliver
-    }
+void deliver(px_session& s, RspPtr<px_event_2_t> event) {
     EventState::Registration reg;
     {
         std::lock_guard<std::mutex> g(s.events.mu);
-        auto it = s.events.registrations.find(id);
+        auto it = s.events.registrations.find(event->pe_registration);
         if (it != s.events.registrations.end()) {
             reg = it->second;
         }
     }
     if (reg.callback == nullptr) {
-        px_free_response(event);  // unregistered meanwhile
-        return;
+        return;  // unregistered meanwhile
     }
-    reg.callback(&s, event, reg.arg);
+    reg.callback(&s, event.release(), reg.arg);
 }
 
-// Routes the connection's notifications into the session's queue (once).
+void enqueue(EventState& events, RspPtr<px_event_2_t> event) {
+    std::lock_guard<std::mutex> g(events.mu);
+    if (events.queue.size() >= PX_EVENT_QUEUE_MAX) {
+        ++events.dropped;
+        return;
+    }
+    events.queue.push_back(std::move(event));
+}
+
+// Routes the connection's events into the session's queue (once): plain
+// ones straight from their text, any other through the parsed message.
 void hook(px_session& s) {
     {
         std::lock_guard<std::mutex> g(s.events.mu);
@@ -107,28 +59,37 @@ void hook(px_session& s) {
         s.events.hooked = true;
     }
     EventState* events = &s.events;
+    s.conn->setFrameFilter([events](const std::string& frame) {
+        RspPtr<px_event_2_t> e = eventFromText(frame);
+        if (e == nullptr) {
+            return false;
+        }
+        enqueue(*events, std::move(e));
+        return true;
+    });
     s.conn->setNotificationSink([events](proto::RpcMessage&& m) {
         if (m.method != kFired) {
             return;
         }
-        std::lock_guard<std::mutex> g(events->mu);
-        if (events->queue.size() >= PX_EVENT_QUEUE_MAX) {
-            ++events->dropped;
-            return;
+        RspPtr<px_event_2_t> e;
+        try {
+            e = eventFromParams(m.params);
+        } catch (const std::exception&) {
+            return;  // an event this client cannot read is not one it can deliver
         }
-        events->queue.push_back(std::move(m.params));
+        enqueue(*events, std::move(e));
     });
 }
 
-// Takes the oldest waiting event; false when none waits.
-bool takeEvent(px_session& s, proto::Json& out) {
+// Takes the oldest waiting event; null when none waits.
+RspPtr<px_event_2_t> takeEvent(px_session& s) {
     std::lock_guard<std::mutex> g(s.events.mu);
     if (s.events.queue.empty()) {
-        return false;
+        return nullptr;
     }
-    out = std::move(s.events.queue.front());
+    RspPtr<px_event_2_t> e = std::move(s.events.queue.front());
     s.events.queue.pop_front();
-    return true;
+    return e;
 }
 
 // Reads what has come already, without waiting (px_dispatch option 0).
@@ -313,9 +274,8 @@ int px_dispatch(px_session_t session, int option) {
             rc = PX_DISPATCH_ENDED;
             break;
         }
-        proto::Json params;
-        if (takeEvent(s, params)) {
-            deliver(s, params);
+        if (RspPtr<px_event_2_t> e = takeEvent(s)) {
+            deliver(s, std::move(e));
             continue;
         }
         if (option == 0 && pumped) {
@@ -325,9 +285,12 @@ int px_dispatch(px_session_t session, int option) {
         pumped = true;
         if (rc != PX_OK) {
             // What came before the connection failed still reaches its callback.
-            proto::Json last;
-            while (!isEnding(s) && takeEvent(s, last)) {
-                deliver(s, last);
+            while (!isEnding(s)) {
+                RspPtr<px_event_2_t> last = takeEvent(s);
+                if (last == nullptr) {
+                    break;
+                }
+                deliver(s, std::move(last));
             }
             break;
         }

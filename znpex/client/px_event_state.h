@@ -11,9 +11,8 @@
 #include <mutex>
 #include <thread>
 
-#include "znpex/proto/Json.h"
-
-struct px_event_2_t;
+#include "znpex/client/Responses.h"
+#include "znpex/client/px_event.h"
 
 namespace znpex::client {
 
@@ -25,7 +24,7 @@ struct EventState {
     std::mutex mu;
     std::condition_variable changed;  // the dispatcher left
     std::map<uint64_t, Registration> registrations;
-    std::deque<proto::Json> queue;  // "event.fired" params, oldest first
+    std::deque<RspPtr<px_event_2_t>> queue;  // decoded, oldest first
     uint64_t dropped = 0;
     bool dispatching = false;
     std::thread::id dispatcher;  // while dispatching

@@ -144,42 +144,44 @@ uint64_t asSafeUInt(const Json& j, const std::string& where) {
     expected(where, "a non-negative integer up to 2^53");
 }
 
-int64_t asDecimalInt64(const Json& j, const std::string& where) {
-    if (j.is_string()) {
-        const auto& s = j.get_ref<const std::string&>();
-        int64_t v = 0;
-        const char* b = s.data();
-        const char* e = b + s.size();
-        bool digitsOnly = !s.empty() && (s[0] != '-' || s.size() > 1);
-        for (size_t i = (s.empty() || s[0] != '-') ? 0 : 1; i < s.size() && digitsOnly; ++i) {
-            digitsOnly = s[i] >= '0' && s[i] <= '9';
-        }
-        if (digitsOnly) {
-            auto r = std::from_chars(b, e, v);
-            if (r.ec == std::errc() && r.ptr == e) {
-                return v;
-            }
-        }
+bool parseDecimal(std::string_view s, int64_t& out) {
+    bool digitsOnly = !s.empty() && (s[0] != '-' || s.size() > 1);
+    for (size_t i = (s.empty() || s[0] != '-') ? 0 : 1; i < s.size() && digitsOnly; ++i) {
+        digitsOnly = s[i] >= '0' && s[i] <= '9';
     }
-    expected(where, "a 64-bit signed integer as a decimal string");
+    if (!digitsOnly) {
+        return false;
+    }
+    auto r = std::from_chars(s.data(), s.data() + s.size(), out);
+    return r.ec == std::errc() && r.ptr == s.data() + s.size();
+}
+
+bool parseDecimal(std::string_view s, uint64_t& out) {
+    bool digitsOnly = !s.empty();
+    for (size_t i = 0; i < s.size() && digitsOnly; ++i) {
+        digitsOnly = s[i] >= '0' && s[i] <= '9';
+    }
+    if (!digitsOnly) {
+        return false;
+    }
+    auto r = std::from_chars(s.data(), s.data() + s.size(), out);
+    return r.ec == std::errc() && r.ptr == s.data() + s.size();
+}
+
+int64_t asDecimalInt64(const Json& j, const std::string& where) {
+    int64_t v = 0;
+    if (!j.is_string() || !parseDecimal(j.get_ref<const std::string&>(), v)) {
+        expected(where, "a 64-bit signed integer as a decimal string");
+    }
+    return v;
 }
 
 uint64_t asDecimalUInt64(const Json& j, const std::string& where) {
-    if (j.is_string()) {
-        const auto& s = j.get_ref<const std::string&>();
-        bool digitsOnly = !s.empty();
-        for (size_t i = 0; i < s.size() && digitsOnly; ++i) {
-            digitsOnly = s[i] >= '0' && s[i] <= '9';
-        }
-        uint64_t v = 0;
-        if (digitsOnly) {
-            auto r = std::from_chars(s.data(), s.data() + s.size(), v);
-            if (r.ec == std::errc() && r.ptr == s.data() + s.size()) {
-                return v;
-            }
-        }
+    uint64_t v = 0;
+    if (!j.is_string() || !parseDecimal(j.get_ref<const std::string&>(), v)) {
+        expected(where, "a 64-bit unsigned integer as a decimal string");
     }
-    expected(where, "a 64-bit unsigned integer as a decimal string");
+    return v;
 }
 
 std::string decimal(int64_t v) {

@@ -38,6 +38,10 @@ uint64_t asSafeUInt(const Json& j, const std::string& where);
 // 64-bit integers travel as decimal strings.
 int64_t asDecimalInt64(const Json& j, const std::string& where);
 uint64_t asDecimalUInt64(const Json& j, const std::string& where);
+// The decimal strings above, as text: digits only, an optional leading '-'
+// for the signed form, within range.
+bool parseDecimal(std::string_view s, int64_t& out);
+bool parseDecimal(std::string_view s, uint64_t& out);
 std::string decimal(int64_t v);
 std::string decimal(uint64_t v);
 

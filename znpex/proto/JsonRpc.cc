@@ -44,7 +44,7 @@ RpcMessage parseMessage(std::string_view payload) {
             if (!params->is_object() && !params->is_array()) {
                 invalid("\"params\" must be an object or an array", id);
             }
-            m.params = *params;
+            m.params = std::move(j["params"]);  // j is ours: moved, not copied
         }
         return m;
     }
@@ -58,7 +58,7 @@ RpcMessage parseMessage(std::string_view payload) {
     }
     if (result != nullptr) {
         m.kind = RpcMessage::Kind::Result;
-        m.result = *result;
+        m.result = std::move(j["result"]);
         return m;
     }
     m.kind = RpcMessage::Kind::Error;
@@ -70,8 +70,8 @@ RpcMessage parseMessage(std::string_view payload) {
     }
     m.errorCode = asInt32(*code, "error.code");
     m.errorMessage = message->get<std::string>();
-    if (const Json* data = findField(*error, "data")) {
-        m.errorData = *data;
+    if (findField(*error, "data") != nullptr) {
+        m.errorData = std::move(j["error"]["data"]);
     }
     return m;
 }

@@ -295,7 +295,7 @@ std::string handleToHex(const zn_resource_handle& h) {
     return s;
 }
 
-bool parseHandleHex(const std::string& text, zn_resource_handle& out) {
+bool parseHandleHex(std::string_view text, zn_resource_handle& out) {
     if (text.size() != 2 * sizeof out.bytes) {
         return false;
     }

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/zn_owned.h"
@@ -40,7 +41,7 @@ zn::SdPtr decodeSd(const Json& j, const std::string& where);
 std::string handleToHex(const zn_resource_handle& h);
 zn_resource_handle handleFromHex(const Json& j, const std::string& where);
 // Non-throwing form for command-line input: false when not 40 hex digits.
-bool parseHandleHex(const std::string& text, zn_resource_handle& out);
+bool parseHandleHex(std::string_view text, zn_resource_handle& out);
 
 Json encodeAttr(int32_t id, zn_data_type_t t, const zn_value_t& v);
 Json encodeAttr(const tarn_rmf2v::RMReplyAttr& a);

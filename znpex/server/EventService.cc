@@ -4,8 +4,10 @@
 
 #include "znpex/events/EventErrors.h"
 #include "znpex/proto/JsonRpc.h"
+#include "znpex/proto/JsonWriter.h"
 #include "znpex/proto/RequestCodec.h"
 #include "znpex/proto/ValueCodec.h"
+#include "znpex/proto/ValueText.h"
 #include "znpex/server/Connection.h"
 #include "znpex/server/ManagerSession.h"
 #include "znpex/server/ServiceLog.h"
@@ -56,25 +58,25 @@ std::string eventNotification(uint64_t watch, const std::string& body) {
     return out;
 }
 
-Json encodeEvent(const events::Event& e) {
-    Json attrs = Json::array();
-    for (const events::EventAttr& a : e.attrs) {
-        Json v = proto::encodeValue(a.value.type(), a.value.value());
-        v["name"] = a.name;
-        v["id"] = a.id;
-        v["persistent"] = a.persistent;
-        attrs.push_back(std::move(v));
-    }
-    Json out = {{"registration", e.watch},
-                {"class", e.className},
-                {"flags", e.flags},
-                {"attributes", std::move(attrs)}};
+std::string eventBody(const events::Event& e) {
+    std::string out;
+    out.reserve(128 + 64 * e.attrs.size());
+    proto::JsonWriter w(out);
+    w.beginObject().key("class").string(e.className).key("flags").unsignedInteger(e.flags);
     if (e.hasHandle) {
-        out["handle"] = proto::handleToHex(e.handle);
+        w.key("handle").string(proto::handleToHex(e.handle));
     }
     if (e.error != 0) {
-        out["error"] = e.error;
+        w.key("error").integer(e.error);
     }
+    w.key("attributes").beginArray();
+    for (const events::EventAttr& a : e.attrs) {
+        w.beginObject().key("name").string(a.name).key("id").integer(a.id);
+        w.key("persistent").boolean(a.persistent);
+        proto::writeTypedMembers(w, a.value.type(), a.value.value());
+        w.endObject();
+    }
+    w.endArray().endObject();
     return out;
 }
 
@@ -243,9 +245,7 @@ void EventService::deliver(std::vector<events::Event>&& batch) {
         int same = batch[i].sameAs;
         size_t src = same >= 0 && static_cast<size_t>(same) < i ? static_cast<size_t>(same) : i;
         if (bodies[src].empty()) {
-            Json params = encodeEvent(batch[src]);
-            params.erase("registration");
-            bodies[src] = proto::dumpJson(params);
+            bodies[src] = eventBody(batch[src]);
         }
         owners[i]->send(eventNotification(batch[i].watch, bodies[src]));
         delivered_.fetch_add(1, std::memory_order_relaxed);

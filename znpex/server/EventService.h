@@ -41,12 +41,13 @@ inline constexpr char kEventRegister[] = "event.register";
 inline constexpr char kEventUnregister[] = "event.unregister";
 inline constexpr char kEventFired[] = "event.fired";
 
-// The "event.fired" params of an event.
-proto::Json encodeEvent(const events::Event& e);
-// The whole "event.fired" notification of registration `watch`, given the
-// dumped params of an event without its registration (encodeEvent's without
-// "registration"): one body serves every watch an event went to.
-std::string eventNotification(uint64_t watch, const std::string& bodyWithoutRegistration);
+// The "event.fired" params of an event without its "registration":
+// {"class", "flags", "handle" (resource events), "error" (error events),
+// "attributes": [{"name", "id", "persistent", "t", "v"}, ...]}.
+std::string eventBody(const events::Event& e);
+// The whole "event.fired" notification of registration `watch`: one body
+// serves every watch an event went to.
+std::string eventNotification(uint64_t watch, const std::string& body);
 
 class EventService {
 public:

@@ -150,6 +150,15 @@ void Router::stopEvents() {
 }
 
 void Router::onMessage(const std::shared_ptr<Connection>& c, std::string payload) {
+    try {
+        if (attributesModifiedText(c, payload)) {
+            return;  // the busiest message, taken the short way
+        }
+    } catch (const std::exception& e) {
+        serviceLog("notify.attributesModified of connection %llu failed: %s",
+                   static_cast<unsigned long long>(c->id()), e.what());
+        return;
+    }
     RpcMessage m;
     try {
         m = proto::parseMessage(payload);

@@ -291,8 +291,17 @@ private:
         bool watch = false;
     };
     void answer(const Forwarded& f, ManagerSession::Outcome outcome, proto::Json response);
+    static std::shared_ptr<ManagerSession> managerOf(const std::shared_ptr<Connection>& c);
     void managerNotification(const std::shared_ptr<Connection>& c, const proto::RpcMessage& m,
                              const MethodInfo& info);
+    // A plain "notify.attributesModified" read without a Json tree; false
+    // when the payload is anything else (the general road then takes it).
+    bool attributesModifiedText(const std::shared_ptr<Connection>& c, const std::string& payload);
+    // Counts the change when `session` manages `cls`.
+    bool speaksFor(const std::shared_ptr<ManagerSession>& session, const std::string& cls);
+    void attributesModified(const std::shared_ptr<ManagerSession>& session,
+                            const proto::AttributesModified& n,
+                            const std::function<std::string()>& payload);
     void addWatcher(const std::shared_ptr<Connection>& c, const std::string& className);
     // `makePayload` is called only when someone is watching.
     void notifyWatchers(const std::string& className, OpTarget target,

@@ -3,6 +3,7 @@
 #include <optional>
 #include <vector>
 
+#include "znpex/proto/AttributesModifiedText.h"
 #include "znpex/proto/NotifyMessages.h"
 #include "znpex/proto/RequestCodec.h"
 #include "znpex/proto/ServiceMessages.h"
@@ -202,32 +203,30 @@ void Router::addWatcher(const std::shared_ptr<Connection>& c, const std::string&
     watchers_[className][c->id()] = c;
 }
 
+std::shared_ptr<ManagerSession> Router::managerOf(const std::shared_ptr<Connection>& c) {
+    std::lock_guard<std::mutex> g(c->stateMu);
+    return c->state.manager;
+}
+
 void Router::managerNotification(const std::shared_ptr<Connection>& c, const RpcMessage& m,
                                  const MethodInfo& info) {
-    std::shared_ptr<ManagerSession> session;
-    {
-        std::lock_guard<std::mutex> g(c->stateMu);
-        session = c->state.manager;
-    }
+    std::shared_ptr<ManagerSession> session = managerOf(c);
     if (session == nullptr) {
         return;  // only registered managers speak for classes
     }
-    std::string cls;
-    OpTarget target = OpTarget::Class;
-    std::optional<proto::ResourcesUndefined> undefined;
-    std::optional<proto::AttributesModified> modified;
+    auto payload = [&m] { return proto::dumpJson(proto::makeNotification(m.method, m.params)); };
     switch (info.kind) {
-        case MethodKind::NotifyResourcesUndefined:
-            undefined = proto::decodeResourcesUndefined(m.params);
-            cls = undefined->className;
-            target = OpTarget::Resource;
-            break;
-        case MethodKind::NotifyAttributesModified: {
-            modified = proto::decodeAttributesModified(m.params);
-            cls = modified->className;
-            target = modified->hasHandle ? OpTarget::Resource : OpTarget::Class;
-            break;
+        case MethodKind::NotifyResourcesUndefined: {
+            proto::ResourcesUndefined undefined = proto::decodeResourcesUndefined(m.params);
+            if (speaksFor(session, undefined.className)) {
+                events_->resourcesUndefined(undefined);
+                notifyWatchers(undefined.className, OpTarget::Resource, payload);
+            }
+            return;
         }
+        case MethodKind::NotifyAttributesModified:
+            attributesModified(session, proto::decodeAttributesModified(m.params), payload);
+            return;
         case MethodKind::PeerSend:
             // Other instances of a manager live on the domain's other hosts.
             peerMessages_.fetch_add(1);
@@ -236,17 +235,40 @@ void Router::managerNotification(const std::shared_ptr<Connection>& c, const Rpc
         default:
             return;
     }
+}
+
+bool Router::attributesModifiedText(const std::shared_ptr<Connection>& c,
+                                    const std::string& payload) {
+    std::optional<proto::AttributesModified> n = proto::scanAttributesModifiedNotification(payload);
+    if (!n) {
+        return false;
+    }
+    // Taken as the general road takes this notification.
+    const MethodInfo* info = findMethod(proto::kNotifyAttributesModified);
+    if (info == nullptr || !refusal(*c, *info).empty()) {
+        return true;
+    }
+    if (std::shared_ptr<ManagerSession> session = managerOf(c)) {
+        attributesModified(session, *n, [&payload] { return payload; });
+    }
+    return true;
+}
+
+bool Router::speaksFor(const std::shared_ptr<ManagerSession>& session, const std::string& cls) {
     if (registry_.find(cls).endpoint != session) {
-        return;  // a manager speaks only for its own classes
+        return false;  // a manager speaks only for its own classes
     }
     notifications_.fetch_add(1);
-    if (modified) {
-        events_->attributesModified(*modified);
-    } else if (undefined) {
-        events_->resourcesUndefined(*undefined);
+    return true;
+}
+
+void Router::attributesModified(const std::shared_ptr<ManagerSession>& session,
+                                const proto::AttributesModified& n,
+                                const std::function<std::string()>& payload) {
+    if (speaksFor(session, n.className)) {
+        events_->attributesModified(n);
+        notifyWatchers(n.className, n.hasHandle ? OpTarget::Resource : OpTarget::Class, payload);
     }
-    notifyWatchers(cls, target,
-                   [&m] { return proto::dumpJson(proto::makeNotification(m.method, m.params)); });
 }
 
 void Router::notifyWatchers(const std::string& className, OpTarget target,
