@@ -15,6 +15,7 @@
 
 #include "common/MarshalSD.h"
 #include "common/SignSD.h"
+#include "fuzz/FuzzCheck.h"
 
 namespace {
 
@@ -32,12 +33,7 @@ struct Reader {
     }
 };
 
-void check(bool ok, const char* what) {
-    if (!ok) {
-        std::fprintf(stderr, "fuzz invariant broken: %s\n", what);
-        std::abort();
-    }
-}
+using fuzzsupport::check;
 
 }  // namespace
 

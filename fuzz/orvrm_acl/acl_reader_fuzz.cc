@@ -10,17 +10,13 @@
 #include <cstdlib>
 #include <string>
 
+#include "fuzz/FuzzCheck.h"
 #include "orvrm/ACLFile.h"
 #include "orvrm/StanzaEntry.h"
 
 namespace {
 
-void check(bool ok, const char* what) {
-    if (!ok) {
-        std::fprintf(stderr, "fuzz invariant broken: %s\n", what);
-        std::abort();
-    }
-}
+using fuzzsupport::check;
 
 }  // namespace
 

@@ -11,6 +11,7 @@
 #include <sstream>
 #include <string>
 
+#include "fuzz/FuzzCheck.h"
 #include "znpex/cli/BulkFile.h"
 #include "znpex/cli/BulkLoad.h"
 #include "znpex/proto/ClassDefCodec.h"
@@ -21,12 +22,7 @@ namespace {
 
 using namespace znpex::cli;
 
-void check(bool ok, const char* what) {
-    if (!ok) {
-        std::fprintf(stderr, "fuzz invariant broken: %s\n", what);
-        std::abort();
-    }
-}
+using fuzzsupport::check;
 
 const std::vector<tarn_rmf2v::RMAttrDef>& attributes() {
     static const std::vector<tarn_rmf2v::RMAttrDef> kAttrs = {

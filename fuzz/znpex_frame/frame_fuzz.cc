@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "fuzz/FuzzCheck.h"
 #include "znpex/proto/ClassDefCodec.h"
 #include "znpex/proto/ErrorCodec.h"
 #include "znpex/proto/Frame.h"
@@ -22,12 +23,7 @@ namespace {
 
 using namespace znpex::proto;
 
-void check(bool ok, const char* what) {
-    if (!ok) {
-        std::fprintf(stderr, "invariant broken: %s\n", what);
-        std::abort();
-    }
-}
+using fuzzsupport::check;
 
 void decodeParams(const RpcMessage& m) {
     if (auto op = opFromRmMethod(m.method)) {

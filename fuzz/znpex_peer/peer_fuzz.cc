@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "fuzz/FuzzCheck.h"
 #include "znpex/di/DiCodec.h"
 #include "znpex/proto/Json.h"
 #include "znpex/proto/ProtocolError.h"
@@ -19,12 +20,7 @@ namespace {
 
 using znpex::proto::Json;
 
-void check(bool ok, const char* what) {
-    if (!ok) {
-        std::fprintf(stderr, "invariant broken: %s\n", what);
-        std::abort();
-    }
-}
+using fuzzsupport::check;
 
 // Decodes, re-encodes, and checks the second round gives the same JSON.
 template <class Decode, class Encode>

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 
+#include "fuzz/FuzzCheck.h"
 #include "tests/support/ScanWalk.h"
 #include "znpex/client/EventDecode.h"
 #include "znpex/proto/AttributesModifiedText.h"
@@ -22,12 +23,7 @@ namespace {
 
 using namespace znpex::proto;
 
-void check(bool ok, const char* what) {
-    if (!ok) {
-        std::fprintf(stderr, "invariant broken: %s\n", what);
-        std::abort();
-    }
-}
+using fuzzsupport::check;
 
 bool sameEvent(const px_event_2_t& a, const px_event_2_t& b) {
     bool same = a.pe_registration == b.pe_registration &&

@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <cmath>
+#include <type_traits>
 
 #include "znpex/proto/Json.h"
 
@@ -164,24 +165,23 @@ bool JsonScan::numberToken(std::string_view& text, bool& integral) {
     return true;
 }
 
-bool JsonScan::int64(int64_t& out) {
+template <typename T>
+bool JsonScan::integer(T& out) {
     std::string_view t;
     bool integral = false;
-    if (!numberToken(t, integral) || !integral) {
-        return fail();
+    if (!numberToken(t, integral) || !integral || (std::is_unsigned_v<T> && t[0] == '-')) {
+        return fail();  // "-0" is a signed integer to the general parser
     }
     auto r = std::from_chars(t.data(), t.data() + t.size(), out);
     return r.ec == std::errc() && r.ptr == t.data() + t.size() ? true : fail();
 }
 
+bool JsonScan::int64(int64_t& out) {
+    return integer(out);
+}
+
 bool JsonScan::uint64(uint64_t& out) {
-    std::string_view t;
-    bool integral = false;
-    if (!numberToken(t, integral) || !integral || t[0] == '-') {
-        return fail();
-    }
-    auto r = std::from_chars(t.data(), t.data() + t.size(), out);
-    return r.ec == std::errc() && r.ptr == t.data() + t.size() ? true : fail();
+    return integer(out);
 }
 
 bool JsonScan::number(double& out) {

@@ -57,6 +57,8 @@ private:
     bool take(char c);
     // Reads one number token: its text, and whether it has a fraction or exponent.
     bool numberToken(std::string_view& text, bool& integral);
+    template <typename T>
+    bool integer(T& out);
     // After a value or a key in a container: the comma that separates the next one.
     bool separator(char close);
 
