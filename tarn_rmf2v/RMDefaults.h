@@ -8,9 +8,10 @@
 
 namespace tarn_rmf2v::defaults {
 
-inline zn::ErrorPtr common(int id, const char* what) {
+// A common error, its message filled with `what` (and `more`).
+inline zn::ErrorPtr common(int id, const char* what, const char* more = nullptr) {
     cu_error_t* e = nullptr;
-    tarn_rmf::RMPkgCommonError(id, nullptr, &e, what);
+    tarn_rmf::RMPkgCommonError(id, nullptr, &e, what, more);
     return zn::ErrorPtr(e);
 }
 
@@ -51,6 +52,8 @@ inline void unknownMonitoring(RMAttributeValueResponse* rsp, const rm_monitoring
     rsp->done(nullptr);
 }
 
-inline zn::ErrorPtr notSupported(const char* op) { return common(tarn_rmf::RM_ENOTSUPPORTED, op); }
+inline zn::ErrorPtr notSupported(const char* op) {
+    return common(tarn_rmf::RM_ENOTSUPPORTED, op);
+}
 
 }  // namespace tarn_rmf2v::defaults

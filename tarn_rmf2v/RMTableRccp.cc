@@ -9,6 +9,7 @@
 #include "tarn_rmf/RMCommonErrors.h"
 #include "tarn_rmf/registry/RMTableError.h"
 #include "tarn_rmf/registry/RMTree.h"
+#include "tarn_rmf2v/RMAttrAnswers.h"
 #include "tarn_rmf2v/RMDefaults.h"
 #include "tarn_rmf2v/RMLocks.h"
 #include "tarn_rmf2v/RMRmcp.h"
@@ -21,15 +22,11 @@ using tarn_rmf::RMSelParams;
 
 namespace {
 
+using defaults::common;
+
 constexpr char kHandleColumn[] = "ResourceHandle";
 constexpr char kVarietyColumn[] = "Variety";
 constexpr char kNodeIdsColumn[] = "NodeIDs";
-
-zn::ErrorPtr common(int id, const char* a, const char* b = nullptr) {
-    cu_error_t* e = nullptr;
-    tarn_rmf::RMPkgCommonError(id, nullptr, &e, a, b);
-    return zn::ErrorPtr(e);
-}
 
 zn::ErrorPtr mapped(std::exception& e) {
     return zn::ErrorPtr(tarn_rmf::RMMapExceptionToError(e));
@@ -270,8 +267,6 @@ void RMTableRccp::refreshConfig(RMSimpleResponse* rsp) {
 
 void RMTableRccp::classValues(RMAttributeValueResponse* rsp, const int* ids, unsigned int count,
                               const char* op) {
-    auto unknown = common(tarn_rmf::RM_EINVALIDATTRID, op);
-    std::set<int> seen;
     RMRowSet row;
     try {
         if (classTable_ != nullptr) {
@@ -281,20 +276,9 @@ void RMTableRccp::classValues(RMAttributeValueResponse* rsp, const int* ids, uns
         rsp->done(mapped(e).get());
         return;
     }
-    for (unsigned int i = 0; ids != nullptr && i < count; ++i) {
-        const RMAttrSpec* a = spec_.classPersistent.byId(ids[i]);
-        if (a == nullptr || row.empty()) {
-            rsp->addError(ids[i], unknown.get());
-            continue;
-        }
-        if (!seen.insert(a->id).second) {
-            rsp->addError(ids[i], repeatedAttributeError(op, *a).get());
-            continue;
-        }
-        zn::OwnedValue v(a->type, row.getField(0, a->name));
-        rm_attribute_value out{a->id, a->type, v.value()};
-        rsp->addValue(&out, 1);
-    }
+    answerRowValues(
+        rsp, spec_.classPersistent, row, ids, count, op,
+        [this](const char* o, const RMAttrSpec& at) { return repeatedAttributeError(o, at); });
     rsp->done(nullptr);
 }
 
@@ -314,34 +298,12 @@ void RMTableRccp::setClassAttributeValues(RMAttributeIdResponse* rsp, rm_attribu
                                           unsigned int count) {
     lockRccp guard(this);
     static const char op[] = "setClassAttributeValues";
-    auto unknown = common(tarn_rmf::RM_EINVALIDATTRID, op);
-    std::set<int> seen;
-    std::vector<rm_attribute_value> accepted;
-    for (unsigned int i = 0; values != nullptr && i < count; ++i) {
-        const rm_attribute_value& v = values[i];
-        const RMAttrSpec* a = spec_.classPersistent.byId(v.rm_attribute_id);
-        if (a == nullptr || classTable_ == nullptr) {
-            rsp->result(v.rm_attribute_id, unknown.get());
-            continue;
-        }
-        if (!seen.insert(a->id).second) {
-            rsp->result(a->id, repeatedAttributeError(op, *a).get());
-            continue;
-        }
-        if (a->readOnly()) {
-            rsp->result(a->id, common(tarn_rmf::RM_EREADONLYATTR, a->name, op).get());
-            continue;
-        }
-        if (v.rm_data_type != a->type) {
-            rsp->result(a->id, common(tarn_rmf::RM_EDATATYPE, op).get());
-            continue;
-        }
-        if (zn::ErrorPtr err{checkClassValue(*a, v)}) {
-            rsp->result(a->id, err.get());
-            continue;
-        }
-        accepted.push_back(v);
-    }
+    std::vector<rm_attribute_value> accepted = screenSetValues(
+        rsp, spec_.classPersistent, classTable_ != nullptr, values, count, op,
+        [this](const char* o, const RMAttrSpec& at) { return repeatedAttributeError(o, at); },
+        [this](const RMAttrSpec& at, const rm_attribute_value& v) {
+            return checkClassValue(at, v);
+        });
     zn::ErrorPtr failed;
     if (!accepted.empty()) {
         std::vector<tarn_rmf::RMFieldValue> fields;

@@ -1,18 +1,19 @@
 #include "tarn_rmf2v/RMTableRcp.h"
 
-#include <set>
-
 #include "tarn_rmf/RMCommonErrors.h"
+#include "tarn_rmf2v/RMAttrAnswers.h"
+#include "tarn_rmf2v/RMDefaults.h"
 #include "tarn_rmf2v/RMLocks.h"
 #include "tarn_rmf2v/RMTableRccp.h"
 
 namespace tarn_rmf2v {
+
+using defaults::common;
+
 namespace {
 
-zn::ErrorPtr common(int id, const char* a, const char* b = nullptr) {
-    cu_error_t* e = nullptr;
-    tarn_rmf::RMPkgCommonError(id, nullptr, &e, a, b);
-    return zn::ErrorPtr(e);
+zn::ErrorPtr resourceRepeated(const char* op, const RMAttrSpec& attr) {
+    return common(tarn_rmf::RM_EREPEATEDATTR, attr.name, op);
 }
 
 }  // namespace
@@ -66,7 +67,6 @@ void RMTableRcp::reportDynamic(const char* name, zn_data_type_t type, const zn_v
 
 void RMTableRcp::values(RMAttributeValueResponse* rsp, const int* ids, unsigned int count,
                         const char* op) {
-    auto unknown = common(tarn_rmf::RM_EINVALIDATTRID, op);
     tarn_rmf::RMRowSet r;
     try {
         r = row();
@@ -78,21 +78,7 @@ void RMTableRcp::values(RMAttributeValueResponse* rsp, const int* ids, unsigned 
         rsp->done(common(tarn_rmf::RM_EINVALIDHANDLE, op).get());
         return;
     }
-    std::set<int> seen;
-    for (unsigned int i = 0; ids != nullptr && i < count; ++i) {
-        const RMAttrSpec* a = spec().persistent.byId(ids[i]);
-        if (a == nullptr) {
-            rsp->addError(ids[i], unknown.get());
-            continue;
-        }
-        if (!seen.insert(a->id).second) {
-            rsp->addError(ids[i], common(tarn_rmf::RM_EREPEATEDATTR, a->name, op).get());
-            continue;
-        }
-        zn::OwnedValue v(a->type, r.getField(0, a->name));
-        rm_attribute_value out{a->id, a->type, v.value()};
-        rsp->addValue(&out, 1);
-    }
+    answerRowValues(rsp, spec().persistent, r, ids, count, op, &resourceRepeated);
     rsp->done(nullptr);
 }
 
@@ -111,34 +97,9 @@ void RMTableRcp::setAttributeValues(RMAttributeIdResponse* rsp, rm_attribute_val
                                     unsigned int count) {
     lockRcp guard(this);
     static const char op[] = "setAttributeValues";
-    auto unknown = common(tarn_rmf::RM_EINVALIDATTRID, op);
-    std::set<int> seen;
-    std::vector<rm_attribute_value> accepted;
-    for (unsigned int i = 0; values != nullptr && i < count; ++i) {
-        const rm_attribute_value& v = values[i];
-        const RMAttrSpec* a = spec().persistent.byId(v.rm_attribute_id);
-        if (a == nullptr) {
-            rsp->result(v.rm_attribute_id, unknown.get());
-            continue;
-        }
-        if (!seen.insert(a->id).second) {
-            rsp->result(a->id, common(tarn_rmf::RM_EREPEATEDATTR, a->name, op).get());
-            continue;
-        }
-        if (a->readOnly()) {
-            rsp->result(a->id, common(tarn_rmf::RM_EREADONLYATTR, a->name, op).get());
-            continue;
-        }
-        if (v.rm_data_type != a->type) {
-            rsp->result(a->id, common(tarn_rmf::RM_EDATATYPE, op).get());
-            continue;
-        }
-        if (zn::ErrorPtr err{checkSetValue(*a, v)}) {
-            rsp->result(a->id, err.get());
-            continue;
-        }
-        accepted.push_back(v);
-    }
+    std::vector<rm_attribute_value> accepted = screenSetValues(
+        rsp, spec().persistent, true, values, count, op, &resourceRepeated,
+        [this](const RMAttrSpec& at, const rm_attribute_value& v) { return checkSetValue(at, v); });
     zn::ErrorPtr failed;
     if (!accepted.empty()) {
         try {

@@ -25,6 +25,17 @@ using namespace znpex::proto;
 
 using fuzzsupport::check;
 
+// Floats by their bits: the sign of zero and NaN count.
+bool sameValue(zn_data_type_t t, const zn_value_t& a, const zn_value_t& b) {
+    if (t == ZN_FLOAT64) {
+        return std::memcmp(&a.val_float64, &b.val_float64, sizeof a.val_float64) == 0;
+    }
+    if (t == ZN_FLOAT32) {
+        return std::memcmp(&a.val_float32, &b.val_float32, sizeof a.val_float32) == 0;
+    }
+    return zn_value_equal(t, a, b);
+}
+
 bool sameEvent(const px_event_2_t& a, const px_event_2_t& b) {
     bool same = a.pe_registration == b.pe_registration &&
                 std::strcmp(a.pe_class, b.pe_class) == 0 && a.pe_flags == b.pe_flags &&
@@ -35,13 +46,7 @@ bool sameEvent(const px_event_2_t& a, const px_event_2_t& b) {
         const px_event_attr_t& x = a.pe_attrs[i];
         const px_event_attr_t& y = b.pe_attrs[i];
         same = std::strcmp(x.pe_name, y.pe_name) == 0 && x.pe_id == y.pe_id &&
-               x.pe_type == y.pe_type &&
-               (zn_value_equal(x.pe_type, x.pe_value, y.pe_value) ||
-                // NaN is never equal to itself
-                (x.pe_type == ZN_FLOAT64 && x.pe_value.val_float64 != x.pe_value.val_float64 &&
-                 y.pe_value.val_float64 != y.pe_value.val_float64) ||
-                (x.pe_type == ZN_FLOAT32 && x.pe_value.val_float32 != x.pe_value.val_float32 &&
-                 y.pe_value.val_float32 != y.pe_value.val_float32));
+               x.pe_type == y.pe_type && sameValue(x.pe_type, x.pe_value, y.pe_value);
     }
     return same;
 }

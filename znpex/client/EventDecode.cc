@@ -190,9 +190,12 @@ RspPtr<px_event_2_t> eventFromParams(const proto::Json& p) {
     reserveAttrs(*e, attrs.size());
     for (const proto::Json& a : attrs) {
         px_event_attr_t& out = e->pe_attrs[e->pe_attr_count];
+        // Everything that may throw first; then the attribute is the event's.
         zn::OwnedValue v = proto::decodeValue(a, "event.attributes");
-        out.pe_name = copyText(a.at("name").get<std::string>());
-        out.pe_id = a.at("id").get<int32_t>();
+        std::string name = a.at("name").get<std::string>();
+        int32_t id = a.at("id").get<int32_t>();
+        out.pe_name = copyText(name);
+        out.pe_id = id;
         out.pe_type = v.type();
         out.pe_value = v.release();
         ++e->pe_attr_count;
@@ -202,7 +205,7 @@ RspPtr<px_event_2_t> eventFromParams(const proto::Json& p) {
 
 RspPtr<px_event_2_t> eventFromText(std::string_view frame) {
     proto::JsonScan s(frame);
-    RspPtr<px_event_2_t> e = newEvent();
+    RspPtr<px_event_2_t> e;  // made once the params come: replies cost nothing
     std::string_view k;
     std::string_view text;
     unsigned seen = 0;
@@ -222,6 +225,7 @@ RspPtr<px_event_2_t> eventFromText(std::string_view frame) {
             }
         } else if (k == "params" && (seen & 4) == 0) {
             seen |= 4;
+            e = newEvent();
             if (!scanParams(s, *e)) {
                 return nullptr;
             }

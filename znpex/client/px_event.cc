@@ -60,7 +60,12 @@ void hook(px_session& s) {
     }
     EventState* events = &s.events;
     s.conn->setFrameFilter([events](const std::string& frame) {
-        RspPtr<px_event_2_t> e = eventFromText(frame);
+        RspPtr<px_event_2_t> e;
+        try {
+            e = eventFromText(frame);
+        } catch (const std::bad_alloc&) {
+            return false;  // the general road tries, and drops it as it drops any it cannot read
+        }
         if (e == nullptr) {
             return false;
         }

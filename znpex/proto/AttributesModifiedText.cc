@@ -1,6 +1,7 @@
 #include "znpex/proto/AttributesModifiedText.h"
 
 #include <limits>
+#include <vector>
 
 #include "znpex/proto/JsonScan.h"
 #include "znpex/proto/JsonWriter.h"
@@ -91,6 +92,17 @@ std::string attributesModifiedNotification(const std::string& className,
     }
     w.endArray().endObject().endObject();
     return out;
+}
+
+std::string attributesModifiedNotification(const AttributesModified& n) {
+    std::vector<rm_attribute_value> values;
+    values.reserve(n.values.size());
+    for (const tarn_rmf2v::RMReplyAttr& a : n.values) {
+        values.push_back({a.id, a.value.type(), a.value.value()});
+    }
+    return attributesModifiedNotification(n.className, n.hasHandle ? &n.handle : nullptr,
+                                          n.persistent, values.data(),
+                                          static_cast<unsigned int>(values.size()));
 }
 
 std::optional<AttributesModified> scanAttributesModifiedNotification(std::string_view payload) {

@@ -20,6 +20,9 @@ std::string attributesModifiedNotification(const std::string& className,
                                            const zn_resource_handle* handle, bool persistent,
                                            const rm_attribute_value* values, unsigned int count);
 
+// The same from decoded params.
+std::string attributesModifiedNotification(const AttributesModified& n);
+
 // The params of a plain such notification (members as the writer above puts
 // them, values of the types ValueText reads directly). Nothing for any other
 // text, which the general parser then takes or refuses; never throws

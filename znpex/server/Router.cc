@@ -154,8 +154,10 @@ void Router::onMessage(const std::shared_ptr<Connection>& c, std::string payload
         if (attributesModifiedText(c, payload)) {
             return;  // the busiest message, taken the short way
         }
+    } catch (const proto::ProtocolError&) {
+        return;  // a notification gets no answer
     } catch (const std::exception& e) {
-        serviceLog("notify.attributesModified of connection %llu failed: %s",
+        serviceLog("request %s of connection %llu failed: %s", proto::kNotifyAttributesModified,
                    static_cast<unsigned long long>(c->id()), e.what());
         return;
     }

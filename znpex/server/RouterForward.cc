@@ -249,7 +249,8 @@ bool Router::attributesModifiedText(const std::shared_ptr<Connection>& c,
         return true;
     }
     if (std::shared_ptr<ManagerSession> session = managerOf(c)) {
-        attributesModified(session, *n, [&payload] { return payload; });
+        // Watchers get the canonical text, as from the general road.
+        attributesModified(session, *n, [&n] { return proto::attributesModifiedNotification(*n); });
     }
     return true;
 }
