@@ -321,7 +321,7 @@ Json report(size_t node, bool alive) {
     return srv::encodePeerDeliver(d);
 }
 
-void defineNode(orvrm::ManagedNodeRccp* nodes, const std::string& host, uint64_t id) {
+zn_resource_handle defineNode(orvrm::ManagedNodeRccp* nodes, const std::string& host, uint64_t id) {
     rm_attribute_value v[3] = {};
     v[0] = {orvrm::kMnHostname, ZN_CHAR_PTR, {}};
     v[0].rm_value.ptr_char = const_cast<char*>(host.c_str());
@@ -336,7 +336,9 @@ void defineNode(orvrm::ManagedNodeRccp* nodes, const std::string& host, uint64_t
                      err != nullptr ? cu_error_text(err).c_str() : "");
         std::exit(1);
     }
+    zn_resource_handle out = *h;
     std::free(h);
+    return out;
 }
 
 bool makeKeys(size_t senders) {
@@ -423,11 +425,12 @@ int main(int argc, char** argv) {
         auto* nodeClass = dynamic_cast<orvrm::ManagedNodeRccp*>(
             rmcp->findRccpByName(const_cast<char*>(orvrm::kManagedNodeClass)));
         std::map<std::string, size_t> index;
+        std::vector<zn_resource_handle> handles;
         for (size_t k = 0; k < senderCount; ++k) {
             defineNode(nodeClass, "127.0.0." + std::to_string(2 + k), 2 + k);
         }
         for (size_t i = 0; i < nodes; ++i) {
-            defineNode(nodeClass, address(i), nodeIdOf(i));
+            handles.push_back(defineNode(nodeClass, address(i), nodeIdOf(i)));
             index[address(i)] = i;
         }
         dynamic_cast<orvrm::OrvCtrlRccp*>(
@@ -461,6 +464,21 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "the watcher did not reach the service\n");
             return 1;
         }
+        // The watch is live once the service has every node's Status monitored.
+        auto w0 = Steady::now();
+        auto monitored = [&] {
+            for (const zn_resource_handle& h : handles) {
+                if (!nodeClass->getMonitor()->isMonitored(&h, orvrm::kMnStatus)) {
+                    return false;
+                }
+            }
+            return true;
+        };
+        while (!monitored() && Steady::now() - w0 < std::chrono::seconds(120)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        std::printf("the watch of %zu nodes was live after %.2f s\n", nodes,
+                    ms(Steady::now() - w0) / 1000);
         Senders senders(senderCount, service.tcpPort());
         std::string socket = zn::paths::resolve(zn::paths::kPexSocket);
         CountingManager rawSink(socket, "Bench.Raw", false);

@@ -164,12 +164,13 @@ private:
     std::string site_ = "lab";
 };
 
-PowerManager::PowerManager() : rmcp_(std::make_unique<RMRmcp>("Test.Power.RM", 1, nullptr, 0, 1)) {
+PowerManager::PowerManager(int resources)
+    : rmcp_(std::make_unique<RMRmcp>("Test.Power.RM", 1, nullptr, 0, 1)) {
     auto* rccp = new PowerRccp(rmcp_.get());  // owned by the control point
     rccp_ = rccp;
-    zn_resource_handle h[2];
-    rccp->makeResourceHandles(2, 9, 0, h);
-    for (int i = 0; i < 2; ++i) {
+    std::vector<zn_resource_handle> h(static_cast<size_t>(resources));
+    rccp->makeResourceHandles(static_cast<unsigned int>(resources), 9, 0, h.data());
+    for (int i = 0; i < resources; ++i) {
         auto* rcp = new PowerRcp(&h[i], rccp, *this, "node" + std::to_string(i + 1));
         rccp->addRcp(rcp);
         rccp->handles.push_back(h[i]);

@@ -28,7 +28,8 @@ class PowerRccp;
 
 class PowerManager {
 public:
-    PowerManager();
+    // `resources` resources "node1", "node2", ..., PowerStatus 0.
+    explicit PowerManager(int resources = 2);
     ~PowerManager();
 
     // Connects to the service (again, after disconnect()).

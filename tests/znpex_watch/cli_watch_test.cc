@@ -72,8 +72,8 @@ TEST_F(WatchCli, PrintsEventsUntilTheCount) {
 // --class watches the class's own attributes: only the class's reports fire.
 TEST_F(WatchCli, ClassFlagWatchesTheClassItself) {
     auto p = znpex("-o json watch Test.Power --class -e 'PoweredOn==1' --count 1");
-    ASSERT_TRUE(testsupport::waitFor([&] { return manager_.classMonitored(); },
-                                     std::chrono::seconds(10)))
+    ASSERT_TRUE(
+        testsupport::waitFor([&] { return manager_.classMonitored(); }, std::chrono::seconds(10)))
         << err();
     manager_.setPower(0, 1);  // a resource's report: not this watch's
     manager_.setPoweredOn(1);

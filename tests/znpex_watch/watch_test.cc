@@ -7,6 +7,8 @@
 #include <fcntl.h>
 
 #include <filesystem>
+#include <map>
+#include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -103,7 +105,9 @@ private:
     std::thread thread_;
 };
 
-class Watch : public ::testing::Test {
+// A service and a manager of `Resources` resources.
+template <int Resources>
+class WatchOf : public ::testing::Test {
 protected:
     void SetUp() override {
         std::string dst = zn::paths::resolve(zn::paths::kAclDefaultFile);
@@ -169,10 +173,14 @@ protected:
 
     TempDir root_{true};
     std::unique_ptr<Subprocess> service_;
-    PowerManager manager_;
+    PowerManager manager_{Resources};
     px_session_t session_ = nullptr;
     std::unique_ptr<Dispatcher> dispatcher_;
 };
+
+using Watch = WatchOf<2>;
+// More resources than the service asks their manager about at once.
+using WatchMany = WatchOf<75>;
 
 TEST_F(Watch, PreviousValueFiresOnChangeOnly) {
     Collector c;
@@ -403,6 +411,36 @@ TEST_F(Watch, BadRegistrationsAreRefused) {
     EXPECT_EQ(px_dispatch(session_, 7), PX_EINVAL);
     // The session still works.
     EXPECT_NE(watch(session_, "PowerStatus==1", nullptr, c), 0u);
+}
+
+TEST_F(WatchMany, EveryResourceIsReadAndMonitoredBeforeItsFirstChange) {
+    // Values that tell the resources apart, set before anyone watches.
+    auto power = [](int i, int round) { return static_cast<uint32_t>((i + round) % 2); };
+    for (int i = 0; i < 75; ++i) {
+        manager_.setPower(i, power(i, 0));
+    }
+    Collector c;
+    ASSERT_NE(watch(session_, "PowerStatus!=PowerStatus@P", nullptr, c), 0u);
+    dispatch();
+    ASSERT_TRUE(waitMonitored(75));
+    // Each resource's own value was read: reporting it again is no change.
+    for (int i = 0; i < 75; ++i) {
+        manager_.setPower(i, power(i, 0));
+    }
+    EXPECT_TRUE(quiet(c, 0));
+    for (int i = 0; i < 75; ++i) {
+        manager_.setPower(i, power(i, 1));
+    }
+    ASSERT_TRUE(c.waitCount(75));
+    std::map<std::string, int64_t> byHost;
+    for (const Got& g : c.all()) {
+        byHost[g.host] = g.power;
+    }
+    ASSERT_EQ(byHost.size(), 75u);
+    for (int i = 0; i < 75; ++i) {
+        EXPECT_EQ(byHost[manager_.hostname(i)], power(i, 1)) << manager_.hostname(i);
+    }
+    EXPECT_TRUE(quiet(c, 75));
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "znpex/server/EventService.h"
 
+#include <condition_variable>
 #include <future>
 
 #include "znpex/events/EventErrors.h"
@@ -291,57 +292,97 @@ void EventService::run() {
 
 std::optional<RMReply> EventService::ask(const RMRequest& request, const std::string& identity,
                                          const std::function<void(const RMReply&)>& apply) {
-    ClassLookup where = registry_.find(request.className);
+    std::vector<std::optional<RMReply>> got =
+        askMany({&request}, identity, [&apply](size_t, const RMReply& r) {
+            if (apply) {
+                apply(r);
+            }
+        });
+    return std::move(got[0]);
+}
+
+std::vector<std::optional<RMReply>> EventService::askMany(
+    const std::vector<const RMRequest*>& requests, const std::string& identity,
+    const std::function<void(size_t, const RMReply&)>& apply) {
+    // The answers are decoded (and applied) on the thread that reads the
+    // manager's messages, in their order; a wait given up at stopping
+    // leaves the rest unapplied, since `apply` may refer to the waiter's
+    // locals.
+    struct Batch {
+        std::mutex mu;
+        std::condition_variable cv;
+        size_t outstanding = 0;
+        bool abandoned = false;
+        std::vector<std::optional<RMReply>> replies;
+    };
+    auto batch = std::make_shared<Batch>();
+    batch->replies.resize(requests.size());
+    if (requests.empty()) {
+        return {};
+    }
+    ClassLookup where = registry_.find(requests.front()->className);
     if (!where.connected || where.endpoint == nullptr) {
-        return std::nullopt;
+        return std::move(batch->replies);
     }
     auto session = std::static_pointer_cast<ManagerSession>(where.endpoint);
-    // The answer is decoded (and applied) on the thread that reads the
-    // manager's messages, in their order; a wait given up at stopping
-    // leaves it unapplied, since `apply` may refer to the waiter's locals.
-    struct Answer {
-        std::mutex mu;
-        bool abandoned = false;
-        std::promise<std::optional<RMReply>> reply;
+    // Waits until at most `most` questions are open; false once stopping.
+    // The session's own deadline ends every question.
+    auto waitFor = [&](size_t most) {
+        std::unique_lock<std::mutex> lk(batch->mu);
+        while (!batch->cv.wait_for(lk, std::chrono::milliseconds(50),
+                                   [&] { return batch->outstanding <= most; })) {
+            std::lock_guard<std::mutex> g(taskMu_);
+            if (stop_) {
+                batch->abandoned = true;
+                return false;
+            }
+        }
+        return true;
     };
-    auto answer = std::make_shared<Answer>();
-    std::future<std::optional<RMReply>> done = answer->reply.get_future();
-    bool sent =
-        session->forward(proto::rmMethod(request.op), proto::encodeRequestParams(request, identity),
-                         timeout_, [answer, apply](ManagerSession::Outcome o, Json response) {
-                             std::optional<RMReply> reply;
-                             const Json* result = o == ManagerSession::Outcome::Answered
-                                                      ? proto::findField(response, "result")
-                                                      : nullptr;
-                             if (result != nullptr) {
-                                 try {
-                                     reply = proto::decodeReply(*result);
-                                 } catch (const std::exception&) {
-                                     reply.reset();
+    for (size_t i = 0; i < requests.size(); ++i) {
+        if (!waitFor(kAskWindow - 1)) {
+            return std::vector<std::optional<RMReply>>(requests.size());
+        }
+        {
+            std::lock_guard<std::mutex> g(batch->mu);
+            ++batch->outstanding;
+        }
+        const RMRequest& q = *requests[i];
+        bool sent =
+            session->forward(proto::rmMethod(q.op), proto::encodeRequestParams(q, identity),
+                             timeout_, [batch, i, apply](ManagerSession::Outcome o, Json response) {
+                                 std::optional<RMReply> reply;
+                                 const Json* result = o == ManagerSession::Outcome::Answered
+                                                          ? proto::findField(response, "result")
+                                                          : nullptr;
+                                 if (result != nullptr) {
+                                     try {
+                                         reply = proto::decodeReply(*result);
+                                     } catch (const std::exception&) {
+                                         reply.reset();
+                                     }
                                  }
-                             }
-                             std::lock_guard<std::mutex> g(answer->mu);
-                             if (answer->abandoned) {
-                                 return;
-                             }
-                             if (reply && reply->error == nullptr && apply) {
-                                 apply(*reply);
-                             }
-                             answer->reply.set_value(std::move(reply));
-                         });
-    if (!sent) {
-        return std::nullopt;
-    }
-    // The session's own deadline ends every question; stopping ends the wait.
-    while (done.wait_for(std::chrono::milliseconds(50)) != std::future_status::ready) {
-        std::lock_guard<std::mutex> g(taskMu_);
-        if (stop_) {
-            std::lock_guard<std::mutex> a(answer->mu);
-            answer->abandoned = true;
-            return std::nullopt;
+                                 std::lock_guard<std::mutex> g(batch->mu);
+                                 if (batch->abandoned) {
+                                     return;
+                                 }
+                                 if (reply && reply->error == nullptr && apply) {
+                                     apply(i, *reply);
+                                 }
+                                 batch->replies[i] = std::move(reply);
+                                 --batch->outstanding;
+                                 batch->cv.notify_all();
+                             });
+        if (!sent) {
+            std::lock_guard<std::mutex> g(batch->mu);
+            --batch->outstanding;
         }
     }
-    return done.get();
+    if (!waitFor(0)) {
+        return std::vector<std::optional<RMReply>>(requests.size());
+    }
+    std::lock_guard<std::mutex> g(batch->mu);
+    return std::move(batch->replies);
 }
 
 void EventService::seedValues(const std::string& cls, const zn_resource_handle& h, bool persistent,
@@ -425,28 +466,43 @@ void EventService::seed(uint64_t watch) {
         return;
     }
     tarn_rmf2v::RMClassDef def = classDef(cls);
-    bool failed = false;
-    for (const zn_resource_handle& h : listed->handles) {
+    // Each resource's persistent and dynamic values, asked many at a time.
+    std::vector<RMRequest> reads;
+    std::vector<std::pair<size_t, bool>> of;  // handle index, persistent
+    reads.reserve(2 * listed->handles.size());
+    for (size_t k = 0; k < listed->handles.size(); ++k) {
         for (bool persistent : {true, false}) {
             RMRequest q;
             q.className = cls;
-            q.handle = h;
+            q.handle = listed->handles[k];
             q.op = persistent ? RMRequestOp::GetAttributeValues
                               : RMRequestOp::ReportDynAttributeValues;
             for (const auto& a : persistent ? def.persistent : def.dynamic) {
                 q.ids.push_back(a.id);
             }
-            if (q.ids.empty()) {
-                continue;
-            }
-            std::optional<RMReply> got = ask(
-                q, w.identity, [&](const RMReply& r) { seedValues(cls, h, persistent, r.values); });
-            if (!got || got->error != nullptr) {
-                failed = true;
+            if (!q.ids.empty()) {
+                reads.push_back(std::move(q));
+                of.emplace_back(k, persistent);
             }
         }
+    }
+    std::vector<const RMRequest*> asked;
+    for (const RMRequest& q : reads) {
+        asked.push_back(&q);
+    }
+    std::vector<std::optional<RMReply>> got =
+        askMany(asked, w.identity, [&](size_t i, const RMReply& r) {
+            seedValues(cls, listed->handles[of[i].first], of[i].second, r.values);
+        });
+    bool failed = false;
+    for (const std::optional<RMReply>& r : got) {
+        failed = failed || !r || r->error != nullptr;
+    }
+    {
         std::lock_guard<std::mutex> g(mu_);
-        classes_[cls].handles.insert(proto::handleToHex(h));
+        for (const zn_resource_handle& h : listed->handles) {
+            classes_[cls].handles.insert(proto::handleToHex(h));
+        }
     }
     if (failed) {
         deliverOne(errorEvent(watch, cls, events::kErrQueryFailed));
@@ -469,36 +525,54 @@ void EventService::monitoringRefused(const std::string& cls) {
     }
 }
 
-std::set<int> EventService::moveMonitoring(RMRequest& start, RMRequest& stop,
-                                           const std::set<int>& current,
-                                           const std::set<int>& needed,
-                                           const std::function<void(const RMReply&)>& seed) {
-    for (int id : needed) {
-        if (current.count(id) == 0) {
-            start.monitoring.push_back(rm_monitoring_data{id, 0});
-        }
-    }
-    for (int id : current) {
-        if (needed.count(id) == 0) {
-            stop.ids.push_back(id);
-        }
-    }
-    std::set<int> after = current;
-    if (!start.monitoring.empty()) {
-        std::optional<RMReply> r = ask(start, {}, seed);
-        if (r && r->error == nullptr) {
-            for (const rm_monitoring_data& m : start.monitoring) {
-                after.insert(m.rm_attribute_id);
+std::vector<std::set<int>> EventService::moveMonitoring(
+    std::vector<MonitoringMove>& moves, const std::set<int>& needed,
+    const std::function<void(size_t, const RMReply&)>& seed) {
+    std::vector<const RMRequest*> starts;
+    std::vector<size_t> startOf;
+    std::vector<const RMRequest*> stops;
+    std::vector<std::set<int>> after;
+    for (size_t k = 0; k < moves.size(); ++k) {
+        MonitoringMove& m = moves[k];
+        for (int id : needed) {
+            if (m.current.count(id) == 0) {
+                m.start.monitoring.push_back(rm_monitoring_data{id, 0});
             }
-        } else if (registry_.find(start.className).connected) {
-            monitoringRefused(start.className);
+        }
+        for (int id : m.current) {
+            if (needed.count(id) == 0) {
+                m.stop.ids.push_back(id);
+            }
+        }
+        if (!m.start.monitoring.empty()) {
+            starts.push_back(&m.start);
+            startOf.push_back(k);
+        }
+        if (!m.stop.ids.empty()) {
+            stops.push_back(&m.stop);
+        }
+        after.push_back(m.current);
+    }
+    std::vector<std::optional<RMReply>> started =
+        askMany(starts, {}, [&](size_t i, const RMReply& r) { seed(startOf[i], r); });
+    bool refused = false;
+    for (size_t i = 0; i < started.size(); ++i) {
+        if (started[i] && started[i]->error == nullptr) {
+            for (const rm_monitoring_data& d : starts[i]->monitoring) {
+                after[startOf[i]].insert(d.rm_attribute_id);
+            }
+        } else {
+            refused = true;
         }
     }
-    if (!stop.ids.empty()) {
-        // Whatever the manager answers, nobody needs these any more.
-        ask(stop, {});
-        for (int id : stop.ids) {
-            after.erase(id);
+    if (refused && !moves.empty() && registry_.find(moves.front().start.className).connected) {
+        monitoringRefused(moves.front().start.className);  // once, however many refused
+    }
+    // Whatever the manager answers, nobody needs these any more.
+    askMany(stops, {});
+    for (size_t k = 0; k < moves.size(); ++k) {
+        for (int id : moves[k].stop.ids) {
+            after[k].erase(id);
         }
     }
     return after;
@@ -513,16 +587,16 @@ void EventService::reconcileClass(const std::string& cls) {
         current = classes_[cls].classMonitoring;
         departures = classes_[cls].departures;
     }
-    RMRequest start;
-    start.op = RMRequestOp::StartMonitoringClassAttrs;
-    start.className = cls;
-    RMRequest stop;
-    stop.op = RMRequestOp::StopMonitoringClassAttrs;
-    stop.className = cls;
-    std::set<int> after = moveMonitoring(start, stop, current, needed, [&](const RMReply& r) {
+    std::vector<MonitoringMove> moves(1);
+    moves[0].start.op = RMRequestOp::StartMonitoringClassAttrs;
+    moves[0].start.className = cls;
+    moves[0].stop.op = RMRequestOp::StopMonitoringClassAttrs;
+    moves[0].stop.className = cls;
+    moves[0].current = std::move(current);
+    std::set<int> after = std::move(moveMonitoring(moves, needed, [&](size_t, const RMReply& r) {
         std::vector<rm_attribute_value> view = viewOf(r.values);
         engine_.refresh(cls, nullptr, false, view.data(), static_cast<unsigned int>(view.size()));
-    });
+    })[0]);
     std::lock_guard<std::mutex> g(mu_);
     ClassState& st = classes_[cls];
     if (st.departures == departures) {
@@ -543,28 +617,37 @@ void EventService::reconcile(const std::string& cls) {
             now[hex] = st.monitoring[hex];
         }
     }
+    std::vector<MonitoringMove> moves;
+    std::vector<std::string> hexes;
     for (auto& [hex, current] : now) {
         zn_resource_handle h{};
         if (!proto::parseHandleHex(hex, h)) {
             continue;
         }
-        RMRequest start;
-        start.op = RMRequestOp::StartMonitoringResourceAttrs;
-        start.className = cls;
-        start.handle = h;
-        RMRequest stop;
-        stop.op = RMRequestOp::StopMonitoringResourceAttrs;
-        stop.className = cls;
-        stop.handle = h;
-        std::set<int> after = moveMonitoring(start, stop, current, needed, [&](const RMReply& r) {
+        MonitoringMove& m = moves.emplace_back();
+        m.start.op = RMRequestOp::StartMonitoringResourceAttrs;
+        m.start.className = cls;
+        m.start.handle = h;
+        m.stop.op = RMRequestOp::StopMonitoringResourceAttrs;
+        m.stop.className = cls;
+        m.stop.handle = h;
+        m.current = std::move(current);
+        hexes.push_back(hex);
+    }
+    std::vector<std::set<int>> after =
+        moveMonitoring(moves, needed, [&](size_t k, const RMReply& r) {
             std::vector<rm_attribute_value> view = viewOf(r.values);
-            engine_.refresh(cls, &h, false, view.data(), static_cast<unsigned int>(view.size()));
+            engine_.refresh(cls, &moves[k].start.handle, false, view.data(),
+                            static_cast<unsigned int>(view.size()));
         });
-        std::lock_guard<std::mutex> g(mu_);
-        auto it = classes_.find(cls);
-        if (it != classes_.end() && it->second.departures == departures &&
-            it->second.handles.count(hex) != 0) {
-            it->second.monitoring[hex] = std::move(after);
+    std::lock_guard<std::mutex> g(mu_);
+    auto it = classes_.find(cls);
+    if (it == classes_.end() || it->second.departures != departures) {
+        return;
+    }
+    for (size_t k = 0; k < moves.size(); ++k) {
+        if (it->second.handles.count(hexes[k]) != 0) {
+            it->second.monitoring[hexes[k]] = std::move(after[k]);
         }
     }
 }

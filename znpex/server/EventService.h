@@ -107,12 +107,20 @@ private:
     // Starts and stops monitoring so the class's manager watches what is needed.
     void reconcile(const std::string& cls);
     void reconcileClass(const std::string& cls);
-    // Asks the manager to start what `needed` has beyond `current` and to
-    // stop the rest (start/stop come with the class and handle filled in);
-    // `seed` gets a successful start's values. Returns what is monitored after.
-    std::set<int> moveMonitoring(tarn_rmf2v::RMRequest& start, tarn_rmf2v::RMRequest& stop,
-                                 const std::set<int>& current, const std::set<int>& needed,
-                                 const std::function<void(const tarn_rmf2v::RMReply&)>& seed);
+    // One resource's (or the class's) monitoring to move: start and stop
+    // come with the class and handle filled in.
+    struct MonitoringMove {
+        tarn_rmf2v::RMRequest start;
+        tarn_rmf2v::RMRequest stop;
+        std::set<int> current;
+    };
+    // Asks the manager to start what `needed` has beyond each move's current
+    // set and to stop the rest, many at a time; `seed` gets a successful
+    // start's values by move index. Returns what each monitors after. A
+    // refusal gives the class's watches one error event.
+    std::vector<std::set<int>> moveMonitoring(
+        std::vector<MonitoringMove>& moves, const std::set<int>& needed,
+        const std::function<void(size_t, const tarn_rmf2v::RMReply&)>& seed);
     // Every watch of the class gets error event 0x4000b.
     void monitoringRefused(const std::string& cls);
     tarn_rmf2v::RMClassDef classDef(const std::string& cls) const;
@@ -123,6 +131,12 @@ private:
     std::optional<tarn_rmf2v::RMReply> ask(
         const tarn_rmf2v::RMRequest& request, const std::string& identity,
         const std::function<void(const tarn_rmf2v::RMReply&)>& apply = {});
+    // The same for many requests of one class, with up to kAskWindow of
+    // them in flight; `apply` gets the request's index. Answers by index.
+    static constexpr size_t kAskWindow = 32;
+    std::vector<std::optional<tarn_rmf2v::RMReply>> askMany(
+        const std::vector<const tarn_rmf2v::RMRequest*>& requests, const std::string& identity,
+        const std::function<void(size_t, const tarn_rmf2v::RMReply&)>& apply = {});
     void seedValues(const std::string& cls, const zn_resource_handle& h, bool persistent,
                     const std::vector<tarn_rmf2v::RMReplyAttr>& values);
 
