@@ -23,6 +23,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/zn_owned.h"
@@ -124,7 +125,8 @@ private:
     mutable std::mutex mu_;  // guards everything below
     uint64_t nextId_ = 1;
     std::map<uint64_t, std::unique_ptr<Watch>> watches_;
-    std::map<std::string, std::unique_ptr<ResourceState>> resources_;
+    // By class and handle; looked up on every report, so hashed.
+    std::unordered_map<std::string, std::unique_ptr<ResourceState>> resources_;
 };
 
 }  // namespace znpex::events
