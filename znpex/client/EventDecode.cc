@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "znpex/proto/JsonRpc.h"
 #include "znpex/proto/JsonScan.h"
 #include "znpex/proto/ProtocolError.h"
 #include "znpex/proto/ValueCodec.h"
@@ -204,36 +205,11 @@ RspPtr<px_event_2_t> eventFromParams(const proto::Json& p) {
 }
 
 RspPtr<px_event_2_t> eventFromText(std::string_view frame) {
-    proto::JsonScan s(frame);
     RspPtr<px_event_2_t> e;  // made once the params come: replies cost nothing
-    std::string_view k;
-    std::string_view text;
-    unsigned seen = 0;
-    if (!s.beginObject()) {
-        return nullptr;
-    }
-    while (s.nextKey(k)) {
-        if (k == "jsonrpc" && (seen & 1) == 0) {
-            seen |= 1;
-            if (!s.string(text) || text != "2.0") {
-                return nullptr;
-            }
-        } else if (k == "method" && (seen & 2) == 0) {
-            seen |= 2;
-            if (!s.string(text) || text != "event.fired") {
-                return nullptr;
-            }
-        } else if (k == "params" && (seen & 4) == 0) {
-            seen |= 4;
+    if (!proto::scanNotification(frame, "event.fired", [&e](proto::JsonScan& s) {
             e = newEvent();
-            if (!scanParams(s, *e)) {
-                return nullptr;
-            }
-        } else {
-            return nullptr;
-        }
-    }
-    if (!s.end() || seen != 7) {
+            return scanParams(s, *e);
+        })) {
         return nullptr;
     }
     return e;

@@ -3,6 +3,7 @@
 #include <limits>
 #include <vector>
 
+#include "znpex/proto/JsonRpc.h"
 #include "znpex/proto/JsonScan.h"
 #include "znpex/proto/JsonWriter.h"
 #include "znpex/proto/ServiceMessages.h"
@@ -106,35 +107,9 @@ std::string attributesModifiedNotification(const AttributesModified& n) {
 }
 
 std::optional<AttributesModified> scanAttributesModifiedNotification(std::string_view payload) {
-    JsonScan s(payload);
     AttributesModified n;
-    std::string_view k;
-    unsigned seen = 0;
-    if (!s.beginObject()) {
-        return std::nullopt;
-    }
-    while (s.nextKey(k)) {
-        std::string_view text;
-        if (k == "jsonrpc" && (seen & 1) == 0) {
-            seen |= 1;
-            if (!s.string(text) || text != "2.0") {
-                return std::nullopt;
-            }
-        } else if (k == "method" && (seen & 2) == 0) {
-            seen |= 2;
-            if (!s.string(text) || text != kNotifyAttributesModified) {
-                return std::nullopt;
-            }
-        } else if (k == "params" && (seen & 4) == 0) {
-            seen |= 4;
-            if (!scanParams(s, n)) {
-                return std::nullopt;
-            }
-        } else {
-            return std::nullopt;  // an id, or anything else: the general road
-        }
-    }
-    if (!s.end() || seen != 7) {
+    if (!scanNotification(payload, kNotifyAttributesModified,
+                          [&n](JsonScan& s) { return scanParams(s, n); })) {
         return std::nullopt;
     }
     return n;

@@ -1,6 +1,7 @@
 #include "znpex/proto/JsonRpc.h"
 
 #include "znpex/proto/ErrorCodec.h"
+#include "znpex/proto/JsonScan.h"
 
 namespace znpex::proto {
 namespace {
@@ -130,6 +131,31 @@ const char* rpcCodeText(int code) {
         default:
             return "error";
     }
+}
+
+bool scanNotification(std::string_view payload, std::string_view method,
+                      const std::function<bool(JsonScan&)>& params) {
+    JsonScan s(payload);
+    std::string_view k;
+    std::string_view text;
+    unsigned seen = 0;
+    if (!s.beginObject()) {
+        return false;
+    }
+    while (s.nextKey(k)) {
+        unsigned bit = k == "jsonrpc" ? 1 : k == "method" ? 2 : k == "params" ? 4 : 0;
+        if (bit == 0 || (seen & bit) != 0) {
+            return false;  // an id, or anything else: the general road
+        }
+        seen |= bit;
+        bool ok = bit == 1   ? s.string(text) && text == "2.0"
+                  : bit == 2 ? s.string(text) && text == method
+                             : params(s);
+        if (!ok) {
+            return false;
+        }
+    }
+    return s.end() && seen == 7;
 }
 
 }  // namespace znpex::proto

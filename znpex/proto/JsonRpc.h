@@ -6,6 +6,7 @@
 // Pure functions, thread-safe.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -28,6 +29,14 @@ struct RpcMessage {
 };
 
 RpcMessage parseMessage(std::string_view payload);
+
+class JsonScan;
+// The plain notification `method` read without a Json tree: exactly the
+// members "jsonrpc" ("2.0"), "method" and "params", in any order, with
+// `params` reading the params. False for any other text (the caller takes
+// the general road); never throws ProtocolError.
+bool scanNotification(std::string_view payload, std::string_view method,
+                      const std::function<bool(JsonScan&)>& params);
 
 Json makeRequest(const Json& id, const std::string& method, Json params);
 Json makeNotification(const std::string& method, Json params);

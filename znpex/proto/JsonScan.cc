@@ -165,6 +165,17 @@ bool JsonScan::numberToken(std::string_view& text, bool& integral) {
     return true;
 }
 
+namespace {
+
+// The whole token as a T, within its range.
+template <typename T>
+bool whole(std::string_view t, T& out) {
+    auto r = std::from_chars(t.data(), t.data() + t.size(), out);
+    return r.ec == std::errc() && r.ptr == t.data() + t.size();
+}
+
+}  // namespace
+
 template <typename T>
 bool JsonScan::integer(T& out) {
     std::string_view t;
@@ -172,8 +183,7 @@ bool JsonScan::integer(T& out) {
     if (!numberToken(t, integral) || !integral || (std::is_unsigned_v<T> && t[0] == '-')) {
         return fail();  // "-0" is a signed integer to the general parser
     }
-    auto r = std::from_chars(t.data(), t.data() + t.size(), out);
-    return r.ec == std::errc() && r.ptr == t.data() + t.size() ? true : fail();
+    return whole(t, out) ? true : fail();
 }
 
 bool JsonScan::int64(int64_t& out) {
@@ -190,26 +200,20 @@ bool JsonScan::number(double& out) {
     if (!numberToken(t, integral)) {
         return false;
     }
-    const char* b = t.data();
-    const char* e = b + t.size();
     if (integral) {
         // The general parser keeps a 64-bit integer and converts it on request.
-        if (t[0] != '-') {
-            uint64_t u = 0;
-            if (auto r = std::from_chars(b, e, u); r.ec == std::errc() && r.ptr == e) {
-                out = static_cast<double>(u);
-                return true;
-            }
-        } else {
-            int64_t i = 0;
-            if (auto r = std::from_chars(b, e, i); r.ec == std::errc() && r.ptr == e) {
-                out = static_cast<double>(i);
-                return true;
-            }
+        uint64_t u = 0;
+        int64_t i = 0;
+        if (t[0] != '-' && whole(t, u)) {
+            out = static_cast<double>(u);
+            return true;
+        }
+        if (t[0] == '-' && whole(t, i)) {
+            out = static_cast<double>(i);
+            return true;
         }
     }
-    auto r = std::from_chars(b, e, out);
-    return r.ec == std::errc() && r.ptr == e && std::isfinite(out) ? true : fail();
+    return whole(t, out) && std::isfinite(out) ? true : fail();
 }
 
 }  // namespace znpex::proto

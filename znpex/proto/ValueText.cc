@@ -186,13 +186,9 @@ bool scanBareValue(JsonScan& s, zn_data_type_t t, zn::OwnedValue& out) {
             if (!s.string(text) || !parseHandleHex(text, h)) {
                 return s.fail();
             }
-            v.ptr_rsrc_handle =
-                static_cast<zn_resource_handle*>(std::malloc(sizeof(zn_resource_handle)));
-            if (v.ptr_rsrc_handle == nullptr) {
-                throw std::bad_alloc();
-            }
-            *v.ptr_rsrc_handle = h;
-            break;
+            v.ptr_rsrc_handle = &h;
+            out = zn::OwnedValue::copyOf(t, v);
+            return true;
         }
         default:
             return s.fail();  // UNKNOWN/NONE with a value, and the rarer types
